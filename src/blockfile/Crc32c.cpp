@@ -1,0 +1,51 @@
+#include "Crc32c.h"
+
+#if defined(FBCDC_HAVE_SSE42_CRC)
+#include <cpuid.h>
+#endif
+
+std::uint32_t crc32cTable[256];
+Crc32cUpdateFunction crc32cUpdate = crc32cUpdateTable;
+
+namespace {
+
+constexpr std::uint32_t kReflectedPolynomial = 0x82F63B78;
+
+// Runs once when the library is loaded, before any log is written; nothing writes the table or
+// the pointer afterwards.
+struct Crc32cLoadTimeInit {
+  Crc32cLoadTimeInit() {
+    for (std::uint32_t i = 0; i < 256; ++i) {
+      std::uint32_t c = i;
+      for (int bit = 0; bit < 8; ++bit) c = (c & 1) ? (c >> 1) ^ kReflectedPolynomial : c >> 1;
+      crc32cTable[i] = c;
+    }
+#if defined(FBCDC_HAVE_SSE42_CRC)
+    if (crc32cHasSse42()) crc32cUpdate = crc32cUpdateSse42;
+#endif
+  }
+} crc32cLoadTimeInit;
+
+}  // namespace
+
+bool crc32cHasSse42() {
+#if defined(FBCDC_HAVE_SSE42_CRC)
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx)) return false;
+  return (ecx & (1u << 20)) != 0;
+#else
+  return false;
+#endif
+}
+
+void crc32cUpdateTable(std::uint32_t& running, const std::uint8_t* data, std::int32_t length) {
+  std::uint32_t c = running;
+  for (std::int32_t i = 0; i < length; ++i) c = (c >> 8) ^ crc32cTable[(c ^ data[i]) & 0xFF];
+  running = c;
+}
+
+std::uint32_t crc32c(const std::uint8_t* data, std::int32_t length) {
+  std::uint32_t running = 0xFFFFFFFF;
+  crc32cUpdate(running, data, length);
+  return ~running;
+}

@@ -1,0 +1,32 @@
+// CRC-32C (Castagnoli): the checksum that closes every block of a change log.
+//
+// Polynomial 0x1EDC6F41 processed bit-reflected as 0x82F63B78, initial value 0xFFFFFFFF, final
+// complement. crc32c("123456789") == 0xE3069283.
+//
+// At library load a static initialiser builds crc32cTable and points crc32cUpdate at the SSE4.2
+// implementation when CPUID reports the instruction, otherwise at the table. Both are read-only
+// afterwards, so CRCs may be computed from any number of threads.
+#pragma once
+
+#include <cstdint>
+
+// Folds length bytes into a running value, with no initial value and no final complement.
+using Crc32cUpdateFunction = void (*)(std::uint32_t& running, const std::uint8_t* data,
+                                      std::int32_t length);
+
+extern std::uint32_t crc32cTable[256];
+extern Crc32cUpdateFunction crc32cUpdate;
+
+void crc32cUpdateTable(std::uint32_t& running, const std::uint8_t* data, std::int32_t length);
+
+#if defined(__x86_64__) || defined(__i386__)
+#define FBCDC_HAVE_SSE42_CRC 1
+// Only to be called when crc32cHasSse42() is true.
+void crc32cUpdateSse42(std::uint32_t& running, const std::uint8_t* data, std::int32_t length);
+#endif
+
+// Whether the processor has the SSE4.2 CRC32 instruction (CPUID leaf 1, ECX bit 20).
+bool crc32cHasSse42();
+
+// CRC-32C of length bytes (length not negative).
+std::uint32_t crc32c(const std::uint8_t* data, std::int32_t length);

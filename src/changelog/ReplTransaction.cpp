@@ -1,0 +1,83 @@
+#include "ReplTransaction.h"
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <ctime>
+
+#include "../blockfile/ReplException.h"
+#include "../plugin/ReplStatus.h"
+
+ReplTransaction::ReplTransaction(std::uint64_t number)
+    : outputDirectory(nullptr),
+      transactionNumber(number),
+      committed(false),
+      headerEnd(0),
+      savepoints(nullptr) {}
+
+ReplTransaction::~ReplTransaction() {
+  while (savepoints) {
+    ReplSavepoint* below = savepoints->next;
+    delete savepoints;
+    savepoints = below;
+  }
+}
+
+void ReplTransaction::formatName(char* out, std::size_t size, const char* suffix) const {
+  // The time is widened to a signed 64-bit number and printed with its two's complement bits.
+  const std::int64_t now = static_cast<std::int64_t>(::time(nullptr));
+  std::snprintf(out, size, "%s%16.16llx_%16.16llx%s", outputDirectory,
+                static_cast<unsigned long long>(now),
+                static_cast<unsigned long long>(transactionNumber), suffix);
+}
+
+void ReplTransaction::initialize(const char* directory) {
+  outputDirectory = directory;
+  formatName(fileName, sizeof fileName, ".tmp");
+  // The header stays in the buffer: no file exists until the first block is flushed.
+  putByte('Z');
+  putByte('E');
+  putByte('F');
+  putByte('O');
+  putByte(kFormatVersion);
+  headerEnd = getPosition();
+}
+
+std::int32_t ReplTransaction::commit(Firebird::IStatus* status) {
+  // The server should call only dispose after a commit; a second commit has nothing left to do.
+  if (committed) return 0;
+  // Nothing recorded (or everything rolled back): nothing is published, and dispose removes a file
+  // that an earlier block flush may have created.
+  if (getPosition() <= headerEnd) return 0;
+  try {
+    putByte(kCommitMarker);
+    flushBlock();
+  } catch (const ReplException& e) {
+    // The log stays unpublished; dispose removes the file if one was created.
+    return ReplStatus::reportException(status, e);
+  }
+  // A rollback into a block already on disk may have left the file longer than the final log.
+  const std::int64_t length = getPosition();
+  if (length < highWaterMark) (void)::ftruncate64(fd, length);
+  (void)::close(fd);
+  fd = -1;
+  committed = true;
+  return 0;
+}
+
+void ReplTransaction::dispose() {
+  if (committed) {
+    // The final name carries the time of publication, which may differ from the temporary one's.
+    // If the rename fails the complete log stays under its temporary name; nothing can be reported.
+    char finalName[sizeof fileName];
+    formatName(finalName, sizeof finalName, ".fbl");
+    (void)::rename(fileName, finalName);
+  } else if (fd >= 0) {
+    // Only a file this transaction created is removed; with fd at -1 a file of the same name
+    // belongs to someone else.
+    (void)::close(fd);
+    fd = -1;
+    (void)::remove(fileName);
+  }
+  delete this;
+}

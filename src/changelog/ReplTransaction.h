@@ -1,0 +1,72 @@
+// The change log writer of one replicated transaction.
+//
+// The log is written under a temporary name while the transaction is open and receives its final
+// ".fbl" name at dispose, only when commit completed with at least one record behind the header.
+// Every other log is removed. The byte stream is: "ZEFO", the format version 4, the records, and
+// the commit marker "{".
+//
+// Member definitions are grouped by concern: lifecycle in ReplTransaction.cpp, the record layouts
+// in ChangeRecords.cpp, field values in FieldValueEncoder.cpp, savepoints in Savepoints.cpp.
+#pragma once
+
+#include <cstdint>
+
+#include "../blockfile/TWriteFile.h"
+#include "IReplTransaction.h"
+#include "ReplSavepoint.h"
+
+namespace Firebird {
+class IReplField;
+}
+
+class ReplTransaction final : public Firebird::IReplTransaction, private TWriteFile {
+ public:
+  static constexpr std::uint8_t kFormatVersion = 4;
+  static constexpr std::uint8_t kCommitMarker = 0x7B;
+
+  explicit ReplTransaction(std::uint64_t number);
+  // Frees the savepoint nodes; the writer part closes the descriptor if one is open.
+  ~ReplTransaction() override;
+
+  // Forms the temporary name in outputDirectory (which ends in a separator and must outlive this
+  // object) and puts the header into the block buffer. Creates no file.
+  void initialize(const char* outputDirectory);
+
+  void dispose() override;
+  std::int32_t insertRecord(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                            Firebird::ITransaction* transaction,
+                            Firebird::IReplRecord* record) override;
+  std::int32_t updateRecord(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                            Firebird::ITransaction* transaction, Firebird::IReplRecord* oldRecord,
+                            Firebird::IReplRecord* newRecord) override;
+  std::int32_t deleteRecord(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                            Firebird::ITransaction* transaction,
+                            Firebird::IReplRecord* record) override;
+  std::int32_t executeSql(Firebird::IStatus* status, const char* sql, std::int64_t number) override;
+  std::int32_t commit(Firebird::IStatus* status) override;
+  void startSavepoint(Firebird::IStatus* status, std::int32_t number) override;
+  void releaseSavepoint(Firebird::IStatus* status, std::int32_t number) override;
+  void rollbackSavepoint(std::int32_t number) override;
+
+  // The temporary name, for whoever needs to find the open log.
+  const char* getFileName() const { return fileName; }
+
+ private:
+  // Formats "<dir><time>_<number><suffix>" with both numbers as 16 lower-case hex digits.
+  void formatName(char* out, std::size_t size, const char* suffix) const;
+
+  // The insert and delete layouts differ only in their tag and in the kind of value.
+  std::int32_t writeRowRecord(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                              Firebird::ITransaction* transaction, Firebird::IReplRecord* record,
+                              std::uint8_t tag, bool old);
+  void writeRecordName(const char* text);
+  bool writeFieldName(const char* name);
+  void writeFieldValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                       Firebird::ITransaction* transaction, Firebird::IReplField* cursor, bool old);
+
+  const char* outputDirectory;
+  const std::uint64_t transactionNumber;
+  bool committed;
+  std::int64_t headerEnd;
+  ReplSavepoint* savepoints;
+};

@@ -1,0 +1,108 @@
+#include "Crc32c.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "TestFiles.h"
+
+namespace {
+
+struct KnownValue {
+  const char* name;
+  std::vector<std::uint8_t> data;
+  std::uint32_t crc;
+};
+
+std::vector<std::uint8_t> filled(std::size_t n, std::uint8_t value) {
+  return std::vector<std::uint8_t>(n, value);
+}
+
+std::vector<std::uint8_t> counting(std::size_t n, bool down) {
+  std::vector<std::uint8_t> v(n);
+  for (std::size_t i = 0; i < n; ++i) v[i] = static_cast<std::uint8_t>(down ? n - 1 - i : i);
+  return v;
+}
+
+TEST(Crc32c, KnownValues) {
+  const std::string digits = "123456789";
+  const KnownValue cases[] = {
+      {"empty", {}, 0x00000000},
+      {"digits 1 to 9", std::vector<std::uint8_t>(digits.begin(), digits.end()), 0xE3069283},
+      {"32 zero bytes", filled(32, 0x00), 0x8A9136AA},
+      {"32 bytes 0xFF", filled(32, 0xFF), 0x62A8AB43},
+      {"00 to 1F", counting(32, false), 0x46DD794E},
+      {"1F to 00", counting(32, true), 0x113FDB5C},
+  };
+  for (const KnownValue& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto length = static_cast<std::int32_t>(c.data.size());
+    EXPECT_EQ(c.crc, crc32c(c.data.data(), length));
+    std::uint32_t running = 0xFFFFFFFF;
+    crc32cUpdateTable(running, c.data.data(), length);
+    EXPECT_EQ(c.crc, ~running);
+  }
+}
+
+TEST(Crc32c, TableIsBuiltAtLoad) {
+  EXPECT_EQ(0x00000000u, crc32cTable[0]);
+  EXPECT_EQ(0xF26B8303u, crc32cTable[1]);
+  EXPECT_EQ(0x82F63B78u, crc32cTable[128]);
+  EXPECT_EQ(0xAD7D5351u, crc32cTable[255]);
+}
+
+TEST(Crc32c, SelectionFollowsCpuid) {
+#if defined(FBCDC_HAVE_SSE42_CRC)
+  EXPECT_EQ(crc32cHasSse42() ? &crc32cUpdateSse42 : &crc32cUpdateTable, crc32cUpdate);
+#else
+  EXPECT_EQ(&crc32cUpdateTable, crc32cUpdate);
+#endif
+}
+
+// Both implementations, and the dispatched entry, fold every length from every start address alike,
+// from any running value; a zero length leaves the running value alone.
+TEST(Crc32c, ImplementationsAgreeOnEveryLengthAndAlignment) {
+  std::vector<Crc32cUpdateFunction> updates = {crc32cUpdateTable, crc32cUpdate};
+#if defined(FBCDC_HAVE_SSE42_CRC)
+  if (crc32cHasSse42()) updates.push_back(crc32cUpdateSse42);
+#endif
+  if (updates.size() < 3) std::printf("note: no SSE4.2 on this processor, table path only\n");
+
+  std::mt19937 random(20261123);
+  std::vector<std::uint8_t> data(1100);
+  for (auto& b : data) b = static_cast<std::uint8_t>(random());
+
+  for (int align = 0; align < 16; ++align) {
+    for (int length = 0; length <= 1024; ++length) {
+      const std::uint8_t* start = data.data() + align;
+      const std::uint32_t seed = static_cast<std::uint32_t>(random());
+      const std::uint32_t expected = ~slowCrc32c(start, length);
+      for (Crc32cUpdateFunction update : updates) {
+        std::uint32_t running = 0xFFFFFFFF;
+        update(running, start, length);
+        ASSERT_EQ(expected, running) << "align " << align << " length " << length;
+        std::uint32_t fromSeed = seed;
+        std::uint32_t reference = seed;
+        update(fromSeed, start, length);
+        crc32cUpdateTable(reference, start, length);
+        ASSERT_EQ(reference, fromSeed) << "align " << align << " length " << length;
+      }
+    }
+  }
+}
+
+// Folding a buffer in two pieces at any split point gives the CRC of the whole.
+TEST(Crc32c, SplitsComposeToTheWhole) {
+  std::vector<std::uint8_t> data = counting(200, false);
+  const std::uint32_t whole = crc32c(data.data(), 200);
+  for (int split = 0; split <= 200; ++split) {
+    std::uint32_t running = 0xFFFFFFFF;
+    crc32cUpdate(running, data.data(), split);
+    crc32cUpdate(running, data.data() + split, 200 - split);
+    ASSERT_EQ(whole, ~running) << "split " << split;
+  }
+}
+
+}  // namespace

@@ -1,0 +1,171 @@
+#include "PosixFaults.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+namespace PosixFaults {
+namespace {
+
+struct Rule {
+  int nth = 0;  // 0: disarmed
+  int error = 0;
+  long bytes = -1;
+  bool persistent = false;
+};
+
+// A few rules per kind, so that a test can shorten one call and fail the next.
+constexpr int kRulesPerCall = 4;
+Rule rules[kCalls][kRulesPerCall];
+std::atomic<int> counts[kCalls];
+std::atomic<int> firedCount{0};
+std::atomic<std::time_t> fixedTime{0};
+
+// Counts the call; returns true when it must fail (errno is set), and lowers *limit when the rule
+// only shortens the transfer.
+bool inject(Call call, long* limit = nullptr) {
+  const int n = ++counts[call];
+  for (const Rule& r : rules[call]) {
+    if (r.nth == 0 || n < r.nth || (n > r.nth && !r.persistent)) continue;
+    ++firedCount;
+    if (r.error != 0) {
+      errno = r.error;
+      return true;
+    }
+    if (limit) *limit = r.bytes;
+    return false;
+  }
+  return false;
+}
+
+void addRule(Call call, const Rule& rule) {
+  for (Rule& r : rules[call]) {
+    if (r.nth == 0) {
+      r = rule;
+      return;
+    }
+  }
+  std::fprintf(stderr, "PosixFaults: too many rules for one call\n");
+  std::abort();
+}
+
+}  // namespace
+
+void failAt(Call call, int nth, int error, bool persistent) {
+  addRule(call, Rule{nth, error, -1, persistent});
+}
+
+void limitAt(Call call, int nth, long bytes, bool persistent) {
+  addRule(call, Rule{nth, 0, bytes, persistent});
+}
+
+int calls(Call call) { return counts[call]; }
+int fired() { return firedCount; }
+void setTime(std::time_t t) { fixedTime = t; }
+
+void reset() {
+  for (int i = 0; i < kCalls; ++i) {
+    for (Rule& r : rules[i]) r = Rule{};
+    counts[i] = 0;
+  }
+  firedCount = 0;
+  fixedTime = 0;
+}
+
+}  // namespace PosixFaults
+
+using PosixFaults::inject;
+
+extern "C" {
+
+int __real_open(const char* path, int flags, ...);
+ssize_t __real_write(int fd, const void* data, size_t size);
+ssize_t __real_read(int fd, void* data, size_t size);
+off64_t __real_lseek64(int fd, off64_t offset, int whence);
+int __real_ftruncate64(int fd, off64_t length);
+int __real_close(int fd);
+int __real_rename(const char* from, const char* to);
+int __real_remove(const char* path);
+int __real_mkdir(const char* path, mode_t mode);
+time_t __real_time(time_t* t);
+
+int __wrap_open(const char* path, int flags, ...) {
+  mode_t mode = 0;
+  if (flags & (O_CREAT | O_TMPFILE)) {
+    va_list args;
+    va_start(args, flags);
+    mode = static_cast<mode_t>(va_arg(args, int));
+    va_end(args);
+  }
+  if (inject(PosixFaults::kOpen)) return -1;
+  return __real_open(path, flags, mode);
+}
+
+ssize_t __wrap_write(int fd, const void* data, size_t size) {
+  long limit = -1;
+  if (inject(PosixFaults::kWrite, &limit)) return -1;
+  if (limit >= 0 && static_cast<size_t>(limit) < size) {
+    if (limit == 0) return 0;
+    size = static_cast<size_t>(limit);
+  }
+  return __real_write(fd, data, size);
+}
+
+ssize_t __wrap_read(int fd, void* data, size_t size) {
+  long limit = -1;
+  if (inject(PosixFaults::kRead, &limit)) return -1;
+  if (limit >= 0 && static_cast<size_t>(limit) < size) size = static_cast<size_t>(limit);
+  return size == 0 ? 0 : __real_read(fd, data, size);
+}
+
+off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
+  if (inject(PosixFaults::kLseek64)) return -1;
+  return __real_lseek64(fd, offset, whence);
+}
+
+int __wrap_ftruncate64(int fd, off64_t length) {
+  if (inject(PosixFaults::kFtruncate64)) return -1;
+  return __real_ftruncate64(fd, length);
+}
+
+int __wrap_close(int fd) {
+  if (inject(PosixFaults::kClose)) {
+    // A failed close still releases the descriptor on Linux; keep the test process clean.
+    const int saved = errno;
+    __real_close(fd);
+    errno = saved;
+    return -1;
+  }
+  return __real_close(fd);
+}
+
+int __wrap_rename(const char* from, const char* to) {
+  if (inject(PosixFaults::kRename)) return -1;
+  return __real_rename(from, to);
+}
+
+int __wrap_remove(const char* path) {
+  if (inject(PosixFaults::kRemove)) return -1;
+  return __real_remove(path);
+}
+
+int __wrap_mkdir(const char* path, mode_t mode) {
+  if (inject(PosixFaults::kMkdir)) return -1;
+  return __real_mkdir(path, mode);
+}
+
+time_t __wrap_time(time_t* t) {
+  const time_t fixed = PosixFaults::fixedTime;
+  if (fixed == 0) return __real_time(t);
+  if (t) *t = fixed;
+  return fixed;
+}
+
+}  // extern "C"
