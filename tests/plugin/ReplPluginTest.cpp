@@ -9,9 +9,11 @@
 #include <thread>
 #include <vector>
 
+#include "AllocationFaults.h"
 #include "IReplTransaction.h"
 #include "PosixFaults.h"
 #include "ReplStatus.h"
+#include "ReplTransaction.h"
 #include "TestFiles.h"
 
 extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
@@ -154,6 +156,34 @@ TEST_F(ReplPluginTest, StartingATransactionCreatesNoFile) {
   t2->dispose();
   EXPECT_EQ(std::vector<std::string>{}, listDirectory(dir / "logs"));
   plugin->dispose();
+}
+
+// Running out of memory: the entry function returns null with the status untouched, and a failed
+// transaction start reports its fixed text and leaves the plugin usable.
+TEST_F(ReplPluginTest, AllocationFailures) {
+  writeFile(dir / "a.conf", "OutputDirectory = " + dir.path() + "logs\n");
+  Firebird::IConfig* config = loadConfig(dir / "a.conf");
+  AllocationFaults::failNextOfAtLeast(sizeof(ReplPlugin));
+  EXPECT_EQ(nullptr, getReplPlugin(status, 30, config));
+  EXPECT_EQ(0u, status.get()->getState());
+  EXPECT_FALSE(fileExists(dir / "logs"));
+  AllocationFaults::reset();
+
+  Firebird::IReplPlugin* plugin = getReplPlugin(status, 30, config);
+  config->release();
+  ASSERT_NE(nullptr, plugin);
+  AllocationFaults::failNextOfAtLeast(sizeof(ReplTransaction));
+  EXPECT_EQ(nullptr, plugin->startTransaction(status, 1));
+  EXPECT_EQ((Strings{"1", "335544382", "2", "CDC error: Transaction initialization failed"}),
+            status.errors());
+  Firebird::IReplTransaction* t = plugin->startTransaction(status, 2);
+  ASSERT_NE(nullptr, t);
+  EXPECT_EQ(0, t->executeSql(status, "after", 1));
+  EXPECT_EQ(0, t->commit(status));
+  t->dispose();
+  EXPECT_EQ(1u, listDirectory(dir / "logs").size());
+  plugin->dispose();
+  AllocationFaults::reset();
 }
 
 // The message buffer belongs to the calling thread: a later failure overwrites the earlier text of

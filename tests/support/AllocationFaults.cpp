@@ -1,0 +1,50 @@
+#include "AllocationFaults.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace AllocationFaults {
+namespace {
+std::atomic<std::size_t> failSize{0};
+std::atomic<long> allocations{0};
+}  // namespace
+
+void failNextOfAtLeast(std::size_t minimumSize) { failSize = minimumSize; }
+long count() { return allocations; }
+void reset() {
+  failSize = 0;
+  allocations = 0;
+}
+
+void* allocate(std::size_t size) {
+  ++allocations;
+  std::size_t armed = failSize;
+  if (armed != 0 && size >= armed && failSize.compare_exchange_strong(armed, 0))
+    throw std::bad_alloc();
+  if (void* p = std::malloc(size ? size : 1)) return p;
+  throw std::bad_alloc();
+}
+
+}  // namespace AllocationFaults
+
+void* operator new(std::size_t size) { return AllocationFaults::allocate(size); }
+void* operator new[](std::size_t size) { return AllocationFaults::allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return AllocationFaults::allocate(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
+  try {
+    return AllocationFaults::allocate(size);
+  } catch (...) {
+    return nullptr;
+  }
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete[](void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
