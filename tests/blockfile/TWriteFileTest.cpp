@@ -257,4 +257,72 @@ TEST_F(TWriteFileTest, WriteFaults) {
   }
 }
 
+// The texts of every way a rewind can fail. A failed first positioning leaves the writer as it was;
+// once the descriptor has moved, the writer stops.
+TEST_F(TWriteFileTest, SeekFailures) {
+  struct Case {
+    const char* name;
+    std::function<void()> arm;
+    std::int64_t target;
+    const char* first;
+    const char* second;
+    bool stops;
+  };
+  const Case cases[] = {
+      {"first positioning", [] { PosixFaults::failAt(PosixFaults::kLseek64, 1, EIO); }, 100,
+       "TWF::Seek", "Input/output error", false},
+      {"read-back fails", [] { PosixFaults::failAt(PosixFaults::kRead, 1, EIO); }, 100,
+       "TWF::Seek-RB", "Input/output error", true},
+      {"read-back at the end", [] { PosixFaults::limitAt(PosixFaults::kRead, 1, 0); }, 100,
+       "TWF::Seek-RB", "Unexpected EOF", true},
+      {"short read-back", [] { PosixFaults::limitAt(PosixFaults::kRead, 1, 32767); }, 100,
+       "TWF::Seek-RB", "Short block read", true},
+      {"second positioning", [] { PosixFaults::failAt(PosixFaults::kLseek64, 2, EBADF); }, 100,
+       "TWF::Seek2", "Bad file descriptor", true},
+      {"into a trailer", [] {}, 32764, "TWF::Seek", "!BUGCHECK! Seek past end of buffer", false},
+      {"past the buffer", [] {}, 2 * 32768 + 32764, "TWF::Seek",
+       "!BUGCHECK! Seek past end of buffer", false},
+  };
+  const Bytes stream = pattern(2 * 32764 + 50);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ::remove(path.c_str());
+    PosixFaults::reset();
+    Writer w(path);
+    w.putBytes(stream.data(), static_cast<std::int32_t>(stream.size()));
+    const std::int64_t before = w.getPosition();
+    c.arm();
+    expectReplException([&] { w.seek(c.target); }, c.first, c.second);
+    EXPECT_EQ(65536, w.highWater()) << "raised before anything else";
+    PosixFaults::reset();
+    if (c.stops) {
+      expectReplException([&] { w.putByte(1); }, "TF::WC-w",
+                          "Log writer stopped after an earlier write failure");
+      EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kWrite));
+      continue;
+    }
+    EXPECT_EQ(before, w.getPosition());
+    w.flushBlock();
+    EXPECT_EQ(containerOf(stream), readFile(path));
+  }
+}
+
+// highWaterMark takes filePosition, never the position in the buffer: bytes that were only
+// buffered never reached the disk.
+TEST_F(TWriteFileTest, RewindWithinTheBufferTouchesNoFile) {
+  Writer w(path);
+  const Bytes stream = pattern(32764 + 500);
+  w.putBytes(stream.data(), static_cast<std::int32_t>(stream.size()));
+  PosixFaults::reset();
+  w.seek(32768 + 100);
+  EXPECT_EQ(32768, w.highWater());
+  EXPECT_EQ(32768 + 100, w.getPosition());
+  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kLseek64) + PosixFaults::calls(PosixFaults::kRead));
+  w.putBytes("xyz", 3);
+  w.flushBlock();
+  Bytes expected(stream.begin(), stream.begin() + 32764 + 100);
+  for (char c : std::string("xyz")) expected.push_back(static_cast<std::uint8_t>(c));
+  EXPECT_EQ(containerOf(expected), readFile(path));
+}
+
 }  // namespace
