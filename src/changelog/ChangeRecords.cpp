@@ -4,16 +4,29 @@
 
 #include "../blockfile/ReplException.h"
 #include "../plugin/ReplStatus.h"
+#include "IReplRecord.h"
 #include "ReplTransaction.h"
 
 namespace {
 
-constexpr std::uint8_t kSqlTag = 0x53;  // 'S'
+constexpr std::uint8_t kInsertTag = 0x49;  // 'I'
+constexpr std::uint8_t kDeleteTag = 0x44;  // 'D'
+constexpr std::uint8_t kUpdateTag = 0x55;  // 'U'
+constexpr std::uint8_t kSqlTag = 0x53;     // 'S'
+constexpr std::uint8_t kEndOfRecord = 0xFF;
 constexpr std::uint8_t kInt64Type = 19;
-// A short text carries its length in one byte.
+
+// A short text carries its length in one byte. A name's length byte must also stay below the value
+// markers 0xFD and 0xFE and the end byte 0xFF, which may stand where a name's length begins; 252
+// bytes is also the longest identifier a server hands over (63 characters of 4 bytes).
+constexpr std::size_t kMaxNameLength = 252;
 constexpr std::size_t kMaxStatementLength = 255;
 
 const char kAlreadyCommitted[] = "CDC error: Transaction is already committed";
+const char kLongRelation[] = "CDC error: Relation name longer than 252 bytes";
+const char kLongField[] = "CDC error: Field name longer than 252 bytes";
+
+bool longerThan(const char* text, std::size_t limit) { return text && std::strlen(text) > limit; }
 
 }  // namespace
 
@@ -28,7 +41,7 @@ std::int32_t ReplTransaction::executeSql(Firebird::IStatus* status, const char* 
                                          std::int64_t number) {
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
   // Checked before anything is written: a length byte must never disagree with the text.
-  if (sql && std::strlen(sql) > kMaxStatementLength)
+  if (longerThan(sql, kMaxStatementLength))
     return ReplStatus::reportText(status, "CDC error: Statement text longer than 255 bytes");
   try {
     putByte(kSqlTag);
@@ -43,18 +56,88 @@ std::int32_t ReplTransaction::executeSql(Firebird::IStatus* status, const char* 
   }
 }
 
-std::int32_t ReplTransaction::insertRecord(Firebird::IStatus*, Firebird::IAttachment*,
-                                           Firebird::ITransaction*, Firebird::IReplRecord*) {
-  return 0;
+bool ReplTransaction::writeFieldName(const char* name) {
+  const std::size_t length = name ? std::strlen(name) : 0;
+  if (length == 0) return false;
+  putByte(static_cast<std::uint8_t>(length));
+  putBytes(name, static_cast<std::int32_t>(length));
+  return true;
 }
 
-std::int32_t ReplTransaction::updateRecord(Firebird::IStatus*, Firebird::IAttachment*,
-                                           Firebird::ITransaction*, Firebird::IReplRecord*,
-                                           Firebird::IReplRecord*) {
-  return 0;
+std::int32_t ReplTransaction::insertRecord(Firebird::IStatus* status,
+                                           Firebird::IAttachment* attachment,
+                                           Firebird::ITransaction* transaction,
+                                           Firebird::IReplRecord* record) {
+  return writeRowRecord(status, attachment, transaction, record, kInsertTag, false);
 }
 
-std::int32_t ReplTransaction::deleteRecord(Firebird::IStatus*, Firebird::IAttachment*,
-                                           Firebird::ITransaction*, Firebird::IReplRecord*) {
-  return 0;
+std::int32_t ReplTransaction::deleteRecord(Firebird::IStatus* status,
+                                           Firebird::IAttachment* attachment,
+                                           Firebird::ITransaction* transaction,
+                                           Firebird::IReplRecord* record) {
+  return writeRowRecord(status, attachment, transaction, record, kDeleteTag, true);
+}
+
+std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
+                                             Firebird::IAttachment* attachment,
+                                             Firebird::ITransaction* transaction,
+                                             Firebird::IReplRecord* record, std::uint8_t tag,
+                                             bool old) {
+  if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
+  const char* relation = record->getName();
+  if (longerThan(relation, kMaxNameLength)) return ReplStatus::reportText(status, kLongRelation);
+  try {
+    putByte(tag);
+    writeRecordName(relation);
+    Firebird::IReplField* cursor = record->getFields();
+    for (; cursor->isValid(); cursor->moveNext()) {
+      if (cursor->getType() == 0) continue;
+      const char* name = cursor->getName();
+      // Checked before anything of the entry is written; the record stays unfinished.
+      if (longerThan(name, kMaxNameLength)) return ReplStatus::reportText(status, kLongField);
+      if (!writeFieldName(name)) continue;  // a field without a name leaves no bytes at all
+      writeFieldValue(status, attachment, transaction, cursor, old);
+      if (status->getState() & Firebird::IStatus::STATE_ERRORS)
+        return ReplStatus::firstErrorCode(status);
+    }
+    putByte(kEndOfRecord);
+    return 0;
+  } catch (const ReplException& e) {
+    return ReplStatus::reportException(status, e);
+  }
+}
+
+std::int32_t ReplTransaction::updateRecord(Firebird::IStatus* status,
+                                           Firebird::IAttachment* attachment,
+                                           Firebird::ITransaction* transaction,
+                                           Firebird::IReplRecord* oldRecord,
+                                           Firebird::IReplRecord* newRecord) {
+  if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
+  // The relation name comes from the new image; the old image's name is not asked for.
+  const char* relation = newRecord->getName();
+  if (longerThan(relation, kMaxNameLength)) return ReplStatus::reportText(status, kLongRelation);
+  try {
+    putByte(kUpdateTag);
+    writeRecordName(relation);
+    Firebird::IReplField* newCursor = newRecord->getFields();
+    Firebird::IReplField* oldCursor = oldRecord->getFields();
+    // The cursors move in lockstep: the old field at position k gives the old value of the new
+    // field at position k, whatever its name. Only the new image decides when the record ends.
+    for (; newCursor->isValid(); newCursor->moveNext(), oldCursor->moveNext()) {
+      if (newCursor->getType() == 0) continue;
+      const char* name = newCursor->getName();
+      if (longerThan(name, kMaxNameLength)) return ReplStatus::reportText(status, kLongField);
+      if (!writeFieldName(name)) continue;
+      if (oldCursor->isValid()) writeFieldValue(status, attachment, transaction, oldCursor, true);
+      if (status->getState() & Firebird::IStatus::STATE_ERRORS)
+        return ReplStatus::firstErrorCode(status);
+      writeFieldValue(status, attachment, transaction, newCursor, false);
+      if (status->getState() & Firebird::IStatus::STATE_ERRORS)
+        return ReplStatus::firstErrorCode(status);
+    }
+    putByte(kEndOfRecord);
+    return 0;
+  } catch (const ReplException& e) {
+    return ReplStatus::reportException(status, e);
+  }
 }

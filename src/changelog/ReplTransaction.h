@@ -63,6 +63,9 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
   bool writeFieldName(const char* name);
   void writeFieldValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
                        Firebird::ITransaction* transaction, Firebird::IReplField* cursor, bool old);
+  // Copies the contents of the blob or array with this 8-byte id as a segment list.
+  void copyBlob(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                Firebird::ITransaction* transaction, const void* id);
 
   const char* outputDirectory;
   const std::uint64_t transactionNumber;

@@ -1,0 +1,26 @@
+#include "RowImage.h"
+
+RowImage::RowImage(const char* relation)
+    : relation_(relation ? relation : ""), relationIsNull_(relation == nullptr) {}
+
+Firebird::IReplField* RowImage::getFields() {
+  cursor_.reset();
+  return &cursor_;
+}
+
+const char* RowImage::Cursor::getName() {
+  const Field& f = field();
+  return f.nameIsNull ? nullptr : f.name.c_str();
+}
+
+bool RowImage::Cursor::moveNext() {
+  // Moving past the end keeps the cursor not valid; the plugin moves an exhausted old-image
+  // cursor along with the new one.
+  if (index_ < fields_.size()) ++index_;
+  return isValid();
+}
+
+const RowImage::Field& RowImage::Cursor::field() const {
+  static const Field none;
+  return index_ < fields_.size() ? fields_[index_] : none;
+}
