@@ -76,7 +76,9 @@ ResultSetRow::ResultSetRow(const char* relation, Firebird::IMessageMetadata* met
     Field f;
     const char* field = read([i](Meta* m, Status* s) { return m->getField(s, i); });
     const char* alias = read([i](Meta* m, Status* s) { return m->getAlias(s, i); });
-    f.name = field && *field ? field : (alias ? alias : "");
+    // A column without field name or alias would be dropped by the plugin as a field without a
+    // name; it is named after its position instead.
+    f.name = field && *field ? field : alias && *alias ? alias : "COLUMN_" + std::to_string(i + 1);
     const unsigned sqlType = read([i](Meta* m, Status* s) { return m->getType(s, i); });
     f.type = typeCodeOf(sqlType);
     f.scale = read([i](Meta* m, Status* s) { return m->getScale(s, i); });

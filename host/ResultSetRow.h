@@ -7,7 +7,8 @@
 //     transaction->insertRecord(status, attachment, tr, &row);
 //   }
 //
-// Each column becomes one field named after the column (its alias when it has no field name),
+// Each column becomes one field named after the column (its alias when it has no field name, and
+// "COLUMN_<n>" for the n-th column when it has neither),
 // with its SQL type mapped to the descriptor type code the plugin records. A column type that has
 // no such code maps to a code the plugin refuses, so that the refusal reaches the caller.
 #pragma once

@@ -142,7 +142,9 @@ void ReplTransaction::copyBlob(Firebird::IStatus* status, Firebird::IAttachment*
     for (;;) {
       unsigned delivered = 0;
       const int result = blob->getSegment(&wrapper, kBlobPiece, blobBuffer, &delivered);
-      if (result == Firebird::IStatus::RESULT_ERROR) {
+      // The engine may report a failed read with the result 0 and the error in the status only
+      // (a blob closed under the reader does), so the status decides as well as the result.
+      if (result == Firebird::IStatus::RESULT_ERROR || ReplStatus::hasError(wrapper)) {
         blob->release();  // given up without close; no terminator, the record stays unfinished
         return;
       }
