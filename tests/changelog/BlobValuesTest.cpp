@@ -309,6 +309,21 @@ TEST_F(BlobValuesTest, EveryColumnTypeOfARealTable) {
   }
 }
 
+// The rule the plugin relies on: a successful close of one of the engine's blobs gives up the
+// caller's reference, so a release after it would be one too many. With one extra reference taken
+// before the close, the release that follows it drops the last one.
+TEST_F(BlobValuesTest, EngineCloseGivesUpTheReference) {
+  const ISC_QUAD id = db->createBlob(bytesOf("abc"), false);
+  FbStatus st;
+  Firebird::CheckStatusWrapper w(st);
+  Firebird::IBlob* blob = db->attachment()->openBlob(&w, db->transaction(), &id, 0, nullptr);
+  ASSERT_NE(nullptr, blob);
+  blob->addRef();
+  blob->close(&w);
+  ASSERT_FALSE(st.hasErrors()) << st.text();
+  EXPECT_EQ(0, blob->release());
+}
+
 // Column types map to the codes the plugin records; the rest to one it refuses.
 TEST(ResultSetRowTypes, SqlTypesMapToDescriptorCodes) {
   const std::pair<unsigned, std::uint32_t> map[] = {
