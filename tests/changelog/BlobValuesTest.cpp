@@ -313,7 +313,7 @@ TEST_F(BlobValuesTest, EveryColumnTypeOfARealTable) {
 // caller's reference, so a release after it would be one too many. With one extra reference taken
 // before the close, the release that follows it drops the last one.
 TEST_F(BlobValuesTest, EngineCloseGivesUpTheReference) {
-  const ISC_QUAD id = db->createBlob(bytesOf("abc"), false);
+  ISC_QUAD id = db->createBlob(bytesOf("abc"), false);
   FbStatus st;
   Firebird::CheckStatusWrapper w(st);
   Firebird::IBlob* blob = db->attachment()->openBlob(&w, db->transaction(), &id, 0, nullptr);
