@@ -5,11 +5,33 @@
 #endif
 
 std::uint32_t crc32cTable[256];
+std::uint32_t crc32cLongShift[4][256];
+std::uint32_t crc32cShortShift[4][256];
 Crc32cUpdateFunction crc32cUpdate = crc32cUpdateTable;
 
 namespace {
 
 constexpr std::uint32_t kReflectedPolynomial = 0x82F63B78;
+
+// Fills table so that XOR-ing table[k][byte k of x] over the four bytes of x gives the running
+// value x folded over length zero bytes. The operation is linear, so it is enough to fold the 32
+// single-bit values once.
+void buildShiftTable(std::uint32_t (&table)[4][256], std::int32_t length) {
+  std::uint32_t bit[32];
+  for (int j = 0; j < 32; ++j) {
+    std::uint32_t c = 1u << j;
+    for (std::int32_t i = 0; i < length; ++i) c = (c >> 8) ^ crc32cTable[c & 0xFF];
+    bit[j] = c;
+  }
+  for (int k = 0; k < 4; ++k) {
+    for (std::uint32_t v = 0; v < 256; ++v) {
+      std::uint32_t c = 0;
+      for (int b = 0; b < 8; ++b)
+        if (v & (1u << b)) c ^= bit[8 * k + b];
+      table[k][v] = c;
+    }
+  }
+}
 
 // Runs once when the library is loaded, before any log is written; nothing writes the table or
 // the pointer afterwards.
@@ -21,7 +43,11 @@ struct Crc32cLoadTimeInit {
       crc32cTable[i] = c;
     }
 #if defined(FBCDC_HAVE_SSE42_CRC)
-    if (crc32cHasSse42()) crc32cUpdate = crc32cUpdateSse42;
+    if (crc32cHasSse42()) {
+      buildShiftTable(crc32cLongShift, kCrc32cLongLane);
+      buildShiftTable(crc32cShortShift, kCrc32cShortLane);
+      crc32cUpdate = crc32cUpdateSse42;
+    }
 #endif
   }
 } crc32cLoadTimeInit;

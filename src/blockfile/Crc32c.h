@@ -25,6 +25,15 @@ void crc32cUpdateTable(std::uint32_t& running, const std::uint8_t* data, std::in
 void crc32cUpdateSse42(std::uint32_t& running, const std::uint8_t* data, std::int32_t length);
 #endif
 
+// The SSE4.2 path folds long inputs in three interleaved lanes and joins the lanes' values by
+// shifting one over the length of the next: shifting a running value over n zero bytes is linear,
+// so it is four table lookups, one per byte of the value. Tables for the two lane lengths are built
+// at load, with crc32cTable, when the SSE4.2 path is selected.
+constexpr std::int32_t kCrc32cLongLane = 10920;  // three lanes cover a block's 32764 bytes but 4
+constexpr std::int32_t kCrc32cShortLane = 256;
+extern std::uint32_t crc32cLongShift[4][256];
+extern std::uint32_t crc32cShortShift[4][256];
+
 // Whether the processor has the SSE4.2 CRC32 instruction (CPUID leaf 1, ECX bit 20).
 bool crc32cHasSse42();
 
