@@ -26,6 +26,7 @@ constexpr int kRulesPerCall = 4;
 Rule rules[kCalls][kRulesPerCall];
 std::atomic<int> counts[kCalls];
 std::atomic<int> firedCount{0};
+std::atomic<long> readBytes{0};
 std::atomic<std::time_t> fixedTime{0};
 
 // Counts the call; returns true when it must fail (errno is set), and lowers *limit when the rule
@@ -68,6 +69,7 @@ void limitAt(Call call, int nth, long bytes, bool persistent) {
 
 int calls(Call call) { return counts[call]; }
 int fired() { return firedCount; }
+long bytesRead() { return readBytes; }
 void setTime(std::time_t t) { fixedTime = t; }
 
 void reset() {
@@ -76,6 +78,7 @@ void reset() {
     counts[i] = 0;
   }
   firedCount = 0;
+  readBytes = 0;
   fixedTime = 0;
 }
 
@@ -122,7 +125,9 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
   long limit = -1;
   if (inject(PosixFaults::kRead, &limit)) return -1;
   if (limit >= 0 && static_cast<size_t>(limit) < size) size = static_cast<size_t>(limit);
-  return size == 0 ? 0 : __real_read(fd, data, size);
+  const ssize_t got = size == 0 ? 0 : __real_read(fd, data, size);
+  if (got > 0) PosixFaults::readBytes += got;
+  return got;
 }
 
 off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {

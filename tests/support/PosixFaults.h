@@ -30,6 +30,8 @@ void failAt(Call call, int nth, int error, bool persistent = false);
 void limitAt(Call call, int nth, long bytes, bool persistent = false);
 // How many calls of this kind were made since the last reset.
 int calls(Call call);
+// Bytes that read calls returned since the last reset.
+long bytesRead();
 // How many calls were failed or limited since the last reset.
 int fired();
 // Makes time() return t until reset; 0 restores the clock.

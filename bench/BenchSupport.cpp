@@ -1,0 +1,163 @@
+#include "BenchSupport.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <map>
+#include <vector>
+
+namespace bench {
+
+namespace {
+
+std::int64_t mibFromEnvironment(const char* name, std::int64_t fallback) {
+  const char* text = std::getenv(name);
+  const std::int64_t mib = text ? std::atoll(text) : fallback;
+  return (mib > 0 ? mib : fallback) << 20;
+}
+
+// The figures of every run, by run name, for the table printed after the run.
+class RecordingReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    ConsoleReporter::ReportRuns(runs);
+    for (const Run& run : runs) {
+      if (run.error_occurred) continue;
+      std::map<std::string, double>& figures = figures_[run.benchmark_name()];
+      for (const auto& counter : run.counters) figures[counter.first] = counter.second.value;
+      figures["real_ns"] = run.GetAdjustedRealTime();
+    }
+  }
+  const std::map<std::string, std::map<std::string, double>>& figures() const { return figures_; }
+
+ private:
+  std::map<std::string, std::map<std::string, double>> figures_;
+};
+
+const Ratio kRatios[] = {
+    {"CRC-32C of a 32764-byte block vs ISA-L crc32_iscsi", "Crc32c/32764", "IsalCrc32Iscsi/32764",
+     "bytes_per_second", 1.0},
+    {"CRC-32C of 8 bytes vs ISA-L", "Crc32c/8", "IsalCrc32Iscsi/8", "bytes_per_second", 0},
+    {"CRC-32C of 64 bytes vs ISA-L", "Crc32c/64", "IsalCrc32Iscsi/64", "bytes_per_second", 0},
+    {"CRC-32C table implementation vs ISA-L, 32764 bytes", "Crc32cTable/32764",
+     "IsalCrc32Iscsi/32764", "bytes_per_second", 0},
+    {"Block writer, mixed puts vs copy+CRC+write loop", "WriterMixedPuts", "WriterLimit",
+     "bytes_per_second", 0.8},
+    {"insertRecord of a 10-field row vs hand encoder", "InsertRecord", "HandEncoder",
+     "items_per_second", 0.5},
+    {"64 MiB blob through insertRecord vs getSegment alone", "BlobThroughPlugin",
+     "BlobGetSegmentOnly", "bytes_per_second", 0.8},
+    {"TReadFile with CRC vs CRC-32C in memory", "ReaderWithCrc", "Crc32cInMemory",
+     "bytes_per_second", 0.8},
+};
+
+struct Check {
+  const char* what;
+  const char* run;
+  const char* counter;
+  double low, high;  // the counter must lie in [low, high]
+};
+
+const Check kChecks[] = {
+    {"write calls per block (writer)", "WriterMixedPuts", "writes_per_block", 1, 1},
+    {"allocations per record", "InsertRecord", "allocations_per_record", 0, 0},
+    {"resident memory growth of the writer, KiB", "BlobThroughPlugin", "rss_growth_KiB", -1e9,
+     1023},
+    {"positionings per rollback into a block on disk", "RollbackIntoBlockOnDisk",
+     "lseek_per_rollback", 2, 2},
+    {"reads per rollback", "RollbackIntoBlockOnDisk", "reads_per_rollback", 1, 1},
+    {"bytes read per rollback", "RollbackIntoBlockOnDisk", "bytes_read_per_rollback", 32768, 32768},
+};
+
+const std::map<std::string, double>* find(
+    const std::map<std::string, std::map<std::string, double>>& figures, const std::string& name) {
+  // Runs are named with their arguments and options; match on the start of the name.
+  for (const auto& entry : figures)
+    if (entry.first == name || entry.first.rfind(name + "/", 0) == 0) return &entry.second;
+  return nullptr;
+}
+
+void printTable(const std::map<std::string, std::map<std::string, double>>& figures) {
+  std::printf("\n%-58s %9s %8s  %s\n", "ratio (same run)", "measured", "target", "");
+  for (const Ratio& r : kRatios) {
+    const auto* num = find(figures, r.numerator);
+    const auto* den = find(figures, r.denominator);
+    if (!num || !den || !num->count(r.counter) || !den->count(r.counter)) {
+      std::printf("%-58s %9s\n", r.what, "not run");
+      continue;
+    }
+    const double ratio = num->at(r.counter) / den->at(r.counter);
+    if (r.target > 0) {
+      std::printf("%-58s %8.2fx %7.2fx  %s\n", r.what, ratio, r.target,
+                  ratio >= r.target ? "met" : "MISSED");
+    } else {
+      std::printf("%-58s %8.2fx %8s\n", r.what, ratio, "-");
+    }
+  }
+  std::printf("\n%-58s %9s %17s\n", "counted", "measured", "expected");
+  for (const Check& c : kChecks) {
+    const auto* run = find(figures, c.run);
+    if (!run || !run->count(c.counter)) {
+      std::printf("%-58s %9s\n", c.what, "not run");
+      continue;
+    }
+    const double v = run->at(c.counter);
+    char expected[32];
+    if (c.low == c.high) {
+      std::snprintf(expected, sizeof expected, "%g", c.low);
+    } else {
+      std::snprintf(expected, sizeof expected, "<= %g", c.high);
+    }
+    std::printf("%-58s %9.2f %17s  %s\n", c.what, v, expected,
+                v >= c.low && v <= c.high ? "met" : "MISSED");
+  }
+}
+
+}  // namespace
+
+std::int64_t streamBytes() { return mibFromEnvironment("FBCDC_BENCH_MIB", 1024); }
+std::int64_t blobBytes() { return mibFromEnvironment("FBCDC_BENCH_BLOB_MIB", 64); }
+
+const std::string& scratchDirectory() {
+  static const std::string directory = [] {
+    struct stat st;
+    std::string base = stat("/dev/shm", &st) == 0 && S_ISDIR(st.st_mode) ? "/dev/shm" : "/tmp";
+    std::string path = base + "/fbcdc-bench-" + std::to_string(getpid()) + "/";
+    mkdir(path.c_str(), 0700);
+    return path;
+  }();
+  return directory;
+}
+
+long residentKiB() {
+  std::ifstream statm("/proc/self/statm");
+  long size = 0, resident = 0;
+  statm >> size >> resident;
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+FileWriter::FileWriter(const std::string& path) {
+  std::snprintf(fileName, sizeof fileName, "%s", path.c_str());
+}
+
+void FileWriter::finish() {
+  flushBlock();
+  if (fd >= 0) ::close(fd);
+  fd = -1;
+}
+
+int runAndReport(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RecordingReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  benchmark::Shutdown();
+  printTable(reporter.figures());
+  const std::string rm = "rm -rf '" + scratchDirectory() + "'";
+  return std::system(rm.c_str()) == 0 ? 0 : 1;
+}
+
+}  // namespace bench

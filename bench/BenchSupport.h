@@ -1,0 +1,45 @@
+// Shared pieces of the benchmarks: sizes, scratch files, counters, and the table of ratios.
+#pragma once
+
+#include <benchmark/benchmark.h>
+
+#include <cstdint>
+#include <string>
+
+#include "TWriteFile.h"
+
+namespace bench {
+
+// Stream sizes: FBCDC_BENCH_MIB (default 1024) for the writer and reader streams,
+// FBCDC_BENCH_BLOB_MIB (default 64) for the blob. The test run sets both small.
+std::int64_t streamBytes();
+std::int64_t blobBytes();
+
+// A directory in memory (/dev/shm when there is one), so that the disk does not set the pace.
+const std::string& scratchDirectory();
+
+// Resident memory of the process in KiB.
+long residentKiB();
+
+// A writer on a path of the benchmark's choice.
+class FileWriter : public TWriteFile {
+ public:
+  explicit FileWriter(const std::string& path);
+  // Flushes the last block and closes the file.
+  void finish();
+};
+
+// Records a ratio to print after the run: numerator and denominator name benchmark runs, and the
+// figure compared is the given counter of each ("bytes_per_second", "items_per_second", ...).
+struct Ratio {
+  const char* what;
+  const char* numerator;
+  const char* denominator;
+  const char* counter;
+  double target;  // 0: no target, shown for information
+};
+
+// Runs every registered benchmark and prints the table of ratios and checked counters.
+int runAndReport(int argc, char** argv);
+
+}  // namespace bench

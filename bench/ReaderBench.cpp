@@ -1,0 +1,64 @@
+// TReadFile with CRC checking over a long log in the page cache, against CRC-32C alone over the
+// same blocks in memory.
+#include <vector>
+
+#include "BenchSupport.h"
+#include "Crc32c.h"
+#include "TReadFile.h"
+#include "TestFiles.h"
+
+namespace {
+
+struct Log {
+  std::string path;
+  std::int64_t streamLength;
+  Bytes file;  // the same bytes in memory
+  Log() : path(bench::scratchDirectory() + "reader.log"), streamLength(bench::streamBytes()) {
+    bench::FileWriter w(path);
+    Bytes chunk(1 << 20);
+    for (std::size_t i = 0; i < chunk.size(); ++i) chunk[i] = static_cast<std::uint8_t>(i * 31 + 7);
+    for (std::int64_t at = 0; at < streamLength; at += static_cast<std::int64_t>(chunk.size()))
+      w.putBytes(chunk.data(), static_cast<std::int32_t>(chunk.size()));
+    w.finish();
+    file = readFile(path);
+  }
+};
+
+const Log& log() {
+  static const Log l;
+  return l;
+}
+
+void ReaderWithCrc(benchmark::State& state) {
+  const Log& l = log();
+  std::vector<std::uint8_t> out(1 << 16);
+  for (auto _ : state) {
+    TReadFile reader;
+    reader.open(l.path.c_str(), true);
+    for (std::int64_t left = l.streamLength; left > 0;) {
+      const auto n = static_cast<std::int32_t>(std::min<std::int64_t>(left, out.size()));
+      reader.getBytes(out.data(), n);
+      left -= n;
+    }
+    benchmark::DoNotOptimize(out.data());
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(l.file.size()));
+}
+
+void Crc32cInMemory(benchmark::State& state) {
+  const Log& l = log();
+  for (auto _ : state) {
+    std::uint32_t folded = 0;
+    for (std::size_t at = 0; at < l.file.size(); at += 32768) {
+      const std::size_t n = std::min<std::size_t>(32768, l.file.size() - at) - 4;
+      folded ^= crc32c(l.file.data() + at, static_cast<std::int32_t>(n));
+    }
+    benchmark::DoNotOptimize(folded);
+  }
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(l.file.size()));
+}
+
+}  // namespace
+
+BENCHMARK(ReaderWithCrc)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(Crc32cInMemory)->Unit(benchmark::kMillisecond)->UseRealTime();

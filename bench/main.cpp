@@ -1,0 +1,20 @@
+// fbcdc_bench: the library's hot paths measured side by side with their limits and peers.
+//
+//   fbcdc_bench [benchmark flags]   runs the benchmarks, then prints the table of ratios
+//   fbcdc_bench --records=N         records N inserts and exits (for instruction counts)
+#include <cstdlib>
+#include <cstring>
+
+#include "BenchSupport.h"
+
+namespace bench {
+void insertRecords(long n);
+}
+
+int main(int argc, char** argv) {
+  if (argc == 2 && std::strncmp(argv[1], "--records=", 10) == 0) {
+    bench::insertRecords(std::atol(argv[1] + 10));
+    return 0;
+  }
+  return bench::runAndReport(argc, argv);
+}
