@@ -52,6 +52,14 @@ const Ratio kRatios[] = {
      "BlobGetSegmentOnly", "bytes_per_second", 0.8},
     {"TReadFile with CRC vs CRC-32C in memory", "ReaderWithCrc", "Crc32cInMemory",
      "bytes_per_second", 0.8},
+    {"  read() calls alone vs CRC-32C in memory", "ReadCallsOnly", "Crc32cInMemory",
+     "bytes_per_second", 0},
+    {"  TReadFile with CRC vs read() calls alone", "ReaderWithCrc", "ReadCallsOnly",
+     "bytes_per_second", 0},
+    {"  blob: the log writer's limit vs getSegment alone", "WriterLimit", "BlobGetSegmentOnly",
+     "bytes_per_second", 0},
+    {"  row image walk alone vs hand encoder (time)", "HandEncoder", "RowImageWalk",
+     "items_per_second", 0},
 };
 
 struct Check {

@@ -13,14 +13,17 @@ const char* RowImage::Cursor::getName() {
   return f.nameIsNull ? nullptr : f.name.c_str();
 }
 
+const RowImage::Field RowImage::Cursor::kNoField;
+
+void RowImage::Cursor::reset() {
+  index_ = 0;
+  current_ = fields_.empty() ? nullptr : &fields_[0];
+}
+
 bool RowImage::Cursor::moveNext() {
   // Moving past the end keeps the cursor not valid; the plugin moves an exhausted old-image
   // cursor along with the new one.
   if (index_ < fields_.size()) ++index_;
+  current_ = index_ < fields_.size() ? &fields_[index_] : nullptr;
   return isValid();
-}
-
-const RowImage::Field& RowImage::Cursor::field() const {
-  static const Field none;
-  return index_ < fields_.size() ? fields_[index_] : none;
 }

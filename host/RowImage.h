@@ -51,8 +51,8 @@ class RowImage : public Firebird::IReplRecord {
   class Cursor : public Firebird::IReplField {
    public:
     explicit Cursor(const std::vector<Field>& fields) : fields_(fields) {}
-    void reset() { index_ = 0; }
-    bool isValid() override { return index_ < fields_.size(); }
+    void reset();
+    bool isValid() override { return current_ != nullptr; }
     const char* getName() override;
     std::uint32_t getType() override { return field().type; }
     std::int32_t getScale() override { return field().scale; }
@@ -64,10 +64,12 @@ class RowImage : public Firebird::IReplRecord {
 
    private:
     // Reading a cursor that is not valid is the caller's error; it reads an empty field.
-    const Field& field() const;
+    const Field& field() const { return current_ ? *current_ : kNoField; }
+    static const Field kNoField;
 
     const std::vector<Field>& fields_;
     std::size_t index_ = 0;
+    const Field* current_ = nullptr;  // the field at index_, null past the end
   };
 
   std::string relation_;

@@ -8,6 +8,9 @@ std::uint32_t crc32cTable[256];
 std::uint32_t crc32cLongShift[4][256];
 std::uint32_t crc32cShortShift[4][256];
 Crc32cUpdateFunction crc32cUpdate = crc32cUpdateTable;
+#if defined(FBCDC_HAVE_FOLD_CRC)
+bool crc32cUseFold = false;
+#endif
 
 namespace {
 
@@ -47,6 +50,9 @@ struct Crc32cLoadTimeInit {
       buildShiftTable(crc32cLongShift, kCrc32cLongLane);
       buildShiftTable(crc32cShortShift, kCrc32cShortLane);
       crc32cUpdate = crc32cUpdateSse42;
+#if defined(FBCDC_HAVE_FOLD_CRC)
+      crc32cUseFold = crc32cHasFold();
+#endif
     }
 #endif
   }
@@ -63,6 +69,22 @@ bool crc32cHasSse42() {
   return false;
 #endif
 }
+
+#if defined(FBCDC_HAVE_FOLD_CRC)
+bool crc32cHasFold() {
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx)) return false;
+  const bool pclmul = ecx & (1u << 1), osxsave = ecx & (1u << 27);
+  if (!pclmul || !osxsave) return false;
+  // The operating system must save the 512-bit registers: XCR0 bits 1, 2 and 5 to 7.
+  unsigned xcr0Low = 0, xcr0High = 0;
+  __asm__("xgetbv" : "=a"(xcr0Low), "=d"(xcr0High) : "c"(0));
+  if ((xcr0Low & 0xE6) != 0xE6) return false;
+  if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) return false;
+  const bool avx512f = ebx & (1u << 16), avx512vl = ebx & (1u << 31), vpclmul = ecx & (1u << 10);
+  return avx512f && avx512vl && vpclmul;
+}
+#endif
 
 void crc32cUpdateTable(std::uint32_t& running, const std::uint8_t* data, std::int32_t length) {
   std::uint32_t c = running;

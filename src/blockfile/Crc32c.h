@@ -34,6 +34,16 @@ constexpr std::int32_t kCrc32cShortLane = 256;
 extern std::uint32_t crc32cLongShift[4][256];
 extern std::uint32_t crc32cShortShift[4][256];
 
+#if defined(__x86_64__)
+#define FBCDC_HAVE_FOLD_CRC 1
+// Inputs of at least kCrc32cFoldMinimum bytes are folded with 512-bit carry-less multiplication
+// when the processor has it (crc32cHasFold, decided at load): crc32cUpdateSse42 hands them on.
+constexpr std::int32_t kCrc32cFoldMinimum = 256;
+extern bool crc32cUseFold;
+bool crc32cHasFold();
+void crc32cUpdateFold(std::uint32_t& running, const std::uint8_t* data, std::int32_t length);
+#endif
+
 // Whether the processor has the SSE4.2 CRC32 instruction (CPUID leaf 1, ECX bit 20).
 bool crc32cHasSse42();
 

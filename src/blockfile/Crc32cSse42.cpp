@@ -50,6 +50,12 @@ inline const std::uint8_t* foldThreeLanes(std::uint32_t& c, const std::uint8_t* 
 }  // namespace
 
 void crc32cUpdateSse42(std::uint32_t& running, const std::uint8_t* data, std::int32_t length) {
+#if defined(FBCDC_HAVE_FOLD_CRC)
+  if (crc32cUseFold && length >= kCrc32cFoldMinimum) {
+    crc32cUpdateFold(running, data, length);
+    return;
+  }
+#endif
   std::uint32_t c = running;
   std::int32_t rest = length;
 #if defined(__x86_64__)

@@ -31,7 +31,7 @@ TWriteFile::~TWriteFile() {
   if (fd >= 0) (void)::close(fd);
 }
 
-void TWriteFile::putBytes(const void* data, std::int32_t length) {
+void TWriteFile::putBytesAcrossBlocks(const void* data, std::int32_t length) {
   const std::uint8_t* p = static_cast<const std::uint8_t*>(data);
   while (length > 0) {
     if (current >= end) flushBlock();

@@ -46,7 +46,15 @@ class TWriteFile {
     putLittleEndian<8>(static_cast<std::uint64_t>(second) << 32 | first);
   }
   // A length of 0 or less appends nothing.
-  void putBytes(const void* data, std::int32_t length);
+  void putBytes(const void* data, std::int32_t length) {
+    // Most runs are short and fit the block with room to spare: one check, one copy.
+    if (length > 0 && end - current > length) {
+      std::memcpy(current, data, static_cast<std::size_t>(length));
+      current += length;
+      return;
+    }
+    putBytesAcrossBlocks(data, length);
+  }
 
   // Writes the buffered data as one block; nothing when the buffer is empty.
   void flushBlock();
@@ -59,6 +67,12 @@ class TWriteFile {
   void seek(std::int64_t target);
 
  protected:
+  // Direct stores for callers that assemble a short value in place: room(n) is where n bytes may be
+  // stored without reaching the flush threshold (null when they may not), and commit(n) appends the
+  // n bytes stored there.
+  std::uint8_t* room(std::int32_t n) { return end - current > n ? current : nullptr; }
+  void advance(std::int32_t n) { current += n; }
+
   int fd;
   std::uint8_t buffer[BlockFormat::kBlockSize];
   std::uint8_t* current;
@@ -79,6 +93,8 @@ class TWriteFile {
       for (int i = 0; i < N; ++i) putByte(static_cast<std::uint8_t>(value >> (8 * i)));
     }
   }
+
+  void putBytesAcrossBlocks(const void* data, std::int32_t length);
 
   // Throws unless output may continue.
   void checkNotStopped() const;

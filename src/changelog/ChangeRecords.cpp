@@ -28,6 +28,15 @@ const char kLongField[] = "CDC error: Field name longer than 252 bytes";
 
 bool longerThan(const char* text, std::size_t limit) { return text && std::strlen(text) > limit; }
 
+// The status can change only where a field value called into the server or refused the value, so
+// it is tested after those fields, and after the first field in case it came in with an error;
+// this gives the same answers as testing it after every field.
+bool mustTestStatus(bool touched, bool& tested) {
+  const bool test = touched || !tested;
+  tested = true;
+  return test;
+}
+
 }  // namespace
 
 void ReplTransaction::writeRecordName(const char* text) {
@@ -56,12 +65,24 @@ std::int32_t ReplTransaction::executeSql(Firebird::IStatus* status, const char* 
   }
 }
 
-bool ReplTransaction::writeFieldName(const char* name) {
-  const std::size_t length = name ? std::strlen(name) : 0;
-  if (length == 0) return false;
-  putByte(static_cast<std::uint8_t>(length));
-  putBytes(name, static_cast<std::int32_t>(length));
-  return true;
+ReplTransaction::NameResult ReplTransaction::writeFieldName(const char* name) {
+  if (!name || !*name) return NameResult::kEmpty;
+  // Measured and copied in one pass, right in the block buffer. A name found too long leaves
+  // nothing behind: the bytes copied so far lie beyond the write position and are never counted.
+  if (std::uint8_t* out = room(static_cast<std::int32_t>(kMaxNameLength) + 2)) {
+    std::size_t n = 0;
+    for (; name[n] != '\0' && n <= kMaxNameLength; ++n) out[1 + n] = static_cast<std::uint8_t>(name[n]);
+    if (n > kMaxNameLength) return NameResult::kTooLong;
+    out[0] = static_cast<std::uint8_t>(n);
+    advance(static_cast<std::int32_t>(n) + 1);
+    return NameResult::kWritten;
+  }
+  // Near the end of a block the name goes through the put operations, which flush on the way.
+  const std::size_t n = std::strlen(name);
+  if (n > kMaxNameLength) return NameResult::kTooLong;
+  putByte(static_cast<std::uint8_t>(n));
+  putBytes(name, static_cast<std::int32_t>(n));
+  return NameResult::kWritten;
 }
 
 std::int32_t ReplTransaction::insertRecord(Firebird::IStatus* status,
@@ -90,14 +111,18 @@ std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
     putByte(tag);
     writeRecordName(relation);
     Firebird::IReplField* cursor = record->getFields();
+    bool tested = false;
     for (; cursor->isValid(); cursor->moveNext()) {
-      if (cursor->getType() == 0) continue;
-      const char* name = cursor->getName();
-      // Checked before anything of the entry is written; the record stays unfinished.
-      if (longerThan(name, kMaxNameLength)) return ReplStatus::reportText(status, kLongField);
-      if (!writeFieldName(name)) continue;  // a field without a name leaves no bytes at all
-      writeFieldValue(status, attachment, transaction, cursor, old);
-      if (status->getState() & Firebird::IStatus::STATE_ERRORS)
+      const std::uint32_t type = cursor->getType();
+      if (type == 0) continue;
+      // A name too long is found before anything of its entry is written; the record stays
+      // unfinished. A field without a name leaves no bytes at all.
+      const NameResult named = writeFieldName(cursor->getName());
+      if (named == NameResult::kTooLong) return ReplStatus::reportText(status, kLongField);
+      if (named == NameResult::kEmpty) continue;
+      const bool touched = writeFieldValue(status, attachment, transaction, cursor, type, old);
+      if (mustTestStatus(touched, tested) &&
+          (status->getState() & Firebird::IStatus::STATE_ERRORS))
         return ReplStatus::firstErrorCode(status);
     }
     putByte(kEndOfRecord);
@@ -123,16 +148,21 @@ std::int32_t ReplTransaction::updateRecord(Firebird::IStatus* status,
     Firebird::IReplField* oldCursor = oldRecord->getFields();
     // The cursors move in lockstep: the old field at position k gives the old value of the new
     // field at position k, whatever its name. Only the new image decides when the record ends.
+    bool tested = false;
     for (; newCursor->isValid(); newCursor->moveNext(), oldCursor->moveNext()) {
-      if (newCursor->getType() == 0) continue;
-      const char* name = newCursor->getName();
-      if (longerThan(name, kMaxNameLength)) return ReplStatus::reportText(status, kLongField);
-      if (!writeFieldName(name)) continue;
-      if (oldCursor->isValid()) writeFieldValue(status, attachment, transaction, oldCursor, true);
-      if (status->getState() & Firebird::IStatus::STATE_ERRORS)
+      const std::uint32_t type = newCursor->getType();
+      if (type == 0) continue;
+      const NameResult named = writeFieldName(newCursor->getName());
+      if (named == NameResult::kTooLong) return ReplStatus::reportText(status, kLongField);
+      if (named == NameResult::kEmpty) continue;
+      const bool touched =
+          oldCursor->isValid() &&
+          writeFieldValue(status, attachment, transaction, oldCursor, oldCursor->getType(), true);
+      if (mustTestStatus(touched, tested) &&
+          (status->getState() & Firebird::IStatus::STATE_ERRORS))
         return ReplStatus::firstErrorCode(status);
-      writeFieldValue(status, attachment, transaction, newCursor, false);
-      if (status->getState() & Firebird::IStatus::STATE_ERRORS)
+      if (writeFieldValue(status, attachment, transaction, newCursor, type, false) &&
+          (status->getState() & Firebird::IStatus::STATE_ERRORS))
         return ReplStatus::firstErrorCode(status);
     }
     putByte(kEndOfRecord);

@@ -31,27 +31,72 @@ T load(const void* data) {
 
 bool isBlobType(std::uint32_t type) { return type == 17 || type == 18; }
 
+std::uint64_t bitsOf(double d) { return load<std::uint64_t>(&d); }
+
 }  // namespace
 
-void ReplTransaction::writeFieldValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
-                                      Firebird::ITransaction* transaction,
-                                      Firebird::IReplField* cursor, bool old) {
-  const std::uint32_t type = cursor->getType();
-  if (type == 0) return;
-  // Only new blob and array contents are recorded; an old one leaves no trace at all.
-  if (isBlobType(type) && old) return;
-  putByte(old ? kOldValue : kNewValue);
-  const std::int32_t length = cursor->getLength();
-  if (cursor->isNull()) {
-    putByte(kNull);
-    return;
+// The fixed part of a value (marker, type byte, and a scale and number or a text's character set
+// and length: at most 12 bytes), stored with one bounds check instead of one per byte. Normally it
+// is assembled right in the block buffer; near the end of a block it is gathered on the stack and
+// appended like any byte run. The bytes are those the put operations would store one by one.
+class ReplTransaction::ValueBytes {
+ public:
+  explicit ValueBytes(std::uint8_t* room) : out_(room ? room : spare_) {}
+  void byte(std::uint8_t b) { out_[size_++] = b; }
+  // The low Width bytes of v, least significant first.
+  template <int Width>
+  void number(std::uint64_t v) {
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    std::memcpy(out_ + size_, &v, Width);  // the machine's own order is the log's
+#else
+    for (int i = 0; i < Width; ++i) out_[size_ + i] = static_cast<std::uint8_t>(v >> (8 * i));
+#endif
+    size_ += Width;
   }
-  putByte(static_cast<std::uint8_t>(type));
+  bool inPlace() const { return out_ != spare_; }
+  const std::uint8_t* data() const { return out_; }
+  std::int32_t size() const { return size_; }
 
-  // A text's length is written in 16 bits; a longer one is refused rather than written with a
-  // length that disagrees with its bytes.
+  static constexpr std::int32_t kLargest = 16;
+
+ private:
+  std::uint8_t spare_[kLargest];
+  std::uint8_t* out_;
+  std::int32_t size_ = 0;
+};
+
+namespace {
+
+}  // namespace
+
+void ReplTransaction::put(const ValueBytes& value) {
+  if (value.inPlace()) {
+    advance(value.size());
+  } else {
+    putBytes(value.data(), value.size());
+  }
+}
+
+bool ReplTransaction::writeFieldValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                                      Firebird::ITransaction* transaction,
+                                      Firebird::IReplField* cursor, std::uint32_t type, bool old) {
+  if (type == 0) return false;
+  // Only new blob and array contents are recorded; an old one leaves no trace at all.
+  if (isBlobType(type) && old) return false;
+  ValueBytes value(room(ValueBytes::kLargest));
+  value.byte(old ? kOldValue : kNewValue);
+  if (cursor->isNull()) {
+    value.byte(kNull);
+    put(value);
+    return false;
+  }
+  value.byte(static_cast<std::uint8_t>(type));
+
+  // A text's length is written in 16 bits; a longer one is refused after its marker and type
+  // rather than written with a length that disagrees with its bytes.
   auto refuseLongText = [&](std::size_t n) {
     if (n <= static_cast<std::size_t>(kMaxTextLength)) return false;
+    put(value);
     ReplStatus::reportText(status, "CDC error: Text value longer than 65535 bytes");
     return true;
   };
@@ -61,73 +106,79 @@ void ReplTransaction::writeFieldValue(Firebird::IStatus* status, Firebird::IAtta
       const std::int32_t charSet = cursor->getCharSet();
       const std::uint8_t pad = charSet == 1 ? 0x00 : 0x20;
       const auto* data = static_cast<const std::uint8_t*>(cursor->getData());
+      const std::int32_t length = cursor->getLength();  // only fixed-length text needs it
       std::size_t n = length > 0 ? static_cast<std::size_t>(length) : 0;
       while (n > 0 && data[n - 1] == pad) --n;
-      if (refuseLongText(n)) return;
-      putByte(static_cast<std::uint8_t>(charSet));
-      putInt16(static_cast<std::uint16_t>(n));
+      if (refuseLongText(n)) return true;
+      value.byte(static_cast<std::uint8_t>(charSet));
+      value.number<2>(n);
+      put(value);
       putBytes(data, static_cast<std::int32_t>(n));
-      return;
+      return false;
     }
     case 2: {  // zero-terminated text
       const std::int32_t charSet = cursor->getCharSet();
       const char* data = static_cast<const char*>(cursor->getData());
       const std::size_t n = std::strlen(data);
-      if (refuseLongText(n)) return;
-      putByte(static_cast<std::uint8_t>(charSet));
-      putInt16(static_cast<std::uint16_t>(n));
+      if (refuseLongText(n)) return true;
+      value.byte(static_cast<std::uint8_t>(charSet));
+      value.number<2>(n);
+      put(value);
       putBytes(data, static_cast<std::int32_t>(n));
-      return;
+      return false;
     }
     case 3: {  // varying text: its own 2-byte length, then the bytes
-      putByte(static_cast<std::uint8_t>(cursor->getCharSet()));
       const auto* data = static_cast<const std::uint8_t*>(cursor->getData());
       const std::uint16_t n = load<std::uint16_t>(data);
-      putInt16(n);
+      value.byte(static_cast<std::uint8_t>(cursor->getCharSet()));
+      value.number<2>(n);
+      put(value);
       putBytes(data + 2, n);
-      return;
+      return false;
     }
     case 8:
-      putInt16(static_cast<std::uint16_t>(cursor->getScale()));
-      putInt16(load<std::uint16_t>(cursor->getData()));
-      return;
+      value.number<2>(static_cast<std::uint16_t>(cursor->getScale()));
+      value.number<2>(load<std::uint16_t>(cursor->getData()));
+      break;
     case 9:
-      putInt16(static_cast<std::uint16_t>(cursor->getScale()));
-      putInt32(load<std::uint32_t>(cursor->getData()));
-      return;
+      value.number<2>(static_cast<std::uint16_t>(cursor->getScale()));
+      value.number<4>(load<std::uint32_t>(cursor->getData()));
+      break;
     case 11:
-      putDouble(static_cast<double>(load<float>(cursor->getData())));
-      return;
+      value.number<8>(bitsOf(static_cast<double>(load<float>(cursor->getData()))));
+      break;
     case 12:
-      putDouble(load<double>(cursor->getData()));
-      return;
+      value.number<8>(load<std::uint64_t>(cursor->getData()));
+      break;
     case 14:
     case 15:
-      putInt32(load<std::uint32_t>(cursor->getData()));
-      return;
-    case 16: {  // date, then time, as the server holds them
-      const auto* words = static_cast<const std::uint8_t*>(cursor->getData());
-      putInt32Pair(load<std::uint32_t>(words), load<std::uint32_t>(words + 4));
-      return;
-    }
+      value.number<4>(load<std::uint32_t>(cursor->getData()));
+      break;
+    case 16:  // date, then time, as the server holds them
+      value.number<8>(load<std::uint64_t>(cursor->getData()));
+      break;
+    case 19:
+      value.number<2>(static_cast<std::uint16_t>(cursor->getScale()));
+      value.number<8>(load<std::uint64_t>(cursor->getData()));
+      break;
+    case 21:
+      value.byte(*static_cast<const std::uint8_t*>(cursor->getData()));
+      break;
     case 17:
     case 18:
+      put(value);
       copyBlob(status, attachment, transaction, cursor->getData());
-      return;
-    case 19:
-      putInt16(static_cast<std::uint16_t>(cursor->getScale()));
-      putInt64(load<std::uint64_t>(cursor->getData()));
-      return;
-    case 21:
-      putByte(*static_cast<const std::uint8_t*>(cursor->getData()));
-      return;
+      return true;
     default: {
+      put(value);
       const intptr_t vector[] = {isc_arg_gds, static_cast<intptr_t>(kUnrecordableType),
                                  isc_arg_number, static_cast<intptr_t>(type)};
       status->setErrors2(4, vector);
-      return;
+      return true;
     }
   }
+  put(value);
+  return false;
 }
 
 void ReplTransaction::copyBlob(Firebird::IStatus* status, Firebird::IAttachment* attachment,

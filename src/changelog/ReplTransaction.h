@@ -60,9 +60,18 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
                               Firebird::ITransaction* transaction, Firebird::IReplRecord* record,
                               std::uint8_t tag, bool old);
   void writeRecordName(const char* text);
-  bool writeFieldName(const char* name);
-  void writeFieldValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
-                       Firebird::ITransaction* transaction, Firebird::IReplField* cursor, bool old);
+  // Writes a field name as a short text. Nothing is written for a null or empty name, nor for one
+  // longer than the longest name a length byte may announce.
+  enum class NameResult { kWritten, kEmpty, kTooLong };
+  NameResult writeFieldName(const char* name);
+  // Writes one value of the cursor's field, whose type code the caller has read already. Returns
+  // true when it called into the server or put an error into the status, the only ways in which
+  // the status can change while a record is written.
+  bool writeFieldValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                       Firebird::ITransaction* transaction, Firebird::IReplField* cursor,
+                       std::uint32_t type, bool old);
+  class ValueBytes;
+  void put(const ValueBytes& value);
   // Copies the contents of the blob or array with this 8-byte id as a segment list.
   void copyBlob(Firebird::IStatus* status, Firebird::IAttachment* attachment,
                 Firebird::ITransaction* transaction, const void* id);

@@ -209,6 +209,31 @@ TEST_F(ChangeRecordsTest, UpdateWalksBothImagesInLockstep) {
   }
 }
 
+// The status is tested after the first field and after every field that reached the server: an
+// error the status already held stops the record after its first field, as it would if the status
+// were tested after every field.
+TEST_F(ChangeRecordsTest, ErrorAlreadyInTheStatusStopsAfterTheFirstField) {
+  LiteralRow row("T"), oldRow("T");
+  row.addLong("A", 1).addLong("B", 2);
+  oldRow.addLong("A", 0).addLong("B", 0);
+  const std::function<std::int32_t(ReplTransaction*)> ops[] = {
+      [&](ReplTransaction* t) { return t->insertRecord(status, nullptr, nullptr, &row); },
+      [&](ReplTransaction* t) { return t->updateRecord(status, nullptr, nullptr, &oldRow, &row); },
+  };
+  const char* expected[] = {"49 00 01 54 01 41 FD 09 00 00 01 00 00 00",
+                            "55 00 01 54 01 41 FE 09 00 00 00 00 00 00"};
+  for (int i = 0; i < 2; ++i) {
+    const intptr_t earlier[] = {isc_arg_gds, 335544321, isc_arg_end};
+    std::int32_t result = 0;
+    const Bytes stream = recordStream([&](ReplTransaction* t) {
+      status.get()->setErrors(earlier);
+      result = ops[i](t);
+    });
+    EXPECT_EQ(335544321, result);
+    EXPECT_EQ(expected[i], hex(stream));
+  }
+}
+
 // Names and texts whose length cannot be written: refused before anything they would start.
 TEST_F(ChangeRecordsTest, LengthLimits) {
   const std::string name252(252, 'N'), name253(253, 'N');
