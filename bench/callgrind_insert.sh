@@ -7,12 +7,16 @@ bench=${1:-build/bench/fbcdc_bench}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 count() {
-  valgrind --tool=callgrind --callgrind-out-file="$work/out.$1" "$bench" --records="$1" \
+  valgrind --tool=callgrind --callgrind-out-file="$work/out.$1.$2" "$bench" "--$1=$2" \
     >/dev/null 2>&1
-  sed -n 's/^summary: *\([0-9]*\).*/\1/p' "$work/out.$1"
+  sed -n 's/^summary: *\([0-9]*\).*/\1/p' "$work/out.$1.$2"
 }
 small=1000
 large=21000
-a=$(count $small)
-b=$(count $large)
-echo "instructions per insertRecord (10-field row): $(( (b - a) / (large - small) ))"
+for mode in records hand-records; do
+  a=$(count $mode $small)
+  b=$(count $mode $large)
+  label="insertRecord (10-field row)"
+  [ $mode = records ] || label="hand encoder, same record  "
+  echo "instructions per $label: $(( (b - a) / (large - small) ))"
+done

@@ -2,6 +2,7 @@
 //
 //   fbcdc_bench [benchmark flags]   runs the benchmarks, then prints the table of ratios
 //   fbcdc_bench --records=N         records N inserts and exits (for instruction counts)
+//   fbcdc_bench --hand-records=N    the same records through the hand encoder
 #include <cstdlib>
 #include <cstring>
 
@@ -9,11 +10,16 @@
 
 namespace bench {
 void insertRecords(long n);
-}
+void handEncodeRecords(long n);
+}  // namespace bench
 
 int main(int argc, char** argv) {
   if (argc == 2 && std::strncmp(argv[1], "--records=", 10) == 0) {
     bench::insertRecords(std::atol(argv[1] + 10));
+    return 0;
+  }
+  if (argc == 2 && std::strncmp(argv[1], "--hand-records=", 15) == 0) {
+    bench::handEncodeRecords(std::atol(argv[1] + 15));
     return 0;
   }
   return bench::runAndReport(argc, argv);
