@@ -28,13 +28,13 @@ const char kLongField[] = "CDC error: Field name longer than 252 bytes";
 
 bool longerThan(const char* text, std::size_t limit) { return text && std::strlen(text) > limit; }
 
-// The status can change only where a field value called into the server or refused the value, so
-// it is tested after those fields, and after the first field in case it came in with an error;
-// this gives the same answers as testing it after every field.
-bool mustTestStatus(bool touched, bool& tested) {
-  const bool test = touched || !tested;
+// Whether the status holds an error after a field. The status can change only where a field value
+// called into the server or refused the value, so it is read after those fields, and after the
+// first field in case it came in with an error: the same answers as reading it after every field.
+bool errorAfterField(Firebird::IStatus* status, bool touched, bool& tested) {
+  const bool read = touched || !tested;
   tested = true;
-  return test;
+  return read && (status->getState() & Firebird::IStatus::STATE_ERRORS);
 }
 
 }  // namespace
@@ -71,7 +71,8 @@ ReplTransaction::NameResult ReplTransaction::writeFieldName(const char* name) {
   // nothing behind: the bytes copied so far lie beyond the write position and are never counted.
   if (std::uint8_t* out = room(static_cast<std::int32_t>(kMaxNameLength) + 2)) {
     std::size_t n = 0;
-    for (; name[n] != '\0' && n <= kMaxNameLength; ++n) out[1 + n] = static_cast<std::uint8_t>(name[n]);
+    for (; name[n] != '\0' && n <= kMaxNameLength; ++n)
+      out[1 + n] = static_cast<std::uint8_t>(name[n]);
     if (n > kMaxNameLength) return NameResult::kTooLong;
     out[0] = static_cast<std::uint8_t>(n);
     advance(static_cast<std::int32_t>(n) + 1);
@@ -121,9 +122,7 @@ std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
       if (named == NameResult::kTooLong) return ReplStatus::reportText(status, kLongField);
       if (named == NameResult::kEmpty) continue;
       const bool touched = writeFieldValue(status, attachment, transaction, cursor, type, old);
-      if (mustTestStatus(touched, tested) &&
-          (status->getState() & Firebird::IStatus::STATE_ERRORS))
-        return ReplStatus::firstErrorCode(status);
+      if (errorAfterField(status, touched, tested)) return ReplStatus::firstErrorCode(status);
     }
     putByte(kEndOfRecord);
     return 0;
@@ -158,12 +157,10 @@ std::int32_t ReplTransaction::updateRecord(Firebird::IStatus* status,
       const bool touched =
           oldCursor->isValid() &&
           writeFieldValue(status, attachment, transaction, oldCursor, oldCursor->getType(), true);
-      if (mustTestStatus(touched, tested) &&
-          (status->getState() & Firebird::IStatus::STATE_ERRORS))
-        return ReplStatus::firstErrorCode(status);
-      if (writeFieldValue(status, attachment, transaction, newCursor, type, false) &&
-          (status->getState() & Firebird::IStatus::STATE_ERRORS))
-        return ReplStatus::firstErrorCode(status);
+      if (errorAfterField(status, touched, tested)) return ReplStatus::firstErrorCode(status);
+      const bool newTouched =
+          writeFieldValue(status, attachment, transaction, newCursor, type, false);
+      if (errorAfterField(status, newTouched, tested)) return ReplStatus::firstErrorCode(status);
     }
     putByte(kEndOfRecord);
     return 0;

@@ -65,9 +65,7 @@ class ReplTransaction::ValueBytes {
   std::int32_t size_ = 0;
 };
 
-namespace {
-
-}  // namespace
+namespace {}  // namespace
 
 void ReplTransaction::put(const ValueBytes& value) {
   if (value.inPlace()) {
@@ -92,13 +90,19 @@ bool ReplTransaction::writeFieldValue(Firebird::IStatus* status, Firebird::IAtta
   }
   value.byte(static_cast<std::uint8_t>(type));
 
-  // A text's length is written in 16 bits; a longer one is refused after its marker and type
-  // rather than written with a length that disagrees with its bytes.
-  auto refuseLongText = [&](std::size_t n) {
-    if (n <= static_cast<std::size_t>(kMaxTextLength)) return false;
+  // A text is its character set, a 16-bit length and the bytes. One too long for that length is
+  // refused after its marker and type rather than written with a length that disagrees with it.
+  auto putText = [&](std::int32_t charSet, const void* data, std::size_t n) {
+    if (n > static_cast<std::size_t>(kMaxTextLength)) {
+      put(value);
+      ReplStatus::reportText(status, "CDC error: Text value longer than 65535 bytes");
+      return true;
+    }
+    value.byte(static_cast<std::uint8_t>(charSet));
+    value.number<2>(n);
     put(value);
-    ReplStatus::reportText(status, "CDC error: Text value longer than 65535 bytes");
-    return true;
+    putBytes(data, static_cast<std::int32_t>(n));
+    return false;
   };
 
   switch (type) {
@@ -109,32 +113,17 @@ bool ReplTransaction::writeFieldValue(Firebird::IStatus* status, Firebird::IAtta
       const std::int32_t length = cursor->getLength();  // only fixed-length text needs it
       std::size_t n = length > 0 ? static_cast<std::size_t>(length) : 0;
       while (n > 0 && data[n - 1] == pad) --n;
-      if (refuseLongText(n)) return true;
-      value.byte(static_cast<std::uint8_t>(charSet));
-      value.number<2>(n);
-      put(value);
-      putBytes(data, static_cast<std::int32_t>(n));
-      return false;
+      return putText(charSet, data, n);
     }
     case 2: {  // zero-terminated text
       const std::int32_t charSet = cursor->getCharSet();
       const char* data = static_cast<const char*>(cursor->getData());
-      const std::size_t n = std::strlen(data);
-      if (refuseLongText(n)) return true;
-      value.byte(static_cast<std::uint8_t>(charSet));
-      value.number<2>(n);
-      put(value);
-      putBytes(data, static_cast<std::int32_t>(n));
-      return false;
+      return putText(charSet, data, std::strlen(data));
     }
-    case 3: {  // varying text: its own 2-byte length, then the bytes
+    case 3: {  // varying text: its own 2-byte length, then the bytes; no pad is removed
+      const std::int32_t charSet = cursor->getCharSet();
       const auto* data = static_cast<const std::uint8_t*>(cursor->getData());
-      const std::uint16_t n = load<std::uint16_t>(data);
-      value.byte(static_cast<std::uint8_t>(cursor->getCharSet()));
-      value.number<2>(n);
-      put(value);
-      putBytes(data + 2, n);
-      return false;
+      return putText(charSet, data + 2, load<std::uint16_t>(data));
     }
     case 8:
       value.number<2>(static_cast<std::uint16_t>(cursor->getScale()));

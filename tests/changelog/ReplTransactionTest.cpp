@@ -8,11 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "IReplPlugin.h"
-#include "PosixFaults.h"
-#include "TestFiles.h"
-
-extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
+#include "PluginFixture.h"
 
 namespace {
 
@@ -22,17 +18,7 @@ using Strings = std::vector<std::string>;
 struct StreamModel {
   Bytes stream = bytesOf("ZEFO\x04");
 
-  void statement(const char* text, std::int64_t number) {
-    stream.push_back(0x53);
-    stream.push_back(0x00);
-    const std::size_t n = text ? std::strlen(text) : 0;
-    stream.push_back(static_cast<std::uint8_t>(n));
-    stream.insert(stream.end(), text, text + n);
-    stream.push_back(19);
-    stream.push_back(0);
-    stream.push_back(0);
-    for (int i = 0; i < 8; ++i) stream.push_back(static_cast<std::uint8_t>(number >> (8 * i)));
-  }
+  void statement(const char* text, std::int64_t number) { appendStatement(stream, text, number); }
   Bytes committed() const {
     Bytes s = stream;
     s.push_back(0x7B);
@@ -42,24 +28,8 @@ struct StreamModel {
 
 std::string text(std::size_t n, char c) { return std::string(n, c); }
 
-class ReplTransactionTest : public ::testing::Test {
+class ReplTransactionTest : public PluginFixture {
  protected:
-  void SetUp() override {
-    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
-    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
-    plugin = getReplPlugin(status, 30, config);
-    config->release();
-    ASSERT_NE(nullptr, plugin) << status.text();
-    logs = dir.path() + "logs/";
-  }
-  void TearDown() override { plugin->dispose(); }
-
-  ReplTransaction* begin(std::uint64_t number) {
-    Firebird::IReplTransaction* t = plugin->startTransaction(status, number);
-    EXPECT_NE(nullptr, t) << status.text();
-    return static_cast<ReplTransaction*>(t);
-  }
-
   // Records the statements of the model into t.
   void record(ReplTransaction* t, StreamModel& model, int count, const std::string& prefix) {
     for (int i = 0; i < count; ++i) {
@@ -70,12 +40,6 @@ class ReplTransactionTest : public ::testing::Test {
   }
 
   Strings logNames() const { return listDirectory(logs); }
-
-  PosixFaults::Scope faults;
-  TempDir dir;
-  FbStatus status;
-  Firebird::IReplPlugin* plugin = nullptr;
-  std::string logs;
 };
 
 TEST_F(ReplTransactionTest, StatementOnlyLogIsPublishedAs24Bytes) {

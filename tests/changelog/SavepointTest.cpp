@@ -9,50 +9,20 @@
 #include <string>
 #include <vector>
 
-#include "IReplPlugin.h"
-#include "PosixFaults.h"
-#include "ReplTransaction.h"
+#include "PluginFixture.h"
 #include "TReadFile.h"
-#include "TestFiles.h"
-
-extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
 
 namespace {
 
 using Strings = std::vector<std::string>;
 
-void appendStatement(Bytes& stream, const std::string& sql, std::int64_t number) {
-  stream.push_back(0x53);
-  stream.push_back(0x00);
-  stream.push_back(static_cast<std::uint8_t>(sql.size()));
-  stream.insert(stream.end(), sql.begin(), sql.end());
-  stream.push_back(19);
-  stream.push_back(0);
-  stream.push_back(0);
-  for (int i = 0; i < 8; ++i) stream.push_back(static_cast<std::uint8_t>(number >> (8 * i)));
-}
-
 const Bytes kHeader = bytesOf("ZEFO\x04");
 
-class SavepointTest : public ::testing::Test {
+class SavepointTest : public PluginFixture {
  protected:
-  void SetUp() override {
-    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
-    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
-    plugin = getReplPlugin(status, 30, config);
-    config->release();
-    ASSERT_NE(nullptr, plugin) << status.text();
-    logs = dir.path() + "logs/";
-  }
-  void TearDown() override { plugin->dispose(); }
-
-  ReplTransaction* begin(std::uint64_t number) {
-    return static_cast<ReplTransaction*>(plugin->startTransaction(status, number));
-  }
-
   // Records one statement into t and into the model stream.
   void statement(ReplTransaction* t, Bytes& model, const std::string& sql, std::int64_t number) {
-    appendStatement(model, sql, number);
+    appendStatement(model, sql.c_str(), number);
     ASSERT_EQ(0, t->executeSql(status, sql.c_str(), number)) << status.text();
   }
 
@@ -73,12 +43,6 @@ class SavepointTest : public ::testing::Test {
     EXPECT_EQ(containerOf(stream), readFile(path));
     ::remove(path.c_str());
   }
-
-  PosixFaults::Scope faults;
-  TempDir dir;
-  FbStatus status;
-  Firebird::IReplPlugin* plugin = nullptr;
-  std::string logs;
 };
 
 // Blocks 0 to 2 written, 1000 bytes of block 3 buffered, savepoint 7 at position 40000. Rolling it
@@ -161,7 +125,8 @@ TEST_F(SavepointTest, StackScripts) {
       }
       Bytes model = kHeader;
       for (const char* s = c.survivors; *s; ++s)
-        for (int i = 0; i < perRecord; ++i) appendStatement(model, *s + std::string(254, 'x'), i);
+        for (int i = 0; i < perRecord; ++i)
+          appendStatement(model, (*s + std::string(254, 'x')).c_str(), i);
       commitAndCheck(t, model);
       if (perRecord == 1) {
         EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kFtruncate64)) << "rewinds within the buffer";
@@ -273,7 +238,7 @@ TEST_F(SavepointTest, RandomSequencesMatchTheModel) {
         for (int i = 0; i < count; ++i) {
           const std::string sql(below(256), static_cast<char>('a' + below(26)));
           const std::int64_t number = static_cast<std::int64_t>(random()) << 20 ^ random();
-          appendStatement(model, sql, number);
+          appendStatement(model, sql.c_str(), number);
           ASSERT_EQ(0, t->executeSql(status, sql.c_str(), number));
         }
       } else if (kind < 72) {

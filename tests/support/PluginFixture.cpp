@@ -1,6 +1,20 @@
 #include "PluginFixture.h"
 
+#include <cstring>
+
 extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
+
+void appendStatement(Bytes& stream, const char* sql, std::int64_t number) {
+  stream.push_back(0x53);
+  stream.push_back(0x00);
+  const std::size_t n = sql ? std::strlen(sql) : 0;
+  stream.push_back(static_cast<std::uint8_t>(n));
+  stream.insert(stream.end(), sql, sql + n);
+  stream.push_back(19);
+  stream.push_back(0);
+  stream.push_back(0);
+  for (int i = 0; i < 8; ++i) stream.push_back(static_cast<std::uint8_t>(number >> (8 * i)));
+}
 
 void PluginFixture::SetUp() {
   writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");

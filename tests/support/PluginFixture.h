@@ -12,6 +12,9 @@
 #include "ReplTransaction.h"
 #include "TestFiles.h"
 
+// Appends the bytes of a statement record for sql (may be null) and number to stream.
+void appendStatement(Bytes& stream, const char* sql, std::int64_t number);
+
 class PluginFixture : public ::testing::Test {
  protected:
   void SetUp() override;
