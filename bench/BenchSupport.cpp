@@ -71,6 +71,9 @@ struct Check {
 
 const Check kChecks[] = {
     {"write calls per block (writer)", "WriterMixedPuts", "writes_per_block", 1, 1},
+    {"lseek64 calls per MiB (writer, no rewinds)", "WriterMixedPuts", "lseek_per_MiB", 0, 0},
+    {"read calls per block (reader)", "ReaderWithCrc", "reads_per_block", 1, 1},
+    {"lseek64 calls per MiB (reader, no seeks)", "ReaderWithCrc", "lseek_per_MiB", 0, 0},
     {"allocations per record", "InsertRecord", "allocations_per_record", 0, 0},
     {"resident memory growth of the writer, KiB", "BlobThroughPlugin", "rss_growth_KiB", -1e9,
      1023},

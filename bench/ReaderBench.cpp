@@ -7,6 +7,7 @@
 
 #include "BenchSupport.h"
 #include "Crc32c.h"
+#include "PosixFaults.h"
 #include "TReadFile.h"
 #include "TestFiles.h"
 
@@ -36,6 +37,7 @@ struct ScopedLog : Log {
 void ReaderWithCrc(benchmark::State& state) {
   const ScopedLog l;
   std::vector<std::uint8_t> out(1 << 16);
+  PosixFaults::reset();
   for (auto _ : state) {
     TReadFile reader;
     reader.open(l.path.c_str(), true);
@@ -47,6 +49,13 @@ void ReaderWithCrc(benchmark::State& state) {
     benchmark::DoNotOptimize(out.data());
   }
   state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(l.file.size()));
+  const double mib =
+      static_cast<double>(state.iterations()) * static_cast<double>(l.file.size()) / (1 << 20);
+  const double blocks = static_cast<double>(state.iterations()) *
+                        static_cast<double>((l.file.size() + 32767) / 32768);
+  state.counters["reads_per_block"] = PosixFaults::calls(PosixFaults::kRead) / blocks;
+  state.counters["reads_per_MiB"] = PosixFaults::calls(PosixFaults::kRead) / mib;
+  state.counters["lseek_per_MiB"] = PosixFaults::calls(PosixFaults::kLseek64) / mib;
 }
 
 void Crc32cInMemory(benchmark::State& state) {

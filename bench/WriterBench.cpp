@@ -58,7 +58,7 @@ void WriterMixedPuts(benchmark::State& state) {
   const Script& s = script();
   const std::int64_t target = bench::streamBytes();
   const std::string path = bench::scratchDirectory() + "writer.log";
-  std::int64_t bytes = 0, writes = 0, blocks = 0;
+  std::int64_t bytes = 0, writes = 0, blocks = 0, lseeks = 0;
   for (auto _ : state) {
     PosixFaults::reset();
     bench::FileWriter w(path);
@@ -87,6 +87,7 @@ void WriterMixedPuts(benchmark::State& state) {
     w.finish();
     bytes += written;
     writes += PosixFaults::calls(PosixFaults::kWrite);
+    lseeks += PosixFaults::calls(PosixFaults::kLseek64);
     blocks += (w.getPosition() + 32767) / 32768;
     state.PauseTiming();
     ::unlink(path.c_str());
@@ -94,6 +95,8 @@ void WriterMixedPuts(benchmark::State& state) {
   }
   state.SetBytesProcessed(bytes);
   state.counters["writes_per_block"] = static_cast<double>(writes) / static_cast<double>(blocks);
+  state.counters["lseek_per_MiB"] =
+      static_cast<double>(lseeks) / (static_cast<double>(bytes) / (1 << 20));
   state.counters["writes_per_MiB"] =
       static_cast<double>(writes) / (static_cast<double>(bytes) / (1 << 20));
 }
