@@ -79,6 +79,31 @@ TEST_F(SavepointTest, RollbackIntoAnEarlierBlockAndCommit) {
   t->dispose();
 }
 
+// A truncation that fails at commit is ignored: the log is published with the stale blocks of its
+// longer past behind the final block. A reader still finds the whole stream, commit marker last,
+// before it meets them.
+TEST_F(SavepointTest, FailedTruncationKeepsTheStaleTail) {
+  ReplTransaction* t = begin(8);
+  Bytes model = kHeader;
+  statement(t, model, "kept", 1);
+  t->startSavepoint(status, 1);
+  const Bytes atSavepoint = model;
+  for (int i = 0; i < 300; ++i) statement(t, model, std::string(255, 'x'), i);
+  t->rollbackSavepoint(1);
+  model = atSavepoint;
+  PosixFaults::reset();
+  PosixFaults::failAt(PosixFaults::kFtruncate64, 1, EIO);
+  ASSERT_EQ(0, t->commit(status));
+  EXPECT_EQ(1, PosixFaults::fired());
+  t->dispose();
+  ASSERT_EQ(1u, listDirectory(logs).size());
+  const Bytes file = readFile(logs + listDirectory(logs)[0]);
+  model.push_back(0x7B);
+  const Bytes head = containerOf(model);
+  EXPECT_EQ(2u * 32768, file.size()) << "the file keeps the length it had before the rollback";
+  EXPECT_EQ(head, Bytes(file.begin(), file.begin() + head.size()));
+}
+
 // Savepoint scripts over records A, B, C...: "rA" records A, "s5" starts savepoint 5, "l5" releases
 // and "b5" rolls back savepoint 5. Each runs with one statement per record (all in the buffer) and
 // with 150 (each record about 40 KiB, so rollbacks reach into blocks already on disk).
