@@ -67,8 +67,8 @@ class ReplTransaction::ValueBytes {
 
 namespace {}  // namespace
 
-void ReplTransaction::put(const ValueBytes& value) {
-  if (value.inPlace()) {
+inline void ReplTransaction::put(const ValueBytes& value) {
+  if (__builtin_expect(value.inPlace(), 1)) {
     advance(value.size());
   } else {
     putBytes(value.data(), value.size());
