@@ -12,7 +12,9 @@
 //   std::uint8_t version = log.getByte();
 //
 // Failures throw ReplException (or ReplAutoException for a CRC mismatch, whose message names the
-// file). A reader is used by one thread at a time; reading allocates nothing.
+// file). A reader is used by one thread at a time; reading allocates nothing. After a failure the
+// reader is only good for open(): a block whose CRC did not match stays in the buffer unverified,
+// and after the end of the file the buffer is empty while its position still names the last block.
 #pragma once
 
 #include <cstdint>

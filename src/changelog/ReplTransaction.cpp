@@ -12,6 +12,7 @@ ReplTransaction::ReplTransaction(std::uint64_t number)
     : outputDirectory(nullptr),
       transactionNumber(number),
       committed(false),
+      commitMarkerPut(false),
       headerEnd(0),
       savepoints(nullptr) {}
 
@@ -50,7 +51,18 @@ std::int32_t ReplTransaction::commit(Firebird::IStatus* status) {
   // that an earlier block flush may have created.
   if (getPosition() <= headerEnd) return 0;
   try {
-    putByte(kCommitMarker);
+    // A commit whose flush failed (the file could not be created) may be called again; the marker
+    // is then already in the buffer and must not be put twice.
+    if (!commitMarkerPut) {
+      const std::int64_t before = getPosition();
+      try {
+        putByte(kCommitMarker);
+      } catch (const ReplException&) {
+        commitMarkerPut = getPosition() != before;
+        throw;
+      }
+      commitMarkerPut = true;
+    }
     flushBlock();
   } catch (const ReplException& e) {
     // The log stays unpublished; dispose removes the file if one was created.

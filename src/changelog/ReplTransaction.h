@@ -79,6 +79,7 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
   const char* outputDirectory;
   const std::uint64_t transactionNumber;
   bool committed;
+  bool commitMarkerPut;  // by a commit that then failed to flush
   std::int64_t headerEnd;
   ReplSavepoint* savepoints;
 };

@@ -5,8 +5,14 @@
 
 void ReplTransaction::startSavepoint(Firebird::IStatus*, std::int32_t number) {
   if (committed) return;
+  std::int64_t position = getPosition();
+  // While a block could not be flushed (its file could not be created) the buffer stays full and
+  // the position points at the trailer. The next byte will start the next block, so that is where
+  // the savepoint starts; a rewind to a trailer position could never be done.
+  if (BlockFormat::blockOffset(position) == BlockFormat::kBlockDataSize)
+    position += BlockFormat::kTrailerSize;
   // Touches no file, so nothing here can fail but the allocation, which the server handles.
-  savepoints = new ReplSavepoint{savepoints, number, getPosition()};
+  savepoints = new ReplSavepoint{savepoints, number, position};
 }
 
 void ReplTransaction::releaseSavepoint(Firebird::IStatus*, std::int32_t number) {

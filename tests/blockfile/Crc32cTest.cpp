@@ -61,14 +61,42 @@ TEST(Crc32c, SelectionFollowsCpuid) {
 #endif
 }
 
-// Both implementations, and the dispatched entry, fold every length from every start address alike,
-// from any running value; a zero length leaves the running value alone.
-TEST(Crc32c, ImplementationsAgreeOnEveryLengthAndAlignment) {
-  std::vector<Crc32cUpdateFunction> updates = {crc32cUpdateTable, crc32cUpdate};
+// Every implementation this processor can run: the dispatched entry, the table, the SSE4.2 path
+// with its three interleaved lanes, and the carry-less fold. The SSE4.2 path hands long inputs to
+// the fold when the processor has it, so it also runs once with the fold switched off.
+struct Variant {
+  const char* name;
+  Crc32cUpdateFunction update;
+  bool fold;  // the value crc32cUseFold takes while it runs
+};
+
+std::vector<Variant> variants() {
+  std::vector<Variant> v = {{"dispatched", crc32cUpdate, true}, {"table", crc32cUpdateTable, true}};
 #if defined(FBCDC_HAVE_SSE42_CRC)
-  if (crc32cHasSse42()) updates.push_back(crc32cUpdateSse42);
+  if (crc32cHasSse42()) v.push_back({"sse4.2 lanes", crc32cUpdateSse42, false});
 #endif
-  if (updates.size() < 3) std::printf("note: no SSE4.2 on this processor, table path only\n");
+#if defined(FBCDC_HAVE_FOLD_CRC)
+  if (crc32cHasFold()) v.push_back({"sse4.2 with fold", crc32cUpdateSse42, true});
+#endif
+  if (v.size() < 4) std::printf("note: this processor runs only %zu of the variants\n", v.size());
+  return v;
+}
+
+// Sets crc32cUseFold for one variant and restores what the load chose.
+struct FoldSwitch {
+#if defined(FBCDC_HAVE_FOLD_CRC)
+  explicit FoldSwitch(bool fold) : saved(crc32cUseFold) { crc32cUseFold = fold && saved; }
+  ~FoldSwitch() { crc32cUseFold = saved; }
+  bool saved;
+#else
+  explicit FoldSwitch(bool) {}
+#endif
+};
+
+// Every variant folds every length from every start address alike, from any running value; a zero
+// length leaves the running value alone.
+TEST(Crc32c, ImplementationsAgreeOnEveryLengthAndAlignment) {
+  const std::vector<Variant> updates = variants();
 
   std::mt19937 random(20261123);
   std::vector<std::uint8_t> data(1100);
@@ -79,15 +107,17 @@ TEST(Crc32c, ImplementationsAgreeOnEveryLengthAndAlignment) {
       const std::uint8_t* start = data.data() + align;
       const std::uint32_t seed = static_cast<std::uint32_t>(random());
       const std::uint32_t expected = ~slowCrc32c(start, length);
-      for (Crc32cUpdateFunction update : updates) {
+      for (const Variant& variant : updates) {
+        FoldSwitch use(variant.fold);
         std::uint32_t running = 0xFFFFFFFF;
-        update(running, start, length);
-        ASSERT_EQ(expected, running) << "align " << align << " length " << length;
+        variant.update(running, start, length);
+        ASSERT_EQ(expected, running) << variant.name << " align " << align << " length " << length;
         std::uint32_t fromSeed = seed;
         std::uint32_t reference = seed;
-        update(fromSeed, start, length);
+        variant.update(fromSeed, start, length);
         crc32cUpdateTable(reference, start, length);
-        ASSERT_EQ(reference, fromSeed) << "align " << align << " length " << length;
+        ASSERT_EQ(reference, fromSeed)
+            << variant.name << " align " << align << " length " << length;
       }
     }
   }
@@ -101,12 +131,15 @@ TEST(Crc32c, ImplementationsAgreeOnLongInputs) {
   std::vector<int> lengths = {32764, 98000, 3 * 32768};
   for (int edge : {768, 3 * 10920, 2 * 3 * 10920})
     for (int d = -9; d <= 9; ++d) lengths.push_back(edge + d);
-  for (int align = 0; align < 8; ++align) {
-    for (int length : lengths) {
-      std::uint32_t expected = 0x12345678, got = 0x12345678;
-      crc32cUpdateTable(expected, data.data() + align, length);
-      crc32cUpdate(got, data.data() + align, length);
-      ASSERT_EQ(expected, got) << "align " << align << " length " << length;
+  for (const Variant& variant : variants()) {
+    FoldSwitch use(variant.fold);
+    for (int align = 0; align < 8; ++align) {
+      for (int length : lengths) {
+        std::uint32_t expected = 0x12345678, got = 0x12345678;
+        crc32cUpdateTable(expected, data.data() + align, length);
+        variant.update(got, data.data() + align, length);
+        ASSERT_EQ(expected, got) << variant.name << " align " << align << " length " << length;
+      }
     }
   }
 }

@@ -152,6 +152,23 @@ TEST_F(ReplTransactionTest, ExistingTemporaryFileIsLeftAlone) {
   EXPECT_EQ(bytesOf("not ours"), readFile(name));
 }
 
+// A commit whose file could not be created may be called again: the log then holds one commit
+// marker, not two.
+TEST_F(ReplTransactionTest, CommitAgainAfterTheFileCouldNotBeCreated) {
+  ReplTransaction* t = begin(14);
+  ASSERT_EQ(0, t->executeSql(status, nullptr, 1));
+  PosixFaults::reset();
+  PosixFaults::failAt(PosixFaults::kOpen, 1, EMFILE);
+  FbStatus failed;
+  EXPECT_EQ(335544382, t->commit(failed));
+  EXPECT_EQ("CDC error Log file creation failed: Too many open files", failed.text());
+  EXPECT_EQ(0, t->commit(status)) << status.text();
+  t->dispose();
+  ASSERT_EQ(1u, logNames().size());
+  EXPECT_EQ("5A 45 46 4F 04 53 00 00 13 00 00 01 00 00 00 00 00 00 00 7B 26 F4 89 80",
+            hex(readFile(logs + logNames()[0])));
+}
+
 TEST_F(ReplTransactionTest, WriteFailureInARecordIsNeverPublished) {
   StreamModel model;
   ReplTransaction* t = begin(12);

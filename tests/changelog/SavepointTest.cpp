@@ -187,6 +187,33 @@ TEST_F(SavepointTest, SavepointAtABlockStart) {
   }
 }
 
+// A savepoint started while a full block could not be flushed (its file could not be created)
+// starts where the next byte goes, the next block's start, and can be rolled back like any other.
+TEST_F(SavepointTest, SavepointWhileAFullBlockWaitsForItsFile) {
+  for (bool blockWrittenSince : {false, true}) {
+    SCOPED_TRACE(blockWrittenSince ? "block written since" : "block still buffered");
+    PosixFaults::reset();
+    ReplTransaction* t = begin(9);
+    Bytes model = kHeader;
+    for (int i = 0; i < 121; ++i) statement(t, model, std::string(255, 'a'), i);
+    // The last byte of this record fills the block; creating the file fails, the bytes stay.
+    PosixFaults::failAt(PosixFaults::kOpen, 1, EACCES);
+    appendStatement(model, std::string(196, 'b').c_str(), 0);
+    FbStatus failed;
+    EXPECT_EQ(335544382, t->executeSql(failed, std::string(196, 'b').c_str(), 0));
+    EXPECT_EQ("CDC error Log file creation failed: Permission denied", failed.text());
+    ASSERT_EQ(32764u, model.size());
+    t->startSavepoint(status, 1);
+    const Bytes atSavepoint = model;
+    for (int i = 0; i < (blockWrittenSince ? 130 : 1); ++i)
+      statement(t, model, std::string(255, 'c'), i);
+    t->rollbackSavepoint(1);
+    model = atSavepoint;
+    statement(t, model, "after", 2);
+    commitAndCheck(t, model);
+  }
+}
+
 // Failures while a rollback reads a block back. A failed first positioning changes nothing and
 // the log goes on as if no rollback had been asked for; any later failure stops the writer, so
 // commit fails and no log is published: a block is never written anywhere but where it belongs.
