@@ -37,6 +37,9 @@ struct Ratio {
   const char* denominator;
   const char* counter;
   double target;  // 0: no target, shown for information
+  // When set, the counter of the denominator run to use instead of counter (two figures of one
+  // run compared with each other).
+  const char* denominatorCounter = nullptr;
 };
 
 // Runs every registered benchmark and prints the table of ratios and checked counters.
