@@ -26,7 +26,7 @@ const char kAlreadyCommitted[] = "CDC error: Transaction is already committed";
 const char kLongRelation[] = "CDC error: Relation name longer than 252 bytes";
 const char kLongField[] = "CDC error: Field name longer than 252 bytes";
 
-bool longerThan(const char* text, std::size_t limit) { return text && std::strlen(text) > limit; }
+std::size_t lengthOf(const char* text) { return text ? std::strlen(text) : 0; }
 
 // Whether the status holds an error after a field. The status can change only where a field value
 // called into the server or refused the value, so it is read after those fields, and after the
@@ -39,9 +39,8 @@ bool errorAfterField(Firebird::IStatus* status, bool touched, bool& tested) {
 
 }  // namespace
 
-void ReplTransaction::writeRecordName(const char* text) {
+void ReplTransaction::writeRecordName(const char* text, std::size_t length) {
   putByte(0x00);
-  const std::size_t length = text ? std::strlen(text) : 0;
   putByte(static_cast<std::uint8_t>(length));
   putBytes(text, static_cast<std::int32_t>(length));
 }
@@ -50,11 +49,12 @@ std::int32_t ReplTransaction::executeSql(Firebird::IStatus* status, const char* 
                                          std::int64_t number) {
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
   // Checked before anything is written: a length byte must never disagree with the text.
-  if (longerThan(sql, kMaxStatementLength))
+  const std::size_t length = lengthOf(sql);
+  if (length > kMaxStatementLength)
     return ReplStatus::reportText(status, "CDC error: Statement text longer than 255 bytes");
   try {
     putByte(kSqlTag);
-    writeRecordName(sql);
+    writeRecordName(sql, length);
     // Laid out like the body of an int64 field value: type code, scale 0, the number.
     putByte(kInt64Type);
     putInt16(0);
@@ -107,10 +107,11 @@ std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
                                              bool old) {
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
   const char* relation = record->getName();
-  if (longerThan(relation, kMaxNameLength)) return ReplStatus::reportText(status, kLongRelation);
+  const std::size_t length = lengthOf(relation);
+  if (length > kMaxNameLength) return ReplStatus::reportText(status, kLongRelation);
   try {
     putByte(tag);
-    writeRecordName(relation);
+    writeRecordName(relation, length);
     Firebird::IReplField* cursor = record->getFields();
     bool tested = false;
     for (; cursor->isValid(); cursor->moveNext()) {
@@ -139,10 +140,11 @@ std::int32_t ReplTransaction::updateRecord(Firebird::IStatus* status,
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
   // The relation name comes from the new image; the old image's name is not asked for.
   const char* relation = newRecord->getName();
-  if (longerThan(relation, kMaxNameLength)) return ReplStatus::reportText(status, kLongRelation);
+  const std::size_t length = lengthOf(relation);
+  if (length > kMaxNameLength) return ReplStatus::reportText(status, kLongRelation);
   try {
     putByte(kUpdateTag);
-    writeRecordName(relation);
+    writeRecordName(relation, length);
     Firebird::IReplField* newCursor = newRecord->getFields();
     Firebird::IReplField* oldCursor = oldRecord->getFields();
     // The cursors move in lockstep: the old field at position k gives the old value of the new

@@ -59,7 +59,8 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
   std::int32_t writeRowRecord(Firebird::IStatus* status, Firebird::IAttachment* attachment,
                               Firebird::ITransaction* transaction, Firebird::IReplRecord* record,
                               std::uint8_t tag, bool old);
-  void writeRecordName(const char* text);
+  // Writes 00, then text (null or length bytes) as a short text; the caller has checked length.
+  void writeRecordName(const char* text, std::size_t length);
   // Writes a field name as a short text. Nothing is written for a null or empty name, nor for one
   // longer than the longest name a length byte may announce.
   enum class NameResult { kWritten, kEmpty, kTooLong };
