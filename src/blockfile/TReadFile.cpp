@@ -61,22 +61,29 @@ std::uint32_t TReadFile::crcNotSet(const std::uint8_t*, std::int32_t) {
 }
 
 void TReadFile::readBlock() {
+  if (!loadBlock()) throw ReplException("TRF::RB", "Unexpected EOF");
+}
+
+bool TReadFile::atEnd() { return current < end ? false : !loadBlock(); }
+
+bool TReadFile::loadBlock() {
   current = end = buffer;
   if (fd < 0) throw ReplException("TRF::RB", "File is not opened");
   // Every block but the last is exactly kBlockSize bytes and starts at a multiple of it, so one
   // read of a regular file returns exactly one block.
   const ssize_t n = ::read(fd, buffer, kBlockSize);
-  if (n == 0) throw ReplException("TRF::RB", "Unexpected EOF");
+  if (n == 0) return false;
   if (n < 0) throw ReplException("TRF::RB", ReplException::errnoText(errno));
   filePosition = fileOffset;
   fileOffset += n;
   end = buffer + n;
-  if (!checkCrc) return;
+  if (!checkCrc) return true;
   if (n < kSmallestBlock) throw ReplException("TFDB::RB", "Too small block");
   end -= kTrailerSize;
   const std::uint32_t stored = BlockFormat::loadLe32(end);
   if (crcFunction(buffer, static_cast<std::int32_t>(n - kTrailerSize)) != stored)
     ReplAutoException::raise("TFDB::RB", "CRC error, file %s is corrupted", fileName);
+  return true;
 }
 
 double TReadFile::getDouble() {

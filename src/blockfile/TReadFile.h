@@ -62,6 +62,18 @@ class TReadFile {
   // Moves forward over count bytes, loading and verifying every block passed over.
   void skip(std::uint32_t count);
 
+  // In-place reading for callers that take many small values: the loaded block's bytes not yet
+  // handed out begin at peek() and number available(); consume(n) hands out n of them
+  // (n <= available()). A value that the block edge splits must go through the get operations.
+  const std::uint8_t* peek() const { return current; }
+  std::int32_t available() const {
+    return current < end ? static_cast<std::int32_t>(end - current) : 0;
+  }
+  void consume(std::int32_t n) { current += n; }
+  // True when no byte follows: the loaded block is used up and the file holds nothing more. Loads
+  // (and verifies) the next block otherwise.
+  bool atEnd();
+
   // Log position of the next byte.
   std::int64_t getPosition() const;
   // Moves to a log position, loading its block unless it is the one in the buffer. A position with
@@ -89,6 +101,8 @@ class TReadFile {
   }
 
   void close();
+  // Loads the next block as readBlock does; false at the end of the file.
+  bool loadBlock();
 
   std::int64_t filePosition;  // log position of buffer[0]: the block loaded last
   std::int64_t fileOffset;    // the descriptor's offset, just behind the bytes read last

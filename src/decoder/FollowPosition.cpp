@@ -1,0 +1,50 @@
+#include "FollowPosition.h"
+
+#include <algorithm>
+#include <sstream>
+#include <stdexcept>
+
+bool FollowPosition::isDone(const LogFile& log) const {
+  if (names_.empty()) return false;
+  if (log.changeTime != changeTime_) return log.changeTime < changeTime_;
+  return std::find(names_.begin(), names_.end(), log.name) != names_.end();
+}
+
+void FollowPosition::advance(const LogFile& log) {
+  if (names_.empty() || log.changeTime > changeTime_) {
+    changeTime_ = log.changeTime;
+    names_.assign(1, log.name);
+  } else if (log.changeTime == changeTime_) {
+    names_.push_back(log.name);
+  }
+  // A log with an earlier time (the clock went back) is already counted as done.
+}
+
+std::string FollowPosition::serialize() const {
+  if (names_.empty()) return "";
+  std::string text = std::to_string(changeTime_);
+  for (const std::string& name : names_) text += " " + name;
+  return text + "\n";
+}
+
+FollowPosition FollowPosition::parse(const std::string& text) {
+  FollowPosition position;
+  std::istringstream in(text);
+  std::string time;
+  if (!(in >> time)) return position;  // empty: nothing done yet
+  std::size_t used = 0;
+  try {
+    position.changeTime_ = std::stoll(time, &used);
+  } catch (const std::exception&) {
+    used = 0;
+  }
+  if (used != time.size()) throw std::runtime_error("not a log time: \"" + time + "\"");
+  for (std::string name; in >> name;) {
+    LogName parsed;
+    if (!LogName::parse(name, parsed) || !parsed.published)
+      throw std::runtime_error("not a log name: \"" + name + "\"");
+    position.names_.push_back(name);
+  }
+  if (position.names_.empty()) throw std::runtime_error("no log name after the time");
+  return position;
+}

@@ -1,0 +1,63 @@
+// JSON Lines, one object per row change or statement, in the shape of Debezium's change event
+// envelope so that consumers written for it read these too:
+//
+//   {"before":null,"after":{"ID":5,"NAME":"Ada"},
+//    "source":{"file":"000000006553f103_00000000000004d2.fbl","transaction":1234,
+//              "time":"2023-11-14T22:13:23Z","index":0},
+//    "op":"c","table":"CUSTOMER","ts_ms":1700000003123,
+//    "transaction":{"id":"1234","total_order":1,"data_collection_order":1}}
+//
+// op is "c", "u", "d", or "sql" for a statement, which carries "sql":{"text":...,"number":...} and
+// a null table. Values are rendered by ValueRenderer. With transactions on, a BEGIN line comes
+// before a log's events and an END line, with the count per table, after them; statements count in
+// event_count but belong to no table.
+#pragma once
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "EventWriter.h"
+#include "ValueRenderer.h"
+
+class JsonEventWriter : public EventWriter {
+ public:
+  explicit JsonEventWriter(const EventFormat& format);
+
+  void beginLog(const LogInfo& log) override;
+  void event(const ChangeEvent& event) override;
+  void endLog(const ChangeEvent& end) override;
+
+  std::string_view pending() const override {
+    return std::string_view(buffer_.GetString(), buffer_.GetSize());
+  }
+  void clear() override { buffer_.Clear(); }
+
+ private:
+  using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+  struct Sink;
+
+  void string(std::string_view s) { writer_.String(s.data(), static_cast<unsigned>(s.size())); }
+  // A name from the log, made valid UTF-8.
+  void name(std::string_view s, bool key);
+  void image(const ChangeEvent& event, bool before);
+  void transactionId();
+  // The place of this event among the log's events of the same table, from 1.
+  std::uint32_t countTable(std::string_view table);
+  static std::int64_t nowMs();
+
+  EventFormat format_;
+  ValueRenderer renderer_;
+  rapidjson::StringBuffer buffer_;
+  Writer writer_;
+  LogInfo log_;
+  std::string time_;  // the log's time, formatted once
+  std::string id_;    // the transaction number as text
+  std::string scratch_;
+  std::vector<std::pair<std::string, std::uint32_t>> tables_;
+  std::size_t lastTable_ = 0;
+  std::uint32_t statements_ = 0;
+};

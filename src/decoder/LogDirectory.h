@@ -1,0 +1,20 @@
+// The change logs of a directory, in publication order (see LogFile).
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "LogFile.h"
+
+class LogDirectory {
+ public:
+  enum class Which { kPublished, kTemporary, kBoth };
+
+  // The logs of directory, sorted in publication order; throws std::runtime_error when the
+  // directory cannot be read. Entries that vanish while they are listed are left out.
+  static std::vector<LogFile> list(const std::string& directory, Which which = Which::kPublished);
+
+  // directory with exactly one "/" at its end.
+  static std::string withSlash(const std::string& directory);
+  static bool isDirectory(const std::string& path);
+};

@@ -1,0 +1,140 @@
+#include "LogFollower.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "LogDirectory.h"
+
+namespace {
+
+std::atomic<bool> stopFlag{false};
+// Written by requestStop so that a follower waiting in poll wakes up.
+int stopPipe[2] = {-1, -1};
+
+void ensureStopPipe() {
+  static const bool made = [] {
+    if (::pipe2(stopPipe, O_CLOEXEC | O_NONBLOCK) != 0)
+      throw std::runtime_error(std::string("cannot create a pipe: ") + std::strerror(errno));
+    return true;
+  }();
+  (void)made;
+}
+
+void onSignal(int) { LogFollower::requestStop(); }
+
+}  // namespace
+
+LogFollower::LogFollower(std::string directory, LogRange range)
+    : directory_(LogDirectory::withSlash(directory)), range_(std::move(range)) {
+  ensureStopPipe();
+}
+
+LogFollower::~LogFollower() {
+  if (inotify_ >= 0) ::close(inotify_);
+}
+
+void LogFollower::requestStop() {
+  stopFlag.store(true);
+  if (stopPipe[1] >= 0) {
+    const char byte = 1;
+    (void)!::write(stopPipe[1], &byte, 1);
+  }
+}
+
+bool LogFollower::stopRequested() { return stopFlag.load(); }
+
+void LogFollower::clearStop() {
+  stopFlag.store(false);
+  char drain[64];
+  while (stopPipe[0] >= 0 && ::read(stopPipe[0], drain, sizeof drain) > 0) {
+  }
+}
+
+void LogFollower::stopOnSignals() {
+  ensureStopPipe();
+  struct sigaction action {};
+  action.sa_handler = onSignal;
+  sigemptyset(&action.sa_mask);
+  ::sigaction(SIGINT, &action, nullptr);
+  ::sigaction(SIGTERM, &action, nullptr);
+}
+
+void LogFollower::enqueue(std::vector<LogFile> logs, const FollowPosition& position) {
+  std::sort(logs.begin(), logs.end());
+  for (LogFile& log : logs) {
+    if (position.isDone(log) || !range_.contains(log)) continue;
+    const bool queued = std::any_of(queue_.begin(), queue_.end(),
+                                    [&](const LogFile& q) { return q.name == log.name; });
+    if (!queued) queue_.push_back(std::move(log));
+  }
+}
+
+void LogFollower::rescan(const FollowPosition& position) {
+  enqueue(LogDirectory::list(directory_), position);
+}
+
+void LogFollower::wait(const FollowPosition& position) {
+  pollfd fds[2] = {{inotify_, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
+  const int ready = ::poll(fds, 2, kRescanSeconds * 1000);
+  if (ready < 0 && errno != EINTR)
+    throw std::runtime_error(std::string("cannot wait for new logs: ") + std::strerror(errno));
+  if (ready <= 0) {
+    rescan(position);
+    return;
+  }
+  if (!(fds[0].revents & POLLIN)) return;
+  alignas(inotify_event) char buffer[16384];
+  bool overflow = false;
+  for (;;) {
+    const ssize_t n = ::read(inotify_, buffer, sizeof buffer);
+    if (n <= 0) break;
+    for (char* p = buffer; p < buffer + n;) {
+      const auto* event = reinterpret_cast<const inotify_event*>(p);
+      p += sizeof(inotify_event) + event->len;
+      if (event->mask & IN_Q_OVERFLOW) overflow = true;
+      if (event->len == 0) continue;
+      // Reports come in the order of the renames; each is queued as it comes.
+      LogFile log;
+      if (LogFile::examine(directory_ + event->name, log) && log.parsed.published)
+        enqueue({log}, position);
+    }
+  }
+  if (overflow) rescan(position);
+}
+
+void LogFollower::run(FollowPosition& position, const Handler& handle, const Committed& committed,
+                      bool once) {
+  if (!once && inotify_ < 0) {
+    // Watching starts before the first scan, so that nothing published in between is missed.
+    inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (inotify_ < 0 || ::inotify_add_watch(inotify_, directory_.c_str(),
+                                            IN_MOVED_TO | IN_CLOSE_WRITE | IN_ONLYDIR) < 0)
+      throw std::runtime_error("cannot watch directory " + directory_ + ": " +
+                               std::strerror(errno));
+  }
+  rescan(position);
+  for (;;) {
+    while (!queue_.empty()) {
+      if (stopRequested()) return;
+      LogFile log = queue_.front();
+      queue_.erase(queue_.begin());
+      if (range_.endsBefore(log)) return;
+      // A log may have gone since it was queued, or been handled under a report and a rescan.
+      if (position.isDone(log) || !LogFile::examine(log.path, log)) continue;
+      handle(log);
+      position.advance(log);
+      committed(position);
+    }
+    if (once || stopRequested()) return;
+    wait(position);
+  }
+}

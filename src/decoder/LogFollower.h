@@ -1,0 +1,60 @@
+// Follows a directory into which change logs are published: hands every published log that a
+// position has not yet seen to a handler, in publication order, then waits for new ones.
+//
+// A log is published by a rename into the directory, which inotify reports as it happens; the
+// follower takes new logs in the order of those reports (the exact order of publication, finer
+// than the file system's clock), and on start, or when inotify lost track (queue overflow), in the
+// order of LogFile. ".tmp" files are ignored. A periodic rescan catches anything a report missed.
+//
+//   LogFollower follower(directory, range);
+//   follower.run(position, [&](const LogFile& log) { sink.send(log); },
+//                [&](const FollowPosition& p) { checkpoint.store(p.serialize()); });
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "FollowPosition.h"
+#include "LogFile.h"
+#include "LogRange.h"
+
+class LogFollower {
+ public:
+  using Handler = std::function<void(const LogFile& log)>;
+  using Committed = std::function<void(const FollowPosition& position)>;
+
+  LogFollower(std::string directory, LogRange range);
+  ~LogFollower();
+  LogFollower(const LogFollower&) = delete;
+  LogFollower& operator=(const LogFollower&) = delete;
+
+  // Hands each log to handle and then advances position and calls committed with it. With once,
+  // returns when the logs present have been handled; otherwise waits for more, and returns when a
+  // stop was requested (after the current log) or the range has ended. Exceptions of the handler
+  // and of committed pass through, leaving position at the last log completed.
+  void run(FollowPosition& position, const Handler& handle, const Committed& committed, bool once);
+
+  // Makes every running follower stop after its current log; safe in a signal handler.
+  static void requestStop();
+  // SIGINT and SIGTERM request a stop.
+  static void stopOnSignals();
+  static bool stopRequested();
+  // Forgets a stop request (for a new run in the same process).
+  static void clearStop();
+
+  // Seconds between rescans while waiting; a rescan finds logs whose report was lost.
+  static constexpr int kRescanSeconds = 5;
+
+ private:
+  // Adds logs not done, in range and not queued yet; sorted among themselves.
+  void enqueue(std::vector<LogFile> logs, const FollowPosition& position);
+  void rescan(const FollowPosition& position);
+  // Waits for reports or a stop; queues what was reported.
+  void wait(const FollowPosition& position);
+
+  std::string directory_;
+  LogRange range_;
+  int inotify_ = -1;
+  std::vector<LogFile> queue_;
+};

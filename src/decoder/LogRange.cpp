@@ -1,0 +1,45 @@
+#include "LogRange.h"
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "ValueText.h"
+
+bool LogRange::contains(const LogFile& log) const {
+  if (since && log.parsed.time < *since) return false;
+  if (until && log.parsed.time >= *until) return false;
+  if (from && log.name < *from) return false;
+  if (to && log.name > *to) return false;
+  return true;
+}
+
+bool LogRange::endsBefore(const LogFile& log) const {
+  return (until && log.parsed.time >= *until) || (to && log.name > *to);
+}
+
+bool LogRange::parseTime(const std::string& text, std::int64_t& seconds) {
+  if (!text.empty() && text[0] == '@') {
+    char* end = nullptr;
+    const long long value = std::strtoll(text.c_str() + 1, &end, 10);
+    if (end == text.c_str() + 1 || *end != '\0') return false;
+    seconds = value;
+    return true;
+  }
+  int year, month, day, hour = 0, minute = 0, second = 0, used = 0;
+  if (std::sscanf(text.c_str(), "%4d-%2d-%2d%n", &year, &month, &day, &used) != 3) return false;
+  const char* rest = text.c_str() + used;
+  if (*rest == 'T' || *rest == ' ') {
+    int more = 0;
+    if (std::sscanf(rest + 1, "%2d:%2d:%2d%n", &hour, &minute, &second, &more) != 3) return false;
+    rest += 1 + more;
+  }
+  if (*rest == 'Z') ++rest;
+  if (*rest != '\0' || month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 ||
+      second > 60)
+    return false;
+  seconds =
+      ValueText::daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) *
+          86400 +
+      hour * 3600 + minute * 60 + second;
+  return true;
+}

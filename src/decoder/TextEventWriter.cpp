@@ -1,0 +1,84 @@
+#include "TextEventWriter.h"
+
+#include <cstdio>
+
+struct TextEventWriter::Sink {
+  TextEventWriter& w;
+  void null() { w.out_ += "null"; }
+  void boolean(bool b) { w.out_ += b ? "true" : "false"; }
+  void integer(std::int64_t i) { w.out_ += std::to_string(i); }
+  void real(double d) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.17g", d);
+    w.out_ += text;
+  }
+  void string(std::string_view s) { w.quoted(s); }
+};
+
+TextEventWriter::TextEventWriter(const EventFormat& format) : format_(format), renderer_(format_) {}
+
+void TextEventWriter::quoted(std::string_view s) {
+  out_.push_back('"');
+  for (const char c : s) {
+    const auto u = static_cast<unsigned char>(c);
+    if (c == '"' || c == '\\') {
+      out_.push_back('\\');
+      out_.push_back(c);
+    } else if (u < 0x20 || u == 0x7F) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\x%02X", u);
+      out_ += escape;
+    } else {
+      out_.push_back(c);
+    }
+  }
+  out_.push_back('"');
+}
+
+void TextEventWriter::value(const FieldValue& v) {
+  Sink sink{*this};
+  renderer_.render(v, sink);
+}
+
+void TextEventWriter::beginLog(const LogInfo& log) {
+  out_ += "== " + log.file + "  transaction " + std::to_string(log.transaction) + "  ";
+  ValueText::appendIsoUtc(out_, log.time);
+  out_.push_back('\n');
+}
+
+void TextEventWriter::event(const ChangeEvent& event) {
+  using Kind = ChangeEvent::Kind;
+  static const char* const kOps[] = {"insert", "update", "delete", "sql"};
+  out_ += "#" + std::to_string(event.index) + " " + kOps[static_cast<int>(event.kind)] + " ";
+  if (event.kind == Kind::kSql) {
+    out_ += std::to_string(event.sqlNumber);
+  } else {
+    std::string name;
+    CharacterSets::appendValidUtf8(event.relation, name);
+    out_ += name;
+  }
+  out_ += "  (position " + std::to_string(event.position) + ")\n";
+  if (event.kind == Kind::kSql) {
+    out_ += "  ";
+    CharacterSets::appendValidUtf8(event.sqlText, out_);
+    out_.push_back('\n');
+    return;
+  }
+  for (const FieldChange& f : event.fields) {
+    out_ += "  ";
+    CharacterSets::appendValidUtf8(f.name, out_);
+    out_ += " = ";
+    if (event.kind == Kind::kUpdate) {
+      value(f.before);
+      out_ += " -> ";
+      value(f.after);
+    } else {
+      value(event.kind == Kind::kInsert ? f.after : f.before);
+    }
+    out_.push_back('\n');
+  }
+}
+
+void TextEventWriter::endLog(const ChangeEvent& end) {
+  out_ += "== end: " + std::to_string(end.index) + (end.index == 1 ? " event\n" : " events\n");
+}

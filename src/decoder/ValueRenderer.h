@@ -1,0 +1,83 @@
+// Turns a field value into what a reader of JSON or of a listing sees, the same for both:
+//   integers without scale as numbers, scaled ones as exact decimal strings (or doubles);
+//   doubles as numbers, non-finite ones as "NaN", "Infinity", "-Infinity";
+//   dates "YYYY-MM-DD", times "HH:MM:SS.ffff", timestamps "YYYY-MM-DDTHH:MM:SS.ffff";
+//   booleans; texts in UTF-8 where their character set is readable, else base64;
+//   blobs and arrays as base64 (blobs as text on request);
+//   a value the log does not carry as "__unavailable", so that it is never taken for null.
+// The sink receives exactly one of null(), boolean(), integer(), real() (finite) or string().
+#pragma once
+
+#include <cmath>
+#include <string>
+
+#include "CharacterSets.h"
+#include "EventFormat.h"
+#include "FieldValue.h"
+#include "ValueText.h"
+
+class ValueRenderer {
+ public:
+  static constexpr char kUnavailable[] = "__unavailable";
+
+  explicit ValueRenderer(const EventFormat& format) : format_(format) {}
+
+  template <typename Sink>
+  void render(const FieldValue& v, Sink& sink) {
+    using Kind = FieldValue::Kind;
+    scratch_.clear();
+    switch (v.kind) {
+      case Kind::kAbsent:
+        return sink.string(kUnavailable);
+      case Kind::kNull:
+        return sink.null();
+      case Kind::kShort:
+      case Kind::kLong:
+      case Kind::kInt64:
+        if (v.scale == 0) return sink.integer(v.integer);
+        if (format_.decimalAsDouble)
+          return real(ValueText::scaledToDouble(v.integer, v.scale), sink);
+        ValueText::appendScaled(scratch_, v.integer, v.scale);
+        break;
+      case Kind::kFloat:
+      case Kind::kDouble:
+        return real(v.real, sink);
+      case Kind::kDate:
+        ValueText::appendDate(scratch_, v.integer);
+        break;
+      case Kind::kTime:
+        ValueText::appendTime(scratch_, static_cast<std::uint32_t>(v.integer));
+        break;
+      case Kind::kTimestamp:
+        ValueText::appendTimestamp(scratch_, v.integer, v.time);
+        break;
+      case Kind::kBoolean:
+        return sink.boolean(v.integer != 0);
+      case Kind::kText:
+        if (!CharacterSets::appendUtf8(v.charSet, v.bytes, scratch_))
+          ValueText::appendBase64(scratch_, v.bytes);
+        break;
+      case Kind::kBlob:
+        if (format_.blobsAsText)
+          CharacterSets::appendValidUtf8(v.bytes, scratch_);
+        else
+          ValueText::appendBase64(scratch_, v.bytes);
+        break;
+      case Kind::kArray:
+        ValueText::appendBase64(scratch_, v.bytes);
+        break;
+    }
+    sink.string(scratch_);
+  }
+
+ private:
+  template <typename Sink>
+  void real(double d, Sink& sink) {
+    if (std::isnan(d)) return sink.string("NaN");
+    if (std::isinf(d)) return sink.string(d > 0 ? "Infinity" : "-Infinity");
+    sink.real(d);
+  }
+
+  const EventFormat& format_;
+  std::string scratch_;
+};

@@ -1,0 +1,61 @@
+// The subcommands of fbcdc, each a thin layer over the library's classes, listed in one table in
+// main.cpp. A handler receives its own arguments, argv[0] being "fbcdc NAME".
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+#include <vector>
+
+#include "EventFormat.h"
+#include "LogFile.h"
+#include "LogRange.h"
+
+namespace fbcdc {
+
+// Exit statuses, the same for every subcommand.
+constexpr int kExitOk = 0;      // done; for verify: every log valid
+constexpr int kExitFailed = 1;  // a log is damaged or could not be read, or the work failed
+constexpr int kExitUsage = 2;   // wrong arguments
+
+struct Command {
+  const char* name;
+  const char* help;  // one line, for the list of commands
+  int (*run)(int argc, char** argv);
+};
+
+int dumpCommand(int argc, char** argv);
+int verifyCommand(int argc, char** argv);
+int followCommand(int argc, char** argv);
+
+// Parses the arguments; on --help prints the help and returns kExitOk, on an error prints one line
+// and returns kExitUsage. Returns -1 when the command should go on.
+int parse(CLI::App& app, int argc, char** argv);
+
+// The options of every command that prints events: --format, --decimal, --blobs, --transactions.
+struct OutputOptions {
+  std::string format = "json";
+  std::string decimal = "string";
+  std::string blobs = "base64";
+  bool transactions = false;
+  EventFormat eventFormat() const;
+};
+void addOutputOptions(CLI::App& app, OutputOptions& options);
+
+// --since, --until, --from, --to.
+struct RangeOptions {
+  std::string since, until, from, to;
+  // Throws CLI::ValidationError on a time it cannot read.
+  LogRange range() const;
+};
+void addRangeOptions(CLI::App& app, RangeOptions& options);
+
+// The logs named on the command line: a file as it is, a directory as its published logs in
+// publication order (with temporary ones as well when asked). Throws std::runtime_error for a path
+// that does not exist.
+std::vector<LogFile> expandPaths(const std::vector<std::string>& paths, bool withTemporary);
+
+// Prints "fbcdc NAME: text" on stderr.
+void complain(const char* command, const std::string& text);
+
+}  // namespace fbcdc
