@@ -1,5 +1,6 @@
 #include "TextEventWriter.h"
 
+#include <charconv>
 #include <cstdio>
 
 struct TextEventWriter::Sink {
@@ -8,9 +9,10 @@ struct TextEventWriter::Sink {
   void boolean(bool b) { w.out_ += b ? "true" : "false"; }
   void integer(std::int64_t i) { w.out_ += std::to_string(i); }
   void real(double d) {
+    // The shortest text that reads back as the same double, as in JSON.
     char text[32];
-    std::snprintf(text, sizeof text, "%.17g", d);
-    w.out_ += text;
+    const auto result = std::to_chars(text, text + sizeof text, d);
+    w.out_.append(text, result.ptr);
   }
   void string(std::string_view s) { w.quoted(s); }
 };

@@ -1,0 +1,461 @@
+// The decoder against the plugin that wrote the logs: random transactions through row images (every
+// type, nulls, blobs across blocks, partial old images, statements, savepoint rollbacks) decode to
+// exactly what was written; damage under valid CRCs is reported where it lies; no change of bytes
+// makes the decoder fail other than with a LogFormatError.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <random>
+
+#include "EmbeddedDatabase.h"
+#include "IReplPlugin.h"
+#include "LiteralRow.h"
+#include "LogDecoder.h"
+#include "LogFormatError.h"
+#include "PosixFaults.h"
+#include "ReplTransaction.h"
+#include "TestFiles.h"
+
+extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
+
+namespace {
+
+template <typename T>
+std::string bitsOf(T value) {
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &value, sizeof value);
+  return std::to_string(bits);
+}
+
+std::string hexOf(std::string_view bytes) { return hex(Bytes(bytes.begin(), bytes.end())); }
+
+// The same description of a value, from what the test wrote and from what the decoder read.
+std::string describe(const FieldValue& v) {
+  using Kind = FieldValue::Kind;
+  const std::string scale = " scale " + std::to_string(v.scale) + " ";
+  switch (v.kind) {
+    case Kind::kAbsent:
+      return "absent";
+    case Kind::kNull:
+      return "null";
+    case Kind::kText:
+      return "text" + std::to_string(v.typeCode) + " cs" + std::to_string(v.charSet) + " " +
+             hexOf(v.bytes);
+    case Kind::kShort:
+      return "short" + scale + std::to_string(v.integer);
+    case Kind::kLong:
+      return "long" + scale + std::to_string(v.integer);
+    case Kind::kInt64:
+      return "int64" + scale + std::to_string(v.integer);
+    case Kind::kFloat:
+      return "float " + bitsOf(v.real);
+    case Kind::kDouble:
+      return "double " + bitsOf(v.real);
+    case Kind::kDate:
+      return "date " + std::to_string(v.integer);
+    case Kind::kTime:
+      return "time " + std::to_string(v.integer);
+    case Kind::kTimestamp:
+      return "timestamp " + std::to_string(v.integer) + " " + std::to_string(v.time);
+    case Kind::kBoolean:
+      return "boolean " + std::to_string(v.integer);
+    case Kind::kBlob:
+    case Kind::kArray:
+      return "blob " + std::to_string(v.size) + " " +
+             std::to_string(
+                 slowCrc32c(reinterpret_cast<const std::uint8_t*>(v.bytes.data()), v.bytes.size()));
+  }
+  return "?";
+}
+
+std::string describe(const ChangeEvent& e) {
+  static const char* const kinds[] = {"I", "U", "D", "S", "E"};
+  std::string s = std::string(kinds[static_cast<int>(e.kind)]) + "|" + std::string(e.relation);
+  if (e.kind == ChangeEvent::Kind::kSql)
+    return s + std::string(e.sqlText) + "|" + std::to_string(e.sqlNumber);
+  for (const FieldChange& f : e.fields)
+    s += "|" + std::string(f.name) + ":" + describe(f.before) + ">" + describe(f.after);
+  return s;
+}
+
+struct Blob {
+  ISC_QUAD id;
+  std::string description;
+};
+
+// Random row images, each field described as the decoder must read it back.
+class RowMaker {
+ public:
+  RowMaker(std::mt19937& random, const std::vector<Blob>& blobs) : r_(random), blobs_(blobs) {}
+
+  // Adds a random field and returns the description of its value. skipped tells that the writer
+  // makes no entry for it (type 0, or no name); in an old image its value counts all the same.
+  std::string add(LiteralRow& row, const std::string& name, bool allowBlob, bool& skipped) {
+    skipped = false;
+    const char* n = name.c_str();
+    const auto scale = static_cast<std::int16_t>(-static_cast<int>(r_() % 5));
+    const std::string s = " scale " + std::to_string(scale) + " ";
+    switch (r_() % (allowBlob ? 16 : 15)) {
+      case 0: {
+        const auto v = static_cast<std::int16_t>(r_());
+        row.addShort(n, v, scale);
+        return "short" + s + std::to_string(v);
+      }
+      case 1: {
+        const auto v = static_cast<std::int32_t>(r_());
+        row.addLong(n, v, scale);
+        return "long" + s + std::to_string(v);
+      }
+      case 2: {
+        const auto v = static_cast<std::int64_t>(static_cast<std::uint64_t>(r_()) << 32 | r_());
+        row.addInt64(n, v, scale);
+        return "int64" + s + std::to_string(v);
+      }
+      case 3: {
+        const float v = static_cast<float>(r_()) / 7.0f;
+        row.addFloat(n, v);
+        return "float " + bitsOf(static_cast<double>(v));
+      }
+      case 4: {
+        const double v = r_() % 8 == 0 ? std::nan("") : static_cast<double>(r_()) / 3.0;
+        row.addDouble(n, v);
+        return "double " + bitsOf(v);
+      }
+      case 5: {
+        const auto v = static_cast<std::int32_t>(r_() % 100000);
+        row.addDate(n, v);
+        return "date " + std::to_string(v);
+      }
+      case 6: {
+        const std::uint32_t v = r_() % 864000000;
+        row.addTime(n, v);
+        return "time " + std::to_string(v);
+      }
+      case 7: {
+        const auto d = static_cast<std::int32_t>(r_() % 100000);
+        const std::uint32_t t = r_() % 864000000;
+        row.addTimestamp(n, d, t);
+        return "timestamp " + std::to_string(d) + " " + std::to_string(t);
+      }
+      case 8: {
+        const bool v = r_() % 2;
+        row.addBoolean(n, v);
+        return "boolean " + std::to_string(v);
+      }
+      case 9: {  // fixed-length text: the writer drops the pad of its character set
+        const std::int32_t cs = r_() % 2 ? 1 : 4;
+        const std::string text = randomText(r_() % 40);
+        row.addChar(n, text + std::string(r_() % 5, cs == 1 ? '\0' : ' '), cs);
+        std::string kept = text;
+        while (!kept.empty() && kept.back() == (cs == 1 ? '\0' : ' ')) kept.pop_back();
+        return "text1 cs" + std::to_string(cs) + " " + hexOf(kept);
+      }
+      case 10: {
+        const std::string text = randomText(r_() % 300);
+        row.addVarchar(n, text, 53);
+        return "text3 cs53 " + hexOf(text);
+      }
+      case 11: {
+        std::string text = randomText(r_() % 20);
+        text.erase(std::remove(text.begin(), text.end(), '\0'), text.end());
+        row.addCString(n, text, 0);
+        return "text2 cs0 " + hexOf(text);
+      }
+      case 12: {
+        // Any type but the blob kinds, whose old values are never written, null or not.
+        static const std::uint32_t types[] = {1, 3, 4, 8, 9, 12, 14, 16, 19, 20, 21};
+        row.addNull(n, types[r_() % 11]);
+        return "null";
+      }
+      case 13:
+        row.addRaw(n, 0, "");
+        skipped = true;
+        return "absent";
+      case 14:
+        row.addRaw(nullptr, 9, std::string(4, '\1'));
+        skipped = true;
+        return "long scale 0 16843009";
+      default: {
+        const Blob& b = blobs_[r_() % blobs_.size()];
+        row.addBlob(n, b.id);
+        return b.description;
+      }
+    }
+  }
+
+  std::string randomText(std::size_t n) {
+    std::string s(n, '\0');
+    for (char& c : s) c = static_cast<char>(r_());
+    return s;
+  }
+
+ private:
+  std::mt19937& r_;
+  const std::vector<Blob>& blobs_;
+};
+
+class LogDecoderTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
+    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
+    plugin = getReplPlugin(status, 30, config);
+    config->release();
+    ASSERT_NE(nullptr, plugin) << status.text();
+  }
+  void TearDown() override {
+    if (plugin) plugin->dispose();
+  }
+
+  // Decodes the one log of the output directory (and removes it); empty when there is none.
+  std::vector<std::string> decodePublished(Bytes* file = nullptr) {
+    const std::vector<std::string> names = listDirectory(dir / "logs");
+    if (names.empty()) return {};
+    EXPECT_EQ(1u, names.size());
+    const std::string path = dir / ("logs/" + names[0]);
+    if (file) *file = readFile(path);
+    std::vector<std::string> events;
+    LogDecoder decoder;
+    decoder.open(path);
+    for (const ChangeEvent* e = &decoder.next(); e->kind != ChangeEvent::Kind::kEnd;
+         e = &decoder.next()) {
+      EXPECT_EQ(events.size(), e->index);
+      events.push_back(describe(*e));
+    }
+    ::remove(path.c_str());
+    return events;
+  }
+
+  PosixFaults::Scope faults;
+  TempDir dir;
+  FbStatus status;
+  Firebird::IReplPlugin* plugin = nullptr;
+};
+
+// Random transactions, checked against a model of what their published log must hold: the events
+// written, less those of rolled-back savepoints.
+TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
+  EmbeddedDatabase db(dir / "blobs.fdb");
+  std::mt19937 random(20261123);
+  std::vector<Blob> blobs;
+  for (std::size_t size : {0, 700, 70000}) {
+    Bytes data(size);
+    for (auto& b : data) b = static_cast<std::uint8_t>(random());
+    const ISC_QUAD id = db.createBlob(data, true);
+    blobs.push_back({id, "blob " + std::to_string(size) + " " +
+                             std::to_string(slowCrc32c(data.data(), data.size()))});
+  }
+  RowMaker maker(random, blobs);
+  Bytes largest;
+  for (int transaction = 0; transaction < 60; ++transaction) {
+    SCOPED_TRACE("transaction " + std::to_string(transaction));
+    auto* t = static_cast<ReplTransaction*>(plugin->startTransaction(status, transaction + 1));
+    ASSERT_NE(nullptr, t);
+    std::vector<std::string> expected;
+    std::vector<std::pair<int, std::size_t>> savepoints;  // number, events before it
+    int nextSavepoint = 1;
+    const int operations = 1 + static_cast<int>(random() % 300);
+    for (int op = 0; op < operations; ++op) {
+      const std::string relation = "REL" + std::to_string(random() % 4);
+      LiteralRow newRow(relation.c_str());
+      LiteralRow oldRow(relation.c_str());
+      const int fields = static_cast<int>(random() % 12);
+      const int oldFields = static_cast<int>(random() % (fields + 1));
+      std::string entries;
+      const unsigned kind = random() % 10;
+      for (int f = 0; f < fields; ++f) {
+        const std::string name = "F" + std::to_string(f);
+        bool skipped;
+        const std::string after = maker.add(newRow, name, kind != 2, skipped);
+        std::string before = "absent";
+        if (f < oldFields) {
+          bool unused;
+          before = maker.add(oldRow, name, true, unused);
+          if (before.rfind("blob", 0) == 0) before = "absent";
+        }
+        if (skipped) continue;
+        if (kind <= 1) entries += "|" + name + ":absent>" + after;       // insert
+        if (kind == 2) entries += "|" + name + ":" + after + ">absent";  // delete
+        if (kind >= 3 && kind <= 5) entries += "|" + name + ":" + before + ">" + after;
+      }
+      std::int32_t result = 0;
+      if (kind <= 1) {
+        result = t->insertRecord(status, db.attachment(), db.transaction(), &newRow);
+        expected.push_back("I|" + relation + entries);
+      } else if (kind == 2) {
+        result = t->deleteRecord(status, db.attachment(), db.transaction(), &newRow);
+        expected.push_back("D|" + relation + entries);
+      } else if (kind <= 5) {
+        result = t->updateRecord(status, db.attachment(), db.transaction(), &oldRow, &newRow);
+        expected.push_back("U|" + relation + entries);
+      } else if (kind == 6) {
+        const std::string sql = maker.randomText(random() % 256);
+        const auto number = static_cast<std::int64_t>(random());
+        result = t->executeSql(status, sql.c_str(), number);
+        expected.push_back("S|" + std::string(sql.c_str()) + "|" + std::to_string(number));
+      } else if (kind == 7) {
+        t->startSavepoint(status, nextSavepoint);
+        savepoints.emplace_back(nextSavepoint++, expected.size());
+      } else if (kind == 8 && !savepoints.empty()) {
+        const int n = savepoints[random() % savepoints.size()].first;
+        t->releaseSavepoint(status, n);
+        while (!savepoints.empty() && savepoints.back().first >= n) savepoints.pop_back();
+      } else if (kind == 9) {
+        const int n = savepoints.empty() || random() % 8 == 0
+                          ? 0
+                          : savepoints[random() % savepoints.size()].first;
+        t->rollbackSavepoint(n);
+        while (!savepoints.empty() && savepoints.back().first > n) savepoints.pop_back();
+        if (savepoints.empty()) {
+          expected.clear();
+        } else {
+          expected.resize(savepoints.back().second);
+          savepoints.pop_back();
+        }
+      }
+      ASSERT_EQ(0, result) << status.text();
+    }
+    ASSERT_EQ(0, t->commit(status)) << status.text();
+    t->dispose();
+    Bytes file;
+    EXPECT_EQ(expected, decodePublished(&file));
+    if (file.size() > largest.size()) largest = file;
+  }
+  writeFile(dir / "largest.fbl", std::string(largest.begin(), largest.end()));
+  ASSERT_GT(largest.size(), 3u * 32768) << "the logs should cross several blocks";
+
+  // Any change of the stream, sealed with valid CRCs so that the decoder's own checks are reached,
+  // and any cut of the file: the decoder reads on or stops with a LogFormatError, nothing else.
+  Bytes stream;
+  for (std::size_t at = 0; at < largest.size(); at += 32768) {
+    const std::size_t n = std::min<std::size_t>(32768, largest.size() - at) - 4;
+    stream.insert(stream.end(), largest.begin() + at, largest.begin() + at + n);
+  }
+  auto survives = [&](const Bytes& file) {
+    writeFile(dir / "damaged.fbl", std::string(file.begin(), file.end()));
+    try {
+      LogDecoder decoder;
+      decoder.open(dir / "damaged.fbl");
+      while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
+      }
+    } catch (const LogFormatError&) {
+    }
+  };
+  for (int i = 0; i < 400; ++i) {
+    Bytes changed = stream;
+    for (unsigned k = 0; k < 1 + random() % 3; ++k)
+      changed[random() % changed.size()] = static_cast<std::uint8_t>(random());
+    survives(containerOf(changed));
+  }
+  for (std::size_t cut = 0; cut < largest.size(); cut += 1 + random() % 4000) {
+    survives(Bytes(largest.begin(), largest.begin() + cut));
+    survives(containerOf(Bytes(stream.begin(), stream.begin() + std::min(cut, stream.size()))));
+  }
+}
+
+// Damage that valid CRCs do not reveal: each case names the log position of the byte at fault
+// (the end of the stream for a log cut short) and what was expected there.
+TEST_F(LogDecoderTest, StructuralDamageIsReportedWhereItLies) {
+  const std::string header = "ZEFO\x04";
+  const std::string insertT = std::string("I\0\1T", 4);
+  const std::string field = std::string("\2ID\xFD\x09\0\0\5\0\0\0", 11);
+  const std::string record = insertT + field + "\xFF";
+  struct Case {
+    const char* name;
+    std::string stream;
+    std::size_t position;
+    const char* reason;
+  } cases[] = {
+      {"magic", "ZEFA\x04" + record + "{", 3, "expected the magic"},
+      {"version", std::string("ZEFO\x03", 5) + record + "{", 4, "expected the format version 04"},
+      {"tag", header + "X" + record + "{", 5, "expected a record tag"},
+      {"zero behind tag", header + "I\1" + record + "{", 6, "00 byte behind the record tag"},
+      {"relation name", header + std::string("I\0\xFD", 3) + "{", 7, "at most 252 bytes"},
+      {"empty field name", header + insertT + std::string("\0", 1), 9, "field name length"},
+      {"old value in insert", header + insertT + "\2ID\xFE", 12, "new value marker FD"},
+      {"type code", header + insertT + "\2ID\xFD\x04", 13, "type code the writer produces"},
+      {"old blob", header + std::string("D\0\1T\2ID\xFE\x11", 10), 13, "an old value"},
+      {"update without new value", header + "U" + record.substr(1, 3) + "\2ID\xFE\x63\xFF{", 14,
+       "new value marker FD of an update"},
+      {"new value in delete", header + "D" + record.substr(1) + "{", 12, "old value marker FE"},
+      {"statement type", header + std::string("S\0\0\x0C", 4), 8, "type code 13"},
+      // The end of a log is its file's length, trailer included.
+      {"cut in a text", header + insertT + std::string("\2ID\xFD\3\4\5\0ab", 10), 23,
+       "a text's bytes"},
+      {"no commit marker", header + record, 25, "a record tag"},
+      {"bytes after the marker", header + record + std::string("{\0", 2), 22,
+       "bytes follow the commit marker"},
+      {"nothing recorded", header + "{", 5, "no record before its commit marker"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = dir / "damaged.fbl";
+    const Bytes file = containerOf(bytesOf(c.stream));
+    writeFile(path, std::string(file.begin(), file.end()));
+    try {
+      LogDecoder decoder;
+      decoder.open(path);
+      while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
+      }
+      ADD_FAILURE() << "decoded without complaint";
+    } catch (const LogFormatError& e) {
+      EXPECT_EQ(static_cast<std::int64_t>(c.position), e.position()) << e.what();
+      EXPECT_NE(std::string::npos, e.reason().find(c.reason)) << e.what();
+      EXPECT_EQ(path, e.file());
+    }
+  }
+
+  // Far into a log the position counts the trailers of the blocks before: a damaged tag at stream
+  // offset s lies at s + 4 * (s / 32764).
+  std::string longStream = header;
+  while (longStream.size() < 70000) longStream += record;
+  const std::size_t damaged = longStream.size();
+  longStream += "X{";
+  const Bytes file = containerOf(bytesOf(longStream));
+  writeFile(dir / "long.fbl", std::string(file.begin(), file.end()));
+  LogDecoder decoder;
+  decoder.open(dir / "long.fbl");
+  try {
+    while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
+    }
+    ADD_FAILURE() << "decoded without complaint";
+  } catch (const LogFormatError& e) {
+    EXPECT_EQ(static_cast<std::int64_t>(damaged + 4 * (damaged / 32764)), e.position());
+    EXPECT_EQ(2, e.block());
+  }
+}
+
+// A long blob handed out piece by piece: the receiver gets every byte in order and the event
+// keeps only its size.
+TEST_F(LogDecoderTest, LargeBlobsAreStreamedPastTheThreshold) {
+  EmbeddedDatabase db(dir / "blobs.fdb");
+  Bytes data(200000);
+  for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i * 7);
+  LiteralRow row("T");
+  row.addBlob("B", db.createBlob(data, false, 30000)).addBlob("SMALL", db.createBlob({1, 2}, true));
+  Firebird::IReplTransaction* t = plugin->startTransaction(status, 1);
+  ASSERT_EQ(0, t->insertRecord(status, db.attachment(), db.transaction(), &row));
+  ASSERT_EQ(0, t->commit(status));
+  t->dispose();
+  Bytes received;
+  LogDecoder decoder;
+  decoder.streamBlobs(65536, [&](std::string_view name, const std::uint8_t* p, std::size_t n) {
+    EXPECT_EQ("B", name);
+    received.insert(received.end(), p, p + n);
+  });
+  decoder.open(dir / ("logs/" + listDirectory(dir / "logs").at(0)));
+  const ChangeEvent& e = decoder.next();
+  ASSERT_EQ(2u, e.fields.size());
+  EXPECT_TRUE(e.fields[0].after.streamed);
+  EXPECT_EQ(data.size(), e.fields[0].after.size);
+  EXPECT_EQ(7u, e.fields[0].after.pieces);
+  EXPECT_TRUE(e.fields[0].after.bytes.empty());
+  EXPECT_TRUE(received == data);
+  EXPECT_FALSE(e.fields[1].after.streamed);
+  EXPECT_EQ(std::string("\1\2", 2), e.fields[1].after.bytes);
+  EXPECT_EQ(ChangeEvent::Kind::kEnd, decoder.next().kind);
+}
+
+}  // namespace
