@@ -6,7 +6,9 @@
 #include <cstdint>
 #include <string>
 
+#include "IReplPlugin.h"
 #include "TWriteFile.h"
+#include "TestFiles.h"
 
 namespace bench {
 
@@ -29,6 +31,14 @@ class FileWriter : public TWriteFile {
   void finish();
 };
 
+// A plugin writing into the scratch directory, for the life of the benchmark process.
+struct PluginUnderTest {
+  PluginUnderTest();
+  FbStatus status;
+  Firebird::IReplPlugin* plugin = nullptr;
+};
+PluginUnderTest& pluginUnderTest();
+
 // Records a ratio to print after the run: numerator and denominator name benchmark runs, and the
 // figure compared is the given counter of each ("bytes_per_second", "items_per_second", ...).
 struct Ratio {
@@ -40,6 +50,8 @@ struct Ratio {
   // When set, the counter of the denominator run to use instead of counter (two figures of one
   // run compared with each other).
   const char* denominatorCounter = nullptr;
+  // A fixed limit to compare with when denominator is null (events per second, say).
+  double limit = 0;
 };
 
 // Runs every registered benchmark and prints the table of ratios and checked counters.

@@ -11,6 +11,7 @@
 #include "BenchSupport.h"
 #include "IReplPlugin.h"
 #include "LiteralRow.h"
+#include "OrderRow.h"
 #include "ReplTransaction.h"
 #include "TestFiles.h"
 
@@ -18,37 +19,11 @@ extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebir
 
 namespace {
 
-struct Values {
-  std::int32_t id = 1234567;
-  std::int16_t quantity = 12;
-  std::int64_t amount = 1999999;  // scale -2
-  std::string name = "Customer name 0042";
-  std::int32_t date = 60369;
-  std::uint32_t time = 453960000;
-  bool active = true;
-  double rate = 0.0725;
-  std::int32_t day = 60400;
-  std::int64_t counter = 77;
-};
-
-void fill(LiteralRow& row, const Values& v) {
-  row.addLong("ID", v.id)
-      .addShort("QUANTITY", v.quantity)
-      .addInt64("AMOUNT", v.amount, -2)
-      .addVarchar("NAME", v.name, 4)
-      .addTimestamp("CREATED", v.date, v.time)
-      .addBoolean("ACTIVE", v.active)
-      .addDouble("RATE", v.rate)
-      .addNull("NOTE", 3)
-      .addDate("DAY", v.day)
-      .addInt64("COUNTER", v.counter);
-}
-
 // The same record, written straight through the block writer.
 class HandEncoder : public bench::FileWriter {
  public:
   using FileWriter::FileWriter;
-  void encode(const Values& v) {
+  void encode(const OrderValues& v) {
     putByte(0x49);
     putByte(0);
     name("ORDERS");
@@ -85,37 +60,15 @@ class HandEncoder : public bench::FileWriter {
   }
 };
 
-// A plugin writing into the scratch directory, for the life of the benchmark process.
-struct PluginUnderTest {
-  FbStatus status;
-  Firebird::IReplPlugin* plugin = nullptr;
-  PluginUnderTest() {
-    const std::string config = bench::scratchDirectory() + "plugin.conf";
-    writeFile(config, "OutputDirectory = " + bench::scratchDirectory() + "logs\n");
-    Firebird::IConfig* c = loadConfig(config);
-    plugin = getReplPlugin(status, 30, c);
-    c->release();
-    if (!plugin) {
-      std::fprintf(stderr, "plugin: %s\n", status.text().c_str());
-      std::abort();
-    }
-  }
-};
-
-PluginUnderTest& pluginUnderTest() {
-  static PluginUnderTest p;
-  return p;
-}
-
 // Guards the comparison: both sides must write the same bytes.
 void checkSameBytes() {
   static bool checked = false;
   if (checked) return;
   checked = true;
-  Values v;
+  OrderValues v;
   LiteralRow row("ORDERS");
-  fill(row, v);
-  PluginUnderTest& p = pluginUnderTest();
+  fillOrderRow(row, v);
+  bench::PluginUnderTest& p = bench::pluginUnderTest();
   ReplTransaction* t = static_cast<ReplTransaction*>(p.plugin->startTransaction(p.status, 1));
   t->insertRecord(p.status, nullptr, nullptr, &row);
   t->commit(p.status);
@@ -139,10 +92,10 @@ constexpr long kRecordsPerTransaction = 200000;
 
 void InsertRecord(benchmark::State& state) {
   checkSameBytes();
-  PluginUnderTest& p = pluginUnderTest();
-  Values v;
+  bench::PluginUnderTest& p = bench::pluginUnderTest();
+  OrderValues v;
   LiteralRow row("ORDERS");
-  fill(row, v);
+  fillOrderRow(row, v);
   Firebird::IReplTransaction* t = p.plugin->startTransaction(p.status, 2);
   long records = 0, inTransaction = 0;
   AllocationFaults::reset();
@@ -168,7 +121,7 @@ void InsertRecord(benchmark::State& state) {
 
 void HandEncoderBench(benchmark::State& state) {
   const std::string path = bench::scratchDirectory() + "hand.log";
-  Values v;
+  OrderValues v;
   auto writer = std::make_unique<HandEncoder>(path);
   long inFile = 0;
   for (auto _ : state) {
@@ -190,9 +143,9 @@ void HandEncoderBench(benchmark::State& state) {
 // The server's side of the bargain: walking the row image with the calls the plugin makes for
 // each field, and nothing else. The plugin cannot be faster than this.
 void RowImageWalk(benchmark::State& state) {
-  Values v;
+  OrderValues v;
   LiteralRow row("ORDERS");
-  fill(row, v);
+  fillOrderRow(row, v);
   Firebird::IReplRecord* record = &row;
   for (auto _ : state) {
     benchmark::DoNotOptimize(record->getName());
@@ -213,10 +166,10 @@ namespace bench {
 
 // For counting instructions under callgrind: exactly n inserts, nothing else timed.
 void insertRecords(long n) {
-  PluginUnderTest& p = pluginUnderTest();
-  Values v;
+  bench::PluginUnderTest& p = bench::pluginUnderTest();
+  OrderValues v;
   LiteralRow row("ORDERS");
-  fill(row, v);
+  fillOrderRow(row, v);
   Firebird::IReplTransaction* t = p.plugin->startTransaction(p.status, 3);
   for (long i = 0; i < n; ++i) t->insertRecord(p.status, nullptr, nullptr, &row);
   t->dispose();
@@ -225,7 +178,7 @@ void insertRecords(long n) {
 // The same for the hand encoder.
 void handEncodeRecords(long n) {
   const std::string path = bench::scratchDirectory() + "hand-count.log";
-  Values v;
+  OrderValues v;
   {
     HandEncoder writer(path);
     for (long i = 0; i < n; ++i) writer.encode(v);

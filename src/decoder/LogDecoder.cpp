@@ -3,9 +3,14 @@
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
+#include <type_traits>
 
 #include "LogFormatError.h"
 #include "ReplException.h"
+
+// The record parser is instantiated for both readers; inlined whole, the in-place reader keeps its
+// pointer in a register across a record.
+#define FBCDC_INLINE inline __attribute__((always_inline))
 
 namespace {
 
@@ -27,6 +32,7 @@ constexpr std::uint8_t kMaxStatement = 255;
 const char kTagExpected[] = "a record tag (49 I, 55 U, 44 D, 53 S) or the commit marker 7B";
 const char kTypeExpected[] =
     "a type code the writer produces (1, 2, 3, 8, 9, 11, 12, 14 to 19, 21) or 63 for null";
+const char kNameExpected[] = "a field name length (01 to FC) or the end of the record (FF)";
 
 std::string hexByte(std::uint8_t b) {
   char text[8];
@@ -35,6 +41,112 @@ std::string hexByte(std::uint8_t b) {
 }
 
 }  // namespace
+
+// Reads a record from the bytes of the loaded block alone. Running out of bytes, or meeting
+// anything unusual (damage, a blob of several pieces), gives up; the record is then read again
+// across blocks, which also words every complaint.
+class LogDecoder::InBlock {
+ public:
+  struct GiveUp {};
+
+  InBlock(LogDecoder& decoder, const std::uint8_t* p, std::int32_t n)
+      : d_(decoder), start_(p), p_(p), end_(p + n) {}
+
+  std::int32_t used() const { return static_cast<std::int32_t>(p_ - start_); }
+
+  std::uint8_t byte(const char*) {
+    if (p_ == end_) throw GiveUp();
+    return *p_++;
+  }
+  template <int N>
+  std::uint64_t number(const char*) {
+    if (end_ - p_ < N) throw GiveUp();
+    std::uint64_t value = 0;
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    std::memcpy(&value, p_, N);  // the machine's own order is the log's
+#else
+    for (int i = 0; i < N; ++i) value |= static_cast<std::uint64_t>(p_[i]) << (8 * i);
+#endif
+    p_ += N;
+    return value;
+  }
+  void text(std::size_t n, const char*, std::size_t field, Slot slot) {
+    if (static_cast<std::size_t>(end_ - p_) < n) throw GiveUp();
+    view(field, slot) = std::string_view(reinterpret_cast<const char*>(p_), n);
+    p_ += n;
+  }
+  // A blob of one piece lies whole in the block; more pieces are reassembled across blocks.
+  void pieces(FieldValue& value, std::size_t field, Slot slot) {
+    const auto length = static_cast<std::size_t>(number<2>(nullptr));
+    if (length != 0) {
+      if (d_.receiver_ && length > d_.streamThreshold_) throw GiveUp();
+      text(length, nullptr, field, slot);
+      value.pieces = 1;
+      value.size = length;
+      if (number<2>(nullptr) != 0) throw GiveUp();
+    }
+  }
+  [[noreturn]] void failByte(const char*, std::uint8_t) { throw GiveUp(); }
+  [[noreturn]] void fail(const std::string&) { throw GiveUp(); }
+
+ private:
+  std::string_view& view(std::size_t field, Slot slot) {
+    ChangeEvent& e = d_.event_;
+    switch (slot) {
+      case Slot::kName:
+        return d_.field(field).name;
+      case Slot::kBefore:
+        return d_.field(field).before.bytes;
+      case Slot::kAfter:
+        return d_.field(field).after.bytes;
+      case Slot::kRelation:
+        return e.relation;
+      case Slot::kStatement:
+        break;
+    }
+    return e.sqlText;
+  }
+
+  LogDecoder& d_;
+  const std::uint8_t* start_;
+  const std::uint8_t* p_;
+  const std::uint8_t* end_;
+};
+
+// Reads a record through the block reader, loading (and verifying) blocks as it goes, and copies
+// its texts into the arena.
+class LogDecoder::AcrossBlocks {
+ public:
+  explicit AcrossBlocks(LogDecoder& decoder) : d_(decoder) {}
+
+  std::uint8_t byte(const char* what) { return d_.byte(what); }
+  template <int N>
+  std::uint64_t number(const char* what) {
+    std::uint64_t value = 0;
+    for (int i = 0; i < N; ++i) value |= static_cast<std::uint64_t>(d_.byte(what)) << (8 * i);
+    return value;
+  }
+  void text(std::size_t n, const char* what, std::size_t field, Slot slot) {
+    span(field, slot) = d_.readBytes(n, what);
+  }
+  void pieces(FieldValue& value, std::size_t field, Slot slot) {
+    d_.readPieces(value, field, slot);
+  }
+  [[noreturn]] void failByte(const char* expected, std::uint8_t found) {
+    d_.failByte(expected, found);
+  }
+  [[noreturn]] void fail(const std::string& reason) { d_.fail(d_.lastBytePosition(), reason); }
+
+  Span& span(std::size_t field, Slot slot) {
+    if (slot == Slot::kRelation || slot == Slot::kStatement) return d_.relationSpan_;
+    if (d_.spans_.size() <= field) d_.spans_.resize(field + 1);
+    FieldSpans& f = d_.spans_[field];
+    return slot == Slot::kName ? f.name : slot == Slot::kBefore ? f.before : f.after;
+  }
+
+ private:
+  LogDecoder& d_;
+};
 
 void LogDecoder::streamBlobs(std::uint64_t threshold, BlobReceiver receiver) {
   streamThreshold_ = threshold;
@@ -64,18 +176,56 @@ void LogDecoder::open(const std::string& path) {
   finished_ = false;
 }
 
+FBCDC_INLINE std::size_t LogDecoder::addField() {
+  const std::size_t i = event_.fields.size_;
+  if (i == storage_.size()) {
+    storage_.emplace_back();
+  } else {
+    // All bytes zero is the value a new field starts with (absent values, empty views). Cleared
+    // in pieces small enough to become a few vector stores rather than a string instruction.
+    static_assert(std::is_trivially_copyable<FieldValue>::value, "cleared with memset");
+    FieldChange& f = storage_[i];
+    f.name = {};
+    std::memset(static_cast<void*>(&f.before), 0, sizeof(FieldValue));
+    std::memset(static_cast<void*>(&f.after), 0, sizeof(FieldValue));
+  }
+  event_.fields.data_ = storage_.data();
+  event_.fields.size_ = i + 1;
+  return i;
+}
+
+void LogDecoder::startEvent() {
+  arenaSize_ = 0;
+  spans_.clear();
+  event_.fields.size_ = 0;
+  event_.relation = {};
+  event_.sqlText = {};
+  event_.sqlNumber = 0;
+}
+
 const ChangeEvent& LogDecoder::next() {
   if (finished_) throw std::logic_error("LogDecoder::next: no log open, or its end was read");
+  event_.index = nextIndex_;
+  event_.position = file_.getPosition();
+  startEvent();
+  // Most records lie whole in the loaded block and are read in place.
+  if (file_.available() > 0) {
+    InBlock in(*this, file_.peek(), file_.available());
+    try {
+      const std::uint8_t tag = in.byte(kTagExpected);
+      if (tag != kCommitMarker) {
+        readRecord(in, tag);
+        file_.consume(in.used());
+        ++nextIndex_;
+        return event_;
+      }
+    } catch (const InBlock::GiveUp&) {
+      startEvent();
+    }
+  }
   try {
-    arenaSize_ = 0;
-    spans_.clear();
-    event_.fields.clear();
-    event_.relation = {};
-    event_.sqlText = {};
-    event_.sqlNumber = 0;
-    event_.index = nextIndex_;
-    event_.position = file_.getPosition();
-    const std::uint8_t tag = byte(kTagExpected);
+    AcrossBlocks in(*this);
+    const std::uint8_t tag = in.byte(kTagExpected);
     if (tag == kCommitMarker) {
       // A published log always holds a record, and its stream ends with the marker.
       if (nextIndex_ == 0)
@@ -85,7 +235,8 @@ const ChangeEvent& LogDecoder::next() {
       finished_ = true;
       return event_;
     }
-    readRecord(tag);
+    readRecord(in, tag);
+    resolveViews();
   } catch (const ReplException& e) {
     // The block reader's failures: a damaged block, a block too short, a failed read.
     finished_ = true;
@@ -98,7 +249,8 @@ const ChangeEvent& LogDecoder::next() {
   return event_;
 }
 
-void LogDecoder::readRecord(std::uint8_t tag) {
+template <typename In>
+FBCDC_INLINE void LogDecoder::readRecord(In& in, std::uint8_t tag) {
   switch (tag) {
     case kInsertTag:
       event_.kind = ChangeEvent::Kind::kInsert;
@@ -113,66 +265,68 @@ void LogDecoder::readRecord(std::uint8_t tag) {
       event_.kind = ChangeEvent::Kind::kSql;
       break;
     default:
-      failByte(kTagExpected, tag);
+      in.failByte(kTagExpected, tag);
   }
-  const std::uint8_t zero = byte("the 00 byte behind the record tag");
-  if (zero != 0) failByte("the 00 byte behind the record tag", zero);
-  if (event_.kind == ChangeEvent::Kind::kSql) {
-    relationSpan_ = readShortText(kMaxStatement, "the statement text");
-    const std::uint8_t type = byte("the statement number's type code 13");
-    if (type != kInt64Type) failByte("the statement number's type code 13", type);
-    const auto scale = number<2>("the statement number's scale");
-    if (scale != 0) fail(lastBytePosition() - 1, "expected the statement number's scale 0");
-    event_.sqlNumber = static_cast<std::int64_t>(number<8>("the statement number"));
-  } else {
-    relationSpan_ = readShortText(kMaxName, "the relation name");
-    readFields(event_.kind);
+  const std::uint8_t zero = in.byte("the 00 byte behind the record tag");
+  if (zero != 0) in.failByte("the 00 byte behind the record tag", zero);
+  const bool sql = event_.kind == ChangeEvent::Kind::kSql;
+  const char* what = sql ? "the statement text" : "the relation name";
+  const std::uint8_t length = in.byte(what);
+  const std::uint8_t maxLength = sql ? kMaxStatement : kMaxName;
+  if (length > maxLength) {
+    in.fail(std::string("expected the length of ") + what + " (at most " +
+            std::to_string(maxLength) + " bytes), found " + hexByte(length));
   }
-  resolveViews();
+  in.text(length, what, 0, sql ? Slot::kStatement : Slot::kRelation);
+  if (!sql) return readFields(in, event_.kind);
+  const std::uint8_t type = in.byte("the statement number's type code 13");
+  if (type != kInt64Type) in.failByte("the statement number's type code 13", type);
+  if (in.template number<2>("the statement number's scale") != 0)
+    in.fail("expected the statement number's scale 0000");
+  event_.sqlNumber = static_cast<std::int64_t>(in.template number<8>("the statement number"));
 }
 
-void LogDecoder::readFields(ChangeEvent::Kind kind) {
-  static const char kNameExpected[] =
-      "a field name length (01 to FC) or the end of the record (FF)";
+template <typename In>
+FBCDC_INLINE void LogDecoder::readFields(In& in, ChangeEvent::Kind kind) {
   // Behind a field's values stands the next field's name length or the end byte; a delete entry of
   // a blob or array field is its name alone, so the byte read after a name may be either.
   int pending = -1;
   for (;;) {
     const std::uint8_t length =
-        pending >= 0 ? static_cast<std::uint8_t>(pending) : byte(kNameExpected);
+        pending >= 0 ? static_cast<std::uint8_t>(pending) : in.byte(kNameExpected);
     pending = -1;
     if (length == kEndOfRecord) return;
-    if (length == 0 || length > kMaxName) failByte(kNameExpected, length);
-    const std::size_t index = event_.fields.size();
-    event_.fields.emplace_back();
-    spans_.emplace_back();
-    spans_[index].name = readBytes(length, "a field name");
+    if (length == 0 || length > kMaxName) in.failByte(kNameExpected, length);
+    const std::size_t field = addField();
+    in.text(length, "a field name", field, Slot::kName);
 
-    std::uint8_t marker = byte("a value marker");
+    std::uint8_t marker = in.byte("a value marker");
     if (kind == ChangeEvent::Kind::kInsert) {
-      if (marker != kNewValue) failByte("the new value marker FD of an insert", marker);
-      readValue(event_.fields[index].after, spans_[index].after, false, index);
+      if (marker != kNewValue) in.failByte("the new value marker FD of an insert", marker);
+      readValue(in, field, Slot::kAfter);
       continue;
     }
     if (marker == kOldValue) {
-      readValue(event_.fields[index].before, spans_[index].before, true, index);
+      readValue(in, field, Slot::kBefore);
       if (kind == ChangeEvent::Kind::kDelete) continue;
-      marker = byte("the new value marker FD");
+      marker = in.byte("the new value marker FD");
     }
     if (kind == ChangeEvent::Kind::kUpdate) {
-      if (marker != kNewValue) failByte("the new value marker FD of an update", marker);
-      readValue(event_.fields[index].after, spans_[index].after, false, index);
+      if (marker != kNewValue) in.failByte("the new value marker FD of an update", marker);
+      readValue(in, field, Slot::kAfter);
       continue;
     }
     // A delete entry without a value: the byte read is the next name's length or the end byte.
-    if (marker == kNewValue) failByte("the old value marker FE of a delete", marker);
+    if (marker == kNewValue) in.failByte("the old value marker FE of a delete", marker);
     pending = marker;
   }
 }
 
-void LogDecoder::readValue(FieldValue& value, Span& bytes, bool old, std::size_t field) {
-  const std::uint8_t type = byte(kTypeExpected);
+template <typename In>
+FBCDC_INLINE void LogDecoder::readValue(In& in, std::size_t field, Slot slot) {
   using Kind = FieldValue::Kind;
+  FieldValue& value = slot == Slot::kBefore ? storage_[field].before : storage_[field].after;
+  const std::uint8_t type = in.byte(kTypeExpected);
   if (type == kNull) {
     value.kind = Kind::kNull;
     return;
@@ -181,88 +335,85 @@ void LogDecoder::readValue(FieldValue& value, Span& bytes, bool old, std::size_t
   switch (type) {
     case 1:
     case 2:
-    case 3:
+    case 3: {
       value.kind = Kind::kText;
-      value.charSet = byte("a text's character set");
-      bytes = readBytes(number<2>("a text's length"), "a text's bytes");
+      value.charSet = in.byte("a text's character set");
+      const auto length = static_cast<std::size_t>(in.template number<2>("a text's length"));
+      in.text(length, "a text's bytes", field, slot);
       return;
+    }
     case 8:
       value.kind = Kind::kShort;
-      value.scale = static_cast<std::int16_t>(number<2>("a scale"));
-      value.integer = static_cast<std::int16_t>(number<2>("a 16-bit integer"));
+      value.scale = static_cast<std::int16_t>(in.template number<2>("a scale"));
+      value.integer = static_cast<std::int16_t>(in.template number<2>("a 16-bit integer"));
       return;
     case 9:
       value.kind = Kind::kLong;
-      value.scale = static_cast<std::int16_t>(number<2>("a scale"));
-      value.integer = static_cast<std::int32_t>(number<4>("a 32-bit integer"));
+      value.scale = static_cast<std::int16_t>(in.template number<2>("a scale"));
+      value.integer = static_cast<std::int32_t>(in.template number<4>("a 32-bit integer"));
       return;
     case 19:
       value.kind = Kind::kInt64;
-      value.scale = static_cast<std::int16_t>(number<2>("a scale"));
-      value.integer = static_cast<std::int64_t>(number<8>("a 64-bit integer"));
+      value.scale = static_cast<std::int16_t>(in.template number<2>("a scale"));
+      value.integer = static_cast<std::int64_t>(in.template number<8>("a 64-bit integer"));
       return;
     case 11:
     case 12: {
       value.kind = type == 11 ? Kind::kFloat : Kind::kDouble;
-      const std::uint64_t bits = number<8>("a double");
+      const std::uint64_t bits = in.template number<8>("a double");
       std::memcpy(&value.real, &bits, sizeof value.real);
       return;
     }
     case 14:
       value.kind = Kind::kDate;
-      value.integer = static_cast<std::int32_t>(number<4>("a date"));
+      value.integer = static_cast<std::int32_t>(in.template number<4>("a date"));
       return;
     case 15:
       value.kind = Kind::kTime;
-      value.integer = static_cast<std::uint32_t>(number<4>("a time"));
+      value.integer = static_cast<std::uint32_t>(in.template number<4>("a time"));
       return;
     case 16:
       value.kind = Kind::kTimestamp;
-      value.integer = static_cast<std::int32_t>(number<4>("a timestamp's date"));
-      value.time = static_cast<std::uint32_t>(number<4>("a timestamp's time"));
+      value.integer = static_cast<std::int32_t>(in.template number<4>("a timestamp's date"));
+      value.time = static_cast<std::uint32_t>(in.template number<4>("a timestamp's time"));
       return;
     case 21:
       value.kind = Kind::kBoolean;
-      value.integer = byte("a boolean");
+      value.integer = in.byte("a boolean");
       return;
     case 17:
     case 18:
       // The writer never records an old blob or array value.
-      if (old) failByte("an old value's type code (a blob or array has none)", type);
+      if (slot == Slot::kBefore)
+        in.failByte("an old value's type code (a blob or array has none)", type);
       value.kind = type == 17 ? Kind::kBlob : Kind::kArray;
-      readPieces(value, bytes, field);
+      in.pieces(value, field, slot);
       return;
     default:
-      failByte(kTypeExpected, type);
+      in.failByte(kTypeExpected, type);
   }
 }
 
-void LogDecoder::readPieces(FieldValue& value, Span& bytes, std::size_t field) {
+void LogDecoder::readPieces(FieldValue& value, std::size_t field, Slot slot) {
+  Span& bytes = AcrossBlocks(*this).span(field, slot);
   bytes.offset = arenaSize_;
   for (;;) {
-    const auto length = static_cast<std::size_t>(number<2>("a piece length"));
+    auto length = static_cast<std::size_t>(byte("a piece length"));
+    length |= static_cast<std::size_t>(byte("a piece length")) << 8;
     if (length == 0) break;
     ++value.pieces;
     value.size += length;
     readBytes(length, "a piece of a blob or array");
     if (!receiver_ || value.size <= streamThreshold_) continue;
     // Too long to hold: what was gathered goes to the receiver, and so does every later piece.
-    const std::string_view name(arena_.get() + spans_[field].name.offset, spans_[field].name.size);
-    receiver_(name, reinterpret_cast<const std::uint8_t*>(arena_.get() + bytes.offset),
+    const Span& name = spans_[field].name;
+    receiver_(std::string_view(arena_.get() + name.offset, name.size),
+              reinterpret_cast<const std::uint8_t*>(arena_.get() + bytes.offset),
               arenaSize_ - bytes.offset);
     arenaSize_ = bytes.offset;
     value.streamed = true;
   }
   bytes.size = arenaSize_ - bytes.offset;
-}
-
-LogDecoder::Span LogDecoder::readShortText(std::uint8_t maxLength, const char* what) {
-  const std::uint8_t length = byte(what);
-  if (length > maxLength) {
-    fail(lastBytePosition(), std::string("expected the length of ") + what + " (at most " +
-                                 std::to_string(maxLength) + " bytes), found " + hexByte(length));
-  }
-  return readBytes(length, what);
 }
 
 LogDecoder::Span LogDecoder::readBytes(std::size_t n, const char* what) {
@@ -304,26 +455,12 @@ void LogDecoder::resolveViews() {
     return;
   }
   event_.relation = view(relationSpan_);
-  for (std::size_t i = 0; i < event_.fields.size(); ++i) {
-    FieldChange& f = event_.fields[i];
+  for (std::size_t i = 0; i < event_.fields.size() && i < spans_.size(); ++i) {
+    FieldChange& f = storage_[i];
     f.name = view(spans_[i].name);
     f.before.bytes = view(spans_[i].before);
     f.after.bytes = view(spans_[i].after);
   }
-}
-
-template <int N>
-std::uint64_t LogDecoder::number(const char* what) {
-  std::uint64_t value = 0;
-  if (file_.available() >= N) {
-    const std::uint8_t* p = file_.peek();
-    for (int i = 0; i < N; ++i) value |= static_cast<std::uint64_t>(p[i]) << (8 * i);
-    file_.consume(N);
-    return value;
-  }
-  // The writer splits numbers between blocks at any byte.
-  for (int i = 0; i < N; ++i) value |= static_cast<std::uint64_t>(byte(what)) << (8 * i);
-  return value;
 }
 
 std::uint8_t LogDecoder::byteAcrossBlocks(const char* what) {

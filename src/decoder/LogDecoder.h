@@ -20,6 +20,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "ChangeEvent.h"
 #include "TReadFile.h"
@@ -52,8 +53,8 @@ class LogDecoder {
  private:
   class Reader;
 
-  // Where a view of the event lies in the arena while the record is read: the arena may move as
-  // it grows, so views are set only once the whole record is in.
+  // Where a view of the event lies in the arena while a record is read across blocks: the arena
+  // may move as it grows, so those views are set only once the whole record is in.
   struct Span {
     std::size_t offset = 0;
     std::size_t size = 0;
@@ -61,16 +62,29 @@ class LogDecoder {
   struct FieldSpans {
     Span name, before, after;
   };
+  // The views of an event that a record's bytes fill.
+  enum class Slot { kName, kBefore, kAfter, kRelation, kStatement };
 
-  void readRecord(std::uint8_t tag);
-  void readFields(ChangeEvent::Kind kind);
-  void readValue(FieldValue& value, Span& bytes, bool old, std::size_t field);
-  void readPieces(FieldValue& value, Span& bytes, std::size_t field);
-  Span readShortText(std::uint8_t maxLength, const char* what);
+  // The two ways of reading a record, with the same parser over both: straight from the loaded
+  // block while the whole record lies in it (no copy: the views point into the block), and
+  // through the block reader across blocks, copying into the arena.
+  class InBlock;
+  class AcrossBlocks;
+  template <typename In>
+  void readRecord(In& in, std::uint8_t tag);
+  template <typename In>
+  void readFields(In& in, ChangeEvent::Kind kind);
+  template <typename In>
+  void readValue(In& in, std::size_t field, Slot slot);
+
+  void startEvent();
+  // Appends a field to the event; the storage only grows, and each field is reset on reuse.
+  std::size_t addField();
+  FieldChange& field(std::size_t i) { return storage_[i]; }
+  void readPieces(FieldValue& value, std::size_t field, Slot slot);
   Span readBytes(std::size_t n, const char* what);
   void resolveViews();
 
-  // Reading primitives: in place while the loaded block holds the bytes, else across blocks.
   std::uint8_t byte(const char* what) {
     if (file_.available() > 0) {
       const std::uint8_t b = *file_.peek();
@@ -79,8 +93,6 @@ class LogDecoder {
     }
     return byteAcrossBlocks(what);
   }
-  template <int N>
-  std::uint64_t number(const char* what);
   std::uint8_t byteAcrossBlocks(const char* what);
   // Room for n more bytes at the arena's end; the bytes count once stored.
   char* grow(std::size_t n);
@@ -99,6 +111,7 @@ class LogDecoder {
   std::unique_ptr<char[]> arena_;
   std::size_t arenaSize_ = 0;
   std::size_t arenaCapacity_ = 0;
+  std::vector<FieldChange> storage_;
   std::vector<FieldSpans> spans_;
   Span relationSpan_;
   std::uint64_t streamThreshold_ = std::numeric_limits<std::uint64_t>::max();
