@@ -27,6 +27,10 @@ struct Command {
 int dumpCommand(int argc, char** argv);
 int verifyCommand(int argc, char** argv);
 int followCommand(int argc, char** argv);
+int captureCommand(int argc, char** argv);
+int applyCommand(int argc, char** argv);
+int compareCommand(int argc, char** argv);
+int demoCommand(int argc, char** argv);
 
 // Parses the arguments; on --help prints the help and returns kExitOk, on an error prints one line
 // and returns kExitUsage. Returns -1 when the command should go on.

@@ -20,6 +20,11 @@ const Command kCommands[] = {
     {"verify", "check every block and the structure of logs", fbcdc::verifyCommand},
     {"follow", "stream the events of a directory's logs as they are published",
      fbcdc::followCommand},
+    {"capture", "drive the plugin with a seeded workload on a real database",
+     fbcdc::captureCommand},
+    {"apply", "replay logs into a replica database, exactly once", fbcdc::applyCommand},
+    {"compare", "compare two databases table by table", fbcdc::compareCommand},
+    {"demo", "capture, verify, apply and compare, on an embedded database", fbcdc::demoCommand},
 };
 
 const Command* find(const char* name) {
@@ -33,7 +38,7 @@ void usage(std::FILE* out) {
                "usage: fbcdc COMMAND [OPTIONS] [ARGUMENTS]\n"
                "\n"
                "commands:\n");
-  for (const Command& c : kCommands) std::fprintf(out, "  %-8s %s\n", c.name, c.help);
+  for (const Command& c : kCommands) std::fprintf(out, "  %-9s %s\n", c.name, c.help);
   std::fprintf(out,
                "\n"
                "\"fbcdc help COMMAND\" or \"fbcdc COMMAND --help\" describes a command.\n"

@@ -1,0 +1,43 @@
+// Plays the server's part for the plugin over a real database: loads the plugin library with
+// dlopen, calls getReplPlugin with interface version 30 and a Firebird configuration file, and
+// runs a Workload in one or more attachments, handing every change to the plugin inside the same
+// database transaction. Order at the end of a transaction: the plugin's commit, the database's
+// commit, then dispose; a transaction rolled back in the database is disposed without commit.
+// Every transaction is disposed before the plugin.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct CaptureOptions {
+  std::string database;         // created with the workload's schema when missing
+  std::string pluginLibrary;    // path of libfbcdc.so
+  std::string configFile;       // the plugin's configuration (OutputDirectory = ...)
+  std::string outputDirectory;  // the same directory, for the figures of published logs
+  std::uint64_t seed = 1;
+  std::uint64_t transactions = 1000;
+  int threads = 1;
+  std::size_t maxBlob = 4 << 20;
+  bool progress = false;  // a line on stderr every second
+};
+
+struct CaptureSummary {
+  std::uint64_t committed = 0;
+  std::uint64_t rolledBack = 0;
+  std::uint64_t rows = 0;        // row changes handed to the plugin in committed transactions
+  std::uint64_t statements = 0;  // statements, likewise
+  std::uint64_t logBytes = 0;    // bytes of the logs published
+  double seconds = 0;            // wall time of the workload
+  double pluginSeconds = 0;      // time inside the plugin's calls, all threads together
+  double workSeconds = 0;        // time of the threads' work, all threads together
+};
+
+class CaptureDriver {
+ public:
+  explicit CaptureDriver(CaptureOptions options) : options_(std::move(options)) {}
+  // Runs the workload; throws std::runtime_error on any failure of the plugin or the database.
+  CaptureSummary run();
+
+ private:
+  CaptureOptions options_;
+};

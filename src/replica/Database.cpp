@@ -1,0 +1,200 @@
+#include "Database.h"
+
+#include <sys/stat.h>
+
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+namespace {
+
+// Legacy array calls throw like the rest.
+void checkLegacy(const ISC_STATUS* vector, const char* what) {
+  if (vector[0] == 1 && vector[1] != 0) {
+    char text[1024];
+    const ISC_STATUS* p = vector;
+    std::string message = what;
+    while (fb_interpret(text, sizeof text, &p)) message += std::string(": ") + text;
+    throw std::runtime_error(message);
+  }
+}
+
+}  // namespace
+
+Database::Database(const std::string& path, bool create, bool* created)
+    : path_(path),
+      master_(Firebird::fb_get_master_interface()),
+      rawStatus_(master_->getStatus()),
+      status_(rawStatus_) {
+  Firebird::IUtil* util = master_->getUtilInterface();
+  Firebird::IXpbBuilder* dpb = nullptr;
+  try {
+    dpb = util->getXpbBuilder(&status_, Firebird::IXpbBuilder::DPB, nullptr, 0);
+    // The embedded engine takes the operating system's user; a server needs a name.
+    dpb->insertString(&status_, isc_dpb_user_name, "SYSDBA");
+    Firebird::IProvider* provider = master_->getDispatcher();
+    struct stat st;
+    const bool local = path.find(':') == std::string::npos;
+    const bool exists = !local || ::stat(path.c_str(), &st) == 0;
+    if (create && !exists) {
+      dpb->insertInt(&status_, isc_dpb_page_size, 8192);
+      dpb->insertInt(&status_, isc_dpb_sql_dialect, 3);
+      attachment_ = provider->createDatabase(&status_, path.c_str(), dpb->getBufferLength(&status_),
+                                             dpb->getBuffer(&status_));
+    } else {
+      attachment_ = provider->attachDatabase(&status_, path.c_str(), dpb->getBufferLength(&status_),
+                                             dpb->getBuffer(&status_));
+    }
+    provider->release();
+    if (created) *created = create && !exists;
+    dpb->dispose();
+  } catch (const Firebird::FbException& e) {
+    if (dpb) dpb->dispose();
+    const std::string text = describe(e);
+    rawStatus_->dispose();
+    throw std::runtime_error("cannot open database " + path + ": " + text);
+  }
+}
+
+Database::~Database() {
+  try {
+    if (transaction_) transaction_->rollback(&status_);
+  } catch (const Firebird::FbException&) {
+    transaction_->release();
+  }
+  try {
+    if (attachment_) attachment_->detach(&status_);
+  } catch (const Firebird::FbException&) {
+    attachment_->release();
+  }
+  rawStatus_->dispose();
+}
+
+std::string Database::describe(const Firebird::FbException& e) {
+  char text[2048];
+  Firebird::fb_get_master_interface()->getUtilInterface()->formatStatus(text, sizeof text,
+                                                                        e.getStatus());
+  return text;
+}
+
+std::string Database::quote(std::string_view name) {
+  std::string q = "\"";
+  for (const char c : name) {
+    if (c == '"') q += '"';
+    q += c;
+  }
+  return q + "\"";
+}
+
+Firebird::ITransaction* Database::transaction() {
+  if (!transaction_) transaction_ = attachment_->startTransaction(&status_, 0, nullptr);
+  return transaction_;
+}
+
+void Database::commit() {
+  if (!transaction_) return;
+  transaction_->commit(&status_);
+  transaction_ = nullptr;
+}
+
+void Database::rollback() {
+  if (!transaction_) return;
+  Firebird::ITransaction* t = transaction_;
+  transaction_ = nullptr;
+  t->rollback(&status_);
+}
+
+void Database::execute(const std::string& sql) {
+  attachment_->execute(&status_, transaction(), 0, sql.c_str(), 3, nullptr, nullptr, nullptr,
+                       nullptr);
+}
+
+void Database::executeAlone(const std::string& sql) {
+  Firebird::ITransaction* t = attachment_->startTransaction(&status_, 0, nullptr);
+  try {
+    attachment_->execute(&status_, t, 0, sql.c_str(), 3, nullptr, nullptr, nullptr, nullptr);
+    t->commit(&status_);
+  } catch (const Firebird::FbException& e) {
+    // The failure that counts is the statement's; the rollback's own is only reported by it.
+    const std::string text = describe(e);
+    Firebird::IStatus* other = master_->getStatus();
+    Firebird::CheckStatusWrapper quiet(other);
+    t->rollback(&quiet);
+    other->dispose();
+    throw std::runtime_error(sql.substr(0, 60) + "...: " + text);
+  }
+}
+
+Firebird::IStatement* Database::prepare(const std::string& sql) {
+  return attachment_->prepare(&status_, transaction(), 0, sql.c_str(), 3,
+                              Firebird::IStatement::PREPARE_PREFETCH_METADATA);
+}
+
+ISC_QUAD Database::createBlob(std::string_view data) {
+  ISC_QUAD id;
+  Firebird::IBlob* blob = attachment_->createBlob(&status_, transaction(), &id, 0, nullptr);
+  for (std::size_t at = 0; at < data.size(); at += 65535) {
+    const std::size_t n = std::min<std::size_t>(65535, data.size() - at);
+    blob->putSegment(&status_, static_cast<unsigned>(n), data.data() + at);
+  }
+  blob->close(&status_);
+  return id;
+}
+
+std::string Database::readBlob(const ISC_QUAD& id) {
+  ISC_QUAD copy = id;
+  Firebird::IBlob* blob = attachment_->openBlob(&status_, transaction(), &copy, 0, nullptr);
+  std::string data;
+  std::vector<char> piece(65535);
+  for (;;) {
+    unsigned n = 0;
+    const int r = blob->getSegment(&status_, static_cast<unsigned>(piece.size()), piece.data(), &n);
+    if (r == Firebird::IStatus::RESULT_NO_DATA) break;
+    data.append(piece.data(), n);
+  }
+  blob->close(&status_);
+  return data;
+}
+
+std::size_t Database::arrayBytes(const std::string& table, const std::string& column) {
+  ISC_STATUS vector[20] = {0};
+  isc_db_handle db = 0;
+  isc_tr_handle tr = 0;
+  fb_get_database_handle(vector, &db, attachment_);
+  fb_get_transaction_handle(vector, &tr, transaction());
+  checkLegacy(vector, "array handles");
+  ISC_ARRAY_DESC desc;
+  isc_array_lookup_bounds(vector, &db, &tr, table.c_str(), column.c_str(), &desc);
+  checkLegacy(vector, "array bounds");
+  std::size_t count = 1;
+  for (int i = 0; i < desc.array_desc_dimensions; ++i)
+    count *= static_cast<std::size_t>(desc.array_desc_bounds[i].array_bound_upper -
+                                      desc.array_desc_bounds[i].array_bound_lower + 1);
+  return count * desc.array_desc_length;
+}
+
+ISC_QUAD Database::putArray(const std::string& table, const std::string& column,
+                            std::string_view elements) {
+  // The legacy array calls describe the slice from the column's own bounds.
+  ISC_STATUS vector[20] = {0};
+  isc_db_handle db = 0;
+  isc_tr_handle tr = 0;
+  fb_get_database_handle(vector, &db, attachment_);
+  fb_get_transaction_handle(vector, &tr, transaction());
+  checkLegacy(vector, "array handles");
+  ISC_ARRAY_DESC desc;
+  isc_array_lookup_bounds(vector, &db, &tr, table.c_str(), column.c_str(), &desc);
+  checkLegacy(vector, "array bounds");
+  std::vector<char> data(elements.begin(), elements.end());
+  ISC_LONG length = static_cast<ISC_LONG>(data.size());
+  ISC_QUAD id = {0, 0};
+  isc_array_put_slice(vector, &db, &tr, &id, &desc, data.data(), &length);
+  checkLegacy(vector, "array put");
+  return id;
+}
+
+void Database::drop() {
+  if (transaction_) rollback();
+  attachment_->dropDatabase(&status_);
+  attachment_ = nullptr;
+}

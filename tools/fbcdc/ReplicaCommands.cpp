@@ -1,0 +1,306 @@
+// fbcdc capture, apply, compare and demo: the plugin driven over a real database, and the logs
+// replayed into a replica.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+
+#include "CaptureDriver.h"
+#include "Command.h"
+#include "DatabaseComparer.h"
+#include "LogDirectory.h"
+#include "LogFollower.h"
+#include "LogVerifier.h"
+#include "Progress.h"
+#include "ReplicaApplier.h"
+#include "Workload.h"
+
+namespace fbcdc {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double mib(std::uint64_t bytes) { return static_cast<double>(bytes) / 1048576.0; }
+
+// The plugin library beside this program: build/libfbcdc.so for build/tools/fbcdc, and
+// lib/libfbcdc.so for an installed bin/fbcdc.
+std::string defaultPluginLibrary() {
+  char self[4096];
+  const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n > 0) {
+    self[n] = '\0';
+    std::string dir(self);
+    dir = dir.substr(0, dir.find_last_of('/'));
+    const std::string up = dir.substr(0, dir.find_last_of('/'));
+    for (const std::string& candidate : {up + "/libfbcdc.so", up + "/lib/libfbcdc.so"})
+      if (::access(candidate.c_str(), R_OK) == 0) return candidate;
+  }
+  return "libfbcdc.so";
+}
+
+// A Firebird configuration file naming the output directory, for a capture given none.
+std::string writeConfig(const std::string& directory) {
+  const std::string path = directory.substr(0, directory.find_last_not_of('/') + 1) + ".conf";
+  std::ofstream(path) << "# written by fbcdc capture\nOutputDirectory = " << directory << "\n";
+  return path;
+}
+
+struct CaptureArguments {
+  CaptureOptions options;
+  std::string output;
+};
+
+void addCaptureOptions(CLI::App& app, CaptureArguments& a) {
+  app.add_option("--seed", a.options.seed, "seed of the workload (default 1)");
+  app.add_option("--transactions", a.options.transactions, "transactions to run (default 1000)");
+  app.add_option("--threads", a.options.threads, "concurrent attachments (default 1)")
+      ->check(CLI::Range(1, 64));
+  app.add_option("--max-blob", a.options.maxBlob,
+                 "largest blob in bytes, now and then reached (default 4194304)");
+  app.add_option("--plugin", a.options.pluginLibrary, "the plugin library (default: beside fbcdc)");
+}
+
+int printSummary(const CaptureSummary& s) {
+  std::printf(
+      "capture: %llu transactions (%llu committed, %llu rolled back), %llu row changes, "
+      "%llu statements, %.1f MiB of log in %.1f s (%.0f transactions/s); the plugin's "
+      "calls took %.2f%% of the work\n",
+      static_cast<unsigned long long>(s.committed + s.rolledBack),
+      static_cast<unsigned long long>(s.committed), static_cast<unsigned long long>(s.rolledBack),
+      static_cast<unsigned long long>(s.rows), static_cast<unsigned long long>(s.statements),
+      mib(s.logBytes), s.seconds, static_cast<double>(s.committed + s.rolledBack) / s.seconds,
+      100.0 * s.pluginSeconds / s.workSeconds);
+  return kExitOk;
+}
+
+// Applies the logs not yet applied; with follow, goes on as new ones are published.
+ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
+                                  const std::vector<LogFile>& logs, bool follow,
+                                  const std::string& directory) {
+  FollowPosition position = applier.position();
+  Progress progress("apply", logs.size());
+  for (std::size_t i = 0; i < logs.size(); ++i) {
+    if (position.isDone(logs[i])) continue;
+    progress.update(i, logs[i].name);
+    FollowPosition after = position;
+    after.advance(logs[i]);
+    applier.apply(logs[i], after);
+    position = after;
+  }
+  if (follow) {
+    LogFollower::stopOnSignals();
+    LogFollower follower(directory, LogRange());
+    follower.run(
+        position,
+        [&](const LogFile& log) {
+          FollowPosition after = position;
+          after.advance(log);
+          applier.apply(log, after);
+        },
+        [](const FollowPosition&) {}, false);
+  }
+  (void)replica;
+  return applier.summary();
+}
+
+ReplicaApplier::Conflicts conflictsOf(const std::string& name) {
+  if (name == "upsert") return ReplicaApplier::Conflicts::kUpsert;
+  if (name == "skip") return ReplicaApplier::Conflicts::kSkip;
+  return ReplicaApplier::Conflicts::kError;
+}
+
+}  // namespace
+
+int captureCommand(int argc, char** argv) {
+  CLI::App app(
+      "Drives the plugin as a server would: loads the library, hands it a Firebird "
+      "configuration file, and runs a seeded workload of inserts, updates, deletes, "
+      "statements and savepoints against a real database (created with the workload's "
+      "schema when missing), giving the plugin every change inside the database's own "
+      "transaction.",
+      argv[0]);
+  CaptureArguments a;
+  std::string replica;
+  app.add_option("--database", a.options.database, "the source database")->required();
+  app.add_option("--output", a.output, "the plugin's output directory");
+  app.add_option("--config", a.options.configFile,
+                 "a configuration file for the plugin instead of --output");
+  app.add_option("--replica", replica, "also create this empty replica with the same schema");
+  addCaptureOptions(app, a);
+  if (const int status = parse(app, argc, argv); status >= 0) return status;
+  if (a.output.empty() == a.options.configFile.empty()) {
+    complain("capture", "give either --output or --config");
+    return kExitUsage;
+  }
+  try {
+    if (a.options.pluginLibrary.empty()) a.options.pluginLibrary = defaultPluginLibrary();
+    if (!a.output.empty()) a.options.configFile = writeConfig(a.output);
+    a.options.outputDirectory = a.output;
+    a.options.progress = ::isatty(STDERR_FILENO);
+    if (!replica.empty()) {
+      bool created = false;
+      Database db(replica, true, &created);
+      if (created) Workload::createSchema(db);
+    }
+    return printSummary(CaptureDriver(a.options).run());
+  } catch (const std::exception& e) {
+    complain("capture", e.what());
+    return kExitFailed;
+  }
+}
+
+int applyCommand(int argc, char** argv) {
+  CLI::App app(
+      "Replays published logs into a replica database of the same schema, one "
+      "transaction per log, in publication order, exactly once: the replica's table "
+      "FBCDC_APPLIED records how far it has come.",
+      argv[0]);
+  std::string database;
+  std::string conflicts = "error";
+  bool follow = false;
+  std::vector<std::string> paths;
+  app.add_option("--database", database, "the replica")->required();
+  app.add_option("--conflicts", conflicts,
+                 "error (default): stop; upsert: an insert of an existing row updates it, an "
+                 "update of a missing row inserts it, a delete of a missing row is skipped; skip: "
+                 "a delete of a missing row is skipped")
+      ->check(CLI::IsMember({"error", "upsert", "skip"}));
+  app.add_flag("--follow", follow, "keep applying logs as they are published (one DIR)");
+  app.add_option("LOG|DIR", paths, "logs, or directories of logs")->required();
+  if (const int status = parse(app, argc, argv); status >= 0) return status;
+  if (follow && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0]))) {
+    complain("apply", "--follow takes exactly one directory");
+    return kExitUsage;
+  }
+  try {
+    const std::vector<LogFile> logs = expandPaths(paths, false);
+    Database replica(database, false);
+    ReplicaApplier applier(replica, conflictsOf(conflicts));
+    applier.onWarning([](const std::string& w) { complain("apply", "warning: " + w); });
+    const auto start = Clock::now();
+    const ReplicaApplier::Summary s = applyLogs(replica, applier, logs, follow, paths[0]);
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::printf(
+        "apply: %llu logs, %llu rows, %llu statements in %.1f s (%.0f rows/s); %llu "
+        "conflicts resolved\n",
+        static_cast<unsigned long long>(s.logs), static_cast<unsigned long long>(s.rows),
+        static_cast<unsigned long long>(s.statements), seconds,
+        static_cast<double>(s.rows) / seconds, static_cast<unsigned long long>(s.resolved));
+    return kExitOk;
+  } catch (const std::exception& e) {
+    complain("apply", e.what());
+    return kExitFailed;
+  }
+}
+
+int compareCommand(int argc, char** argv) {
+  CLI::App app(
+      "Compares every table of two databases of the same schema, blob and array "
+      "contents included; exit status 0 when they are equal.",
+      argv[0]);
+  std::string a, b;
+  app.add_option("A", a, "one database")->required();
+  app.add_option("B", b, "the other")->required();
+  if (const int status = parse(app, argc, argv); status >= 0) return status;
+  try {
+    Database x(a, false);
+    Database y(b, false);
+    const DatabaseComparer::Result r =
+        DatabaseComparer::compare(x, y, {ReplicaApplier::kPositionTable});
+    if (!r.equal) {
+      std::printf("differ: %s\n", r.difference.c_str());
+      return kExitFailed;
+    }
+    std::printf("equal: %llu tables, %llu rows\n", static_cast<unsigned long long>(r.tables),
+                static_cast<unsigned long long>(r.rows));
+    return kExitOk;
+  } catch (const std::exception& e) {
+    complain("compare", e.what());
+    return kExitFailed;
+  }
+}
+
+int demoCommand(int argc, char** argv) {
+  CLI::App app(
+      "The whole road on an embedded database: captures a seeded workload through the "
+      "plugin into DIR/logs, verifies the logs, applies them to a replica and compares "
+      "the replica with the source. Starts afresh in DIR.",
+      argv[0]);
+  CaptureArguments a;
+  std::string dir = "out/demo";
+  a.options.threads = 2;
+  app.add_option("--dir", dir, "where the databases and logs go (default out/demo)");
+  addCaptureOptions(app, a);
+  if (const int status = parse(app, argc, argv); status >= 0) return status;
+  try {
+    const std::string source = dir + "/source.fdb";
+    const std::string replicaPath = dir + "/replica.fdb";
+    const std::string logs = dir + "/logs";
+    for (const std::string& old : {source, replicaPath}) ::unlink(old.c_str());
+    ::mkdir(dir.c_str(), 0770);
+    if (LogDirectory::isDirectory(logs)) {
+      for (const LogFile& log : LogDirectory::list(logs, LogDirectory::Which::kBoth))
+        ::unlink(log.path.c_str());
+    }
+    {
+      Database replica(replicaPath, true);
+      Workload::createSchema(replica);
+    }
+    a.options.database = source;
+    a.options.outputDirectory = logs;
+    a.options.configFile = writeConfig(logs);
+    if (a.options.pluginLibrary.empty()) a.options.pluginLibrary = defaultPluginLibrary();
+    a.options.progress = ::isatty(STDERR_FILENO);
+    std::printf("capturing %llu transactions into %s ...\n",
+                static_cast<unsigned long long>(a.options.transactions), logs.c_str());
+    std::fflush(stdout);
+    const CaptureSummary captured = CaptureDriver(a.options).run();
+    printSummary(captured);
+
+    const std::vector<LogFile> published = LogDirectory::list(logs);
+    std::size_t valid = 0;
+    for (const LogFile& log : published)
+      valid += LogVerifier::verify(log.path).verdict == LogVerifier::Verdict::kValid;
+    std::printf("verify: %zu of %zu logs valid\n", valid, published.size());
+
+    Database replica(replicaPath, false);
+    ReplicaApplier applier(replica, ReplicaApplier::Conflicts::kError);
+    const auto start = Clock::now();
+    const ReplicaApplier::Summary applied = applyLogs(replica, applier, published, false, logs);
+    const double applySeconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::printf("apply: %llu logs, %llu rows, %llu statements in %.1f s\n",
+                static_cast<unsigned long long>(applied.logs),
+                static_cast<unsigned long long>(applied.rows),
+                static_cast<unsigned long long>(applied.statements), applySeconds);
+
+    Database sourceDb(source, false);
+    const DatabaseComparer::Result r =
+        DatabaseComparer::compare(sourceDb, replica, {ReplicaApplier::kPositionTable});
+    std::printf(
+        "\nthe logs are in %s; print them with: build/tools/fbcdc dump --format text %s\n\n",
+        logs.c_str(), logs.c_str());
+    const bool ok = r.equal && valid == published.size();
+    std::printf(
+        "%s: %llu transactions (%llu committed), %llu rows in %llu tables, %.1f MiB of "
+        "log; capture %.0f transactions/s (plugin %.2f%% of the work), apply %.0f rows/s "
+        "(capture %.0f rows/s)\n",
+        ok ? "the replica equals the source" : ("THE REPLICA DIFFERS: " + r.difference).c_str(),
+        static_cast<unsigned long long>(captured.committed + captured.rolledBack),
+        static_cast<unsigned long long>(captured.committed),
+        static_cast<unsigned long long>(r.rows), static_cast<unsigned long long>(r.tables),
+        mib(captured.logBytes),
+        static_cast<double>(captured.committed + captured.rolledBack) / captured.seconds,
+        100.0 * captured.pluginSeconds / captured.workSeconds,
+        static_cast<double>(applied.rows) / applySeconds,
+        static_cast<double>(captured.rows) / captured.seconds);
+    return ok ? kExitOk : kExitFailed;
+  } catch (const std::exception& e) {
+    complain("demo", e.what());
+    return kExitFailed;
+  }
+}
+
+}  // namespace fbcdc
