@@ -156,7 +156,13 @@ std::string Database::readBlob(const ISC_QUAD& id) {
   return data;
 }
 
-std::size_t Database::arrayBytes(const std::string& table, const std::string& column) {
+const ISC_ARRAY_DESC& Database::arrayDescription(const std::string& table,
+                                                 const std::string& column) {
+  // Looking the bounds up compiles a request in the server each time, so each column's are
+  // looked up once.
+  const std::string key = table + '\0' + column;
+  auto found = arrays_.find(key);
+  if (found != arrays_.end()) return found->second;
   ISC_STATUS vector[20] = {0};
   isc_db_handle db = 0;
   isc_tr_handle tr = 0;
@@ -166,6 +172,11 @@ std::size_t Database::arrayBytes(const std::string& table, const std::string& co
   ISC_ARRAY_DESC desc;
   isc_array_lookup_bounds(vector, &db, &tr, table.c_str(), column.c_str(), &desc);
   checkLegacy(vector, "array bounds");
+  return arrays_.emplace(key, desc).first->second;
+}
+
+std::size_t Database::arrayBytes(const std::string& table, const std::string& column) {
+  const ISC_ARRAY_DESC& desc = arrayDescription(table, column);
   std::size_t count = 1;
   for (int i = 0; i < desc.array_desc_dimensions; ++i)
     count *= static_cast<std::size_t>(desc.array_desc_bounds[i].array_bound_upper -
@@ -175,16 +186,13 @@ std::size_t Database::arrayBytes(const std::string& table, const std::string& co
 
 ISC_QUAD Database::putArray(const std::string& table, const std::string& column,
                             std::string_view elements) {
-  // The legacy array calls describe the slice from the column's own bounds.
+  ISC_ARRAY_DESC desc = arrayDescription(table, column);
   ISC_STATUS vector[20] = {0};
   isc_db_handle db = 0;
   isc_tr_handle tr = 0;
   fb_get_database_handle(vector, &db, attachment_);
   fb_get_transaction_handle(vector, &tr, transaction());
   checkLegacy(vector, "array handles");
-  ISC_ARRAY_DESC desc;
-  isc_array_lookup_bounds(vector, &db, &tr, table.c_str(), column.c_str(), &desc);
-  checkLegacy(vector, "array bounds");
   std::vector<char> data(elements.begin(), elements.end());
   ISC_LONG length = static_cast<ISC_LONG>(data.size());
   ISC_QUAD id = {0, 0};

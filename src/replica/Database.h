@@ -7,6 +7,7 @@
 
 #include <firebird/Interface.h>
 
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -54,7 +55,10 @@ class Database {
   static std::string quote(std::string_view name);
 
  private:
+  const ISC_ARRAY_DESC& arrayDescription(const std::string& table, const std::string& column);
+
   std::string path_;
+  std::map<std::string, ISC_ARRAY_DESC> arrays_;
   Firebird::IMaster* master_;
   Firebird::IStatus* rawStatus_;
   Firebird::ThrowStatusWrapper status_;

@@ -44,7 +44,10 @@ std::string defaultPluginLibrary() {
 // A Firebird configuration file naming the output directory, for a capture given none.
 std::string writeConfig(const std::string& directory) {
   const std::string path = directory.substr(0, directory.find_last_not_of('/') + 1) + ".conf";
-  std::ofstream(path) << "# written by fbcdc capture\nOutputDirectory = " << directory << "\n";
+  std::ofstream out(path);
+  out << "# written by fbcdc capture\nOutputDirectory = " << directory << "\n";
+  out.close();
+  if (!out) throw std::runtime_error("cannot write the plugin's configuration " + path);
   return path;
 }
 
