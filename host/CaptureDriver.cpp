@@ -73,18 +73,27 @@ class PluginTransaction : public Workload::Listener {
       return 0;
     });
     if (status_->getState() & Firebird::IStatus::STATE_ERRORS) check(1);
+    savepoints_.push_back({number, rows, statements});
   }
   void releaseSavepoint(int number) override {
     timed([&] {
       t_->releaseSavepoint(status_, number);
       return 0;
     });
+    while (!savepoints_.empty() && savepoints_.back().number >= number) savepoints_.pop_back();
   }
   void rollbackSavepoint(int number) override {
     timed([&] {
       t_->rollbackSavepoint(number);
       return 0;
     });
+    // Only what reaches the published log counts: the rolled-back changes do not.
+    while (!savepoints_.empty() && savepoints_.back().number > number) savepoints_.pop_back();
+    if (!savepoints_.empty()) {
+      rows = savepoints_.back().rows;
+      statements = savepoints_.back().statements;
+      savepoints_.pop_back();
+    }
   }
 
   template <typename Call>
@@ -104,8 +113,13 @@ class PluginTransaction : public Workload::Listener {
 
  private:
   Firebird::IReplTransaction* t_;
+  struct Savepoint {
+    int number;
+    std::uint64_t rows, statements;
+  };
   Database& db_;
   Firebird::IStatus* status_;
+  std::vector<Savepoint> savepoints_;
 };
 
 // The bytes of the published logs in a directory.

@@ -24,8 +24,10 @@ struct CaptureOptions {
 struct CaptureSummary {
   std::uint64_t committed = 0;
   std::uint64_t rolledBack = 0;
-  std::uint64_t rows = 0;        // row changes handed to the plugin in committed transactions
-  std::uint64_t statements = 0;  // statements, likewise
+  // Row changes and statements of committed transactions that no savepoint rollback undid:
+  // what the published logs hold.
+  std::uint64_t rows = 0;
+  std::uint64_t statements = 0;
   std::uint64_t logBytes = 0;    // bytes of the logs published
   double seconds = 0;            // wall time of the workload
   double pluginSeconds = 0;      // time inside the plugin's calls, all threads together

@@ -234,7 +234,6 @@ int demoCommand(int argc, char** argv) {
       argv[0]);
   CaptureArguments a;
   std::string dir = "out/demo";
-  a.options.threads = 2;
   app.add_option("--dir", dir, "where the databases and logs go (default out/demo)");
   addCaptureOptions(app, a);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
