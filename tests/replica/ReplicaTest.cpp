@@ -1,0 +1,252 @@
+// Capture and replay on real databases: seeded workloads captured through the loaded plugin and
+// applied to a replica leave it equal to the source; an applier killed halfway and run again
+// does too; logs published within one second apply in the order of publication; conflicts stop
+// the applier or are resolved as asked.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <random>
+
+#include "CaptureDriver.h"
+#include "DatabaseComparer.h"
+#include "IReplPlugin.h"
+#include "IReplTransaction.h"
+#include "LiteralRow.h"
+#include "LogDirectory.h"
+#include "Message.h"
+#include "PosixFaults.h"
+#include "ReplicaApplier.h"
+#include "TestFiles.h"
+#include "Workload.h"
+
+extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
+extern char** environ;
+
+namespace {
+
+// Captures a workload into dir/logs from dir/source.fdb, with an empty replica dir/replica.fdb.
+CaptureSummary capture(const TempDir& dir, std::uint64_t seed, int threads,
+                       std::uint64_t transactions, std::size_t maxBlob) {
+  {
+    Database replica(dir / "replica.fdb", true);
+    Workload::createSchema(replica);
+  }
+  writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
+  CaptureOptions o;
+  o.database = dir / "source.fdb";
+  o.pluginLibrary = FBCDC_PLUGIN_PATH;
+  o.configFile = dir / "plugin.conf";
+  o.outputDirectory = dir / "logs";
+  o.seed = seed;
+  o.threads = threads;
+  o.transactions = transactions;
+  o.maxBlob = maxBlob;
+  return CaptureDriver(o).run();
+}
+
+ReplicaApplier::Summary applyAll(const std::string& replicaPath, const std::string& logs,
+                                 ReplicaApplier::Conflicts conflicts) {
+  Database replica(replicaPath, false);
+  ReplicaApplier applier(replica, conflicts);
+  FollowPosition position = applier.position();
+  for (const LogFile& log : LogDirectory::list(logs)) {
+    if (position.isDone(log)) continue;
+    position.advance(log);
+    applier.apply(log, position);
+  }
+  return applier.summary();
+}
+
+std::string difference(const TempDir& dir) {
+  Database source(dir / "source.fdb", false);
+  Database replica(dir / "replica.fdb", false);
+  const DatabaseComparer::Result r =
+      DatabaseComparer::compare(source, replica, {ReplicaApplier::kPositionTable});
+  EXPECT_GT(r.rows, 0u);
+  return r.equal ? "" : r.difference;
+}
+
+TEST(ReplicaTest, CapturedWorkloadsApplyToAnEqualReplica) {
+  const struct {
+    std::uint64_t seed;
+    int threads;
+    std::uint64_t transactions;
+    std::size_t maxBlob;
+  } cases[] = {{1, 1, 120, 64 << 10}, {2, 3, 150, 256 << 10}, {3, 2, 60, 5 << 20}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE("seed " + std::to_string(c.seed));
+    TempDir dir;
+    const CaptureSummary captured = capture(dir, c.seed, c.threads, c.transactions, c.maxBlob);
+    EXPECT_GT(captured.rolledBack, 0u) << "whole transactions rolled back";
+    std::size_t multiBlock = 0;
+    for (const LogFile& log : LogDirectory::list(dir / "logs"))
+      multiBlock += readFile(log.path).size() > 32768;
+    EXPECT_GT(multiBlock, 3u);
+    const ReplicaApplier::Summary applied =
+        applyAll(dir / "replica.fdb", dir / "logs", ReplicaApplier::Conflicts::kError);
+    EXPECT_EQ(captured.rows, applied.rows);
+    EXPECT_EQ(captured.statements, applied.statements);
+    EXPECT_EQ("", difference(dir));
+    // Exactly once: a second run finds every log applied.
+    EXPECT_EQ(0u,
+              applyAll(dir / "replica.fdb", dir / "logs", ReplicaApplier::Conflicts::kError).logs);
+    EXPECT_EQ("", difference(dir));
+  }
+}
+
+// The applier is killed at random moments and started again until it finishes.
+TEST(ReplicaTest, ApplierKilledHalfwayAndRunAgain) {
+  TempDir dir;
+  capture(dir, 11, 2, 150, 128 << 10);
+  std::mt19937 random(11);
+  for (int run = 0;; ++run) {
+    std::vector<std::string> args = {FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb",
+                                     dir / "logs"};
+    std::vector<char*> argv;
+    for (std::string& a : args) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    pid_t pid;
+    ASSERT_EQ(0, posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ));
+    posix_spawn_file_actions_destroy(&actions);
+    if (run < 4) {
+      ::usleep(100000 + random() % 300000);
+      ::kill(pid, SIGKILL);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    if (WIFEXITED(status)) {
+      ASSERT_EQ(0, WEXITSTATUS(status));
+      break;
+    }
+  }
+  EXPECT_EQ("", difference(dir));
+}
+
+// A replica with one table, and a plugin writing logs for it with a fixed clock.
+class ApplyCases : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Database replica(dir / "replica.fdb", true);
+    replica.executeAlone("CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER)");
+    replica.executeAlone("CREATE TABLE BAG (V INTEGER)");
+    replica.executeAlone("INSERT INTO T VALUES (1, 10)");
+    replica.executeAlone("INSERT INTO BAG VALUES (7)");
+    replica.executeAlone("INSERT INTO BAG VALUES (7)");
+    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
+    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
+    plugin = getReplPlugin(status, 30, config);
+    config->release();
+  }
+  void TearDown() override { plugin->dispose(); }
+
+  // Publishes one log of transaction number holding a single change.
+  void publish(std::uint64_t number, char kind, const char* table, int id, int v) {
+    LiteralRow row(table);
+    LiteralRow old(table);  // a row image has one cursor: the old image must be another
+    if (std::string(table) == "T") row.addLong("ID", id), old.addLong("ID", id);
+    row.addLong("V", v);
+    old.addLong("V", v - 1);
+    Firebird::IReplTransaction* t = plugin->startTransaction(status, number);
+    if (kind == 'I') t->insertRecord(status, nullptr, nullptr, &row);
+    if (kind == 'U') t->updateRecord(status, nullptr, nullptr, &old, &row);
+    if (kind == 'D') t->deleteRecord(status, nullptr, nullptr, &row);
+    ASSERT_EQ(0, t->commit(status));
+    t->dispose();
+    ::usleep(20000);  // the next log falls into a later tick of the file system's clock
+  }
+
+  std::string rows() {
+    Database replica(dir / "replica.fdb", false);
+    std::string out;
+    Firebird::IStatement* s = replica.prepare("SELECT ID, V FROM T ORDER BY ID");
+    Message m(replica.status(), s->getOutputMetadata(replica.status()));
+    m.metadata()->release();
+    Firebird::IResultSet* r =
+        s->openCursor(replica.status(), replica.transaction(), nullptr, nullptr, m.metadata(), 0);
+    while (r->fetchNext(replica.status(), m.buffer()) == Firebird::IStatus::RESULT_OK) {
+      std::int32_t id, v;
+      std::memcpy(&id, m.data(0), 4);
+      std::memcpy(&v, m.data(1), 4);
+      out += std::to_string(id) + "=" + std::to_string(v) + " ";
+    }
+    r->close(replica.status());
+    s->free(replica.status());
+    return out;
+  }
+
+  PosixFaults::Scope faults;
+  TempDir dir;
+  FbStatus status;
+  Firebird::IReplPlugin* plugin = nullptr;
+};
+
+// A key deleted by one transaction and inserted again by the next, published within the same
+// second, the second with the lower number: by name the insert would come first and fail.
+TEST_F(ApplyCases, PublicationOrderWithinOneSecond) {
+  PosixFaults::setTime(1700000000);
+  publish(20, 'D', "T", 1, 10);
+  publish(10, 'I', "T", 1, 11);
+  applyAll(dir / "replica.fdb", dir / "logs", ReplicaApplier::Conflicts::kError);
+  EXPECT_EQ("1=11 ", rows());
+}
+
+TEST_F(ApplyCases, ConflictsStopOrAreResolved) {
+  using C = ReplicaApplier::Conflicts;
+  const struct {
+    char kind;
+    const char* table;
+    int id, v;
+    C mode;
+    const char* error;  // expected in the ApplyError, or "" when the log applies
+    const char* rows;
+  } cases[] = {
+      {'I', "T", 1, 11, C::kError, "violation of PRIMARY or UNIQUE KEY", "1=10 "},
+      {'I', "T", 1, 11, C::kUpsert, "", "1=11 "},
+      {'U', "T", 2, 12, C::kError, "event 0: the updated row is missing", "1=10 "},
+      {'U', "T", 2, 12, C::kSkip, "the updated row is missing", "1=10 "},
+      {'U', "T", 2, 12, C::kUpsert, "", "1=10 2=12 "},
+      {'D', "T", 2, 0, C::kError, "the deleted row is missing", "1=10 "},
+      {'D', "T", 2, 0, C::kSkip, "", "1=10 "},
+      {'D', "T", 2, 0, C::kUpsert, "", "1=10 "},
+      {'D', "BAG", 0, 7, C::kUpsert, "2 rows hold the old values", "1=10 "},
+  };
+  std::uint64_t number = 1;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(std::string(1, c.kind) + " " + c.table + " mode " +
+                 std::to_string(static_cast<int>(c.mode)));
+    for (const std::string& name : listDirectory(dir / "logs"))
+      ::remove((dir / "logs/" + name).c_str());
+    publish(number++, c.kind, c.table, c.id, c.v);
+    std::string error;
+    std::uint64_t resolved = 0;
+    try {
+      resolved = applyAll(dir / "replica.fdb", dir / "logs", c.mode).resolved;
+    } catch (const ApplyError& e) {
+      error = e.what();
+    }
+    if (*c.error) {
+      EXPECT_NE(std::string::npos, error.find(c.error)) << error;
+      EXPECT_NE(std::string::npos, error.find("log 0000")) << "names the log: " << error;
+    } else {
+      EXPECT_EQ("", error);
+      EXPECT_EQ(c.mode == C::kError ? 0u : 1u, resolved);
+    }
+    EXPECT_EQ(c.rows, rows());
+    // Back to the starting rows for the next case.
+    Database replica(dir / "replica.fdb", false);
+    replica.executeAlone("DELETE FROM T WHERE ID <> 1");
+    replica.executeAlone("UPDATE T SET V = 10");
+  }
+}
+
+}  // namespace
