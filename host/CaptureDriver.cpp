@@ -156,6 +156,13 @@ CaptureSummary CaptureDriver::run() {
       status->dispose();
       throw std::runtime_error("Firebird cannot read the configuration " + options_.configFile);
     }
+    // The figures of published logs need the directory, which the configuration names.
+    if (options_.outputDirectory.empty()) {
+      if (Firebird::IConfigEntry* e = config->find(&wrapper, "OutputDirectory")) {
+        if (e->getValue()) options_.outputDirectory = e->getValue();
+        e->release();
+      }
+    }
     plugin = entry(status, 30, config);
     config->release();
   }

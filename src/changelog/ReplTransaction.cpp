@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <ctime>
 
@@ -14,6 +15,7 @@ ReplTransaction::ReplTransaction(std::uint64_t number)
       committed(false),
       commitMarkerPut(false),
       headerEnd(0),
+      directoryFd(-1),
       savepoints(nullptr) {}
 
 ReplTransaction::~ReplTransaction() {
@@ -32,8 +34,9 @@ void ReplTransaction::formatName(char* out, std::size_t size, const char* suffix
                 static_cast<unsigned long long>(transactionNumber), suffix);
 }
 
-void ReplTransaction::initialize(const char* directory) {
+void ReplTransaction::initialize(const char* directory, int syncedDirectory) {
   outputDirectory = directory;
+  directoryFd = syncedDirectory;
   formatName(fileName, sizeof fileName, ".tmp");
   // The header stays in the buffer: no file exists until the first block is flushed.
   putByte('Z');
@@ -71,6 +74,11 @@ std::int32_t ReplTransaction::commit(Firebird::IStatus* status) {
   // A rollback into a block already on disk may have left the file longer than the final log.
   const std::int64_t length = getPosition();
   if (length < highWaterMark) (void)::ftruncate64(fd, length);
+  // A durable log is on stable storage before it can be published; its length counts among the
+  // data that fdatasync saves. A failure leaves the log unpublished, and dispose removes it.
+  if (directoryFd >= 0 && ::fdatasync(fd) != 0)
+    return ReplStatus::reportException(status,
+                                       ReplException("TF::Sync", ReplException::errnoText(errno)));
   (void)::close(fd);
   fd = -1;
   committed = true;
@@ -83,7 +91,12 @@ void ReplTransaction::dispose() {
     // If the rename fails the complete log stays under its temporary name; nothing can be reported.
     char finalName[sizeof fileName];
     formatName(finalName, sizeof finalName, ".fbl");
-    (void)::rename(fileName, finalName);
+    const bool renamed = ::rename(fileName, finalName) == 0;
+    // A durable log is published only once the rename is on stable storage too. When the
+    // directory cannot be synced, the log goes back to its temporary name, complete but not
+    // published, rather than stay visible under a name that a power loss may take away.
+    if (renamed && directoryFd >= 0 && ::fsync(directoryFd) != 0)
+      (void)::rename(finalName, fileName);
   } else if (fd >= 0) {
     // Only a file this transaction created is removed; with fd at -1 a file of the same name
     // belongs to someone else.

@@ -30,7 +30,9 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
 
   // Forms the temporary name in outputDirectory (which ends in a separator and must outlive this
   // object) and puts the header into the block buffer. Creates no file.
-  void initialize(const char* outputDirectory);
+  // directoryFd >= 0 makes the log durable: its data are synced at commit and that directory
+  // after the publishing rename.
+  void initialize(const char* outputDirectory, int directoryFd = -1);
 
   void dispose() override;
   std::int32_t insertRecord(Firebird::IStatus* status, Firebird::IAttachment* attachment,
@@ -82,5 +84,6 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
   bool committed;
   bool commitMarkerPut;  // by a commit that then failed to flush
   std::int64_t headerEnd;
+  int directoryFd;
   ReplSavepoint* savepoints;
 };

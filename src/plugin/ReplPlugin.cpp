@@ -1,7 +1,10 @@
 #include "ReplPlugin.h"
 
+#include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -53,13 +56,49 @@ ReplPlugin::ReplPlugin(Firebird::IStatus* status, Firebird::IConfig* config) {
   entry->release();
   if (error) fail(status, error);
 
+  // DurableLogs is optional and false unless set. It is read before the directory is created, so
+  // that a refused value leaves nothing behind.
+  bool durable = false;
+  if (Firebird::IConfigEntry* flag = config->find(&wrapper, "DurableLogs")) {
+    const char* text = flag->getValue();
+    const bool isTrue = text && ::strcasecmp(text, "true") == 0;
+    const bool isFalse = text && ::strcasecmp(text, "false") == 0;
+    if (!isTrue && !isFalse) {
+      const char* refused = ReplStatus::format(
+          "CDC error: DurableLogs must be true or false, not \"%.100s\"", text ? text : "");
+      flag->release();
+      fail(status, refused);
+    }
+    durable = isTrue;
+    flag->release();
+  }
+
   // Owner and group may create files in a directory made here, so that a server which does not run
   // as root can write into it. Only the last component is created; an existing path is accepted as
   // it is.
-  if (::mkdir(outputDirectory, 0770) != 0 && errno != EEXIST) {
-    fail(status, ReplStatus::format("CDC error creating output directory %s: %s", outputDirectory,
-                                    ReplException::errnoText(errno)));
+  bool created = true;
+  if (::mkdir(outputDirectory, 0770) != 0) {
+    if (errno != EEXIST) {
+      fail(status, ReplStatus::format("CDC error creating output directory %s: %s", outputDirectory,
+                                      ReplException::errnoText(errno)));
+    }
+    created = false;
   }
+
+  // Durable logs sync the directory after each publishing rename, through one descriptor.
+  if (durable) {
+    directoryFd = ::open(outputDirectory, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directoryFd < 0) {
+      const char* text = ReplStatus::format("CDC error opening output directory %s: %s",
+                                            outputDirectory, ReplException::errnoText(errno));
+      if (created) (void)::rmdir(outputDirectory);
+      fail(status, text);
+    }
+  }
+}
+
+ReplPlugin::~ReplPlugin() {
+  if (directoryFd >= 0) (void)::close(directoryFd);
 }
 
 void ReplPlugin::dispose() { delete this; }
@@ -69,7 +108,7 @@ Firebird::IReplTransaction* ReplPlugin::startTransaction(Firebird::IStatus* stat
   ReplTransaction* transaction = nullptr;
   try {
     transaction = new ReplTransaction(number);
-    transaction->initialize(outputDirectory);
+    transaction->initialize(outputDirectory, directoryFd);
     return transaction;
   } catch (const ReplException& e) {
     ReplStatus::reportException(status, e);

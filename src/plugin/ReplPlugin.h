@@ -10,10 +10,11 @@ class ReplPlugin final : public Firebird::IReplPlugin {
  public:
   static constexpr int kOutputDirectorySize = 4096;
 
-  // Reads OutputDirectory from config and creates that directory. A failure is reported into
-  // status first and then thrown; the caller gives up the storage.
+  // Reads OutputDirectory (and the optional DurableLogs) from config and creates that directory.
+  // A failure is reported into status first and then thrown; the caller gives up the storage.
   ReplPlugin(Firebird::IStatus* status, Firebird::IConfig* config);
-  virtual ~ReplPlugin() = default;
+  // Closes the output directory's descriptor of durable logs.
+  virtual ~ReplPlugin();
 
   ReplPlugin(const ReplPlugin&) = delete;
   ReplPlugin& operator=(const ReplPlugin&) = delete;
@@ -32,4 +33,7 @@ class ReplPlugin final : public Firebird::IReplPlugin {
   // Written only during construction; every transaction reads it up to its own dispose, so the
   // plugin must outlive the transactions it started.
   char outputDirectory[kOutputDirectorySize];
+  // With DurableLogs = true, the output directory opened for syncing after each publishing
+  // rename; -1 otherwise.
+  int directoryFd = -1;
 };
