@@ -2,7 +2,8 @@
 # Installs the Debian packages the build, the tests and the demo need; quiet when all are there.
 set -eu
 packages="build-essential cmake ninja-build pkg-config firebird-dev libfbclient2
-firebird3.0-server-core libgtest-dev libgmock-dev libbenchmark-dev libisal-dev binutils valgrind"
+firebird3.0-server-core libgtest-dev libgmock-dev libbenchmark-dev libisal-dev binutils valgrind
+libcli11-dev rapidjson-dev librdkafka-dev libhiredis-dev redis-server"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"

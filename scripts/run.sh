@@ -1,11 +1,12 @@
 #!/bin/sh
-# The main job: builds the plugin, loads it as the server would, records one transaction holding a
-# single statement into ./out/logs and prints the published change log.
+# The main job: builds the plugin and the fbcdc command, then shows the whole road on an embedded
+# database, with no server: a seeded workload of about a thousand transactions captured through the
+# plugin into out/demo/logs, the logs verified and applied to a replica, and the replica compared
+# with the source (out/demo/source.fdb and out/demo/replica.fdb).
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/install-deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target fbcdc fbcdc-demo
+cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target fbcdc fbcdc-cli
 mkdir -p out
-printf 'OutputDirectory = %s/out/logs\n' "$(pwd)" > out/fbcdc.conf
-exec build/tools/fbcdc-demo --plugin build/libfbcdc.so out/fbcdc.conf
+exec build/tools/fbcdc demo --dir out/demo "$@"

@@ -11,6 +11,10 @@ struct EventFormat {
   bool blobsAsText = false;
   // A BEGIN line before and an END line after each log's events.
   bool transactions = false;
+  // Values whose text is longer are cut to this many bytes (0: no limit), or, with omitLarge,
+  // replaced by "__omitted". For sinks whose messages have a size limit.
+  std::size_t maxValueBytes = 0;
+  bool omitLarge = false;
 };
 
 // What is known of a log from its file name.

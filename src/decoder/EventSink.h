@@ -3,6 +3,8 @@
 // delivered, so a follower may move its position past it.
 #pragma once
 
+#include <string>
+
 #include "ChangeEvent.h"
 #include "EventFormat.h"
 #include "LogFile.h"
@@ -14,6 +16,13 @@ class EventSink {
   virtual void beginLog(const LogInfo& log) = 0;
   virtual void event(const ChangeEvent& event) = 0;
   virtual void endLog(const ChangeEvent& end) = 0;
+
+  // A sink that keeps the follower's position itself stores it together with a log's last
+  // events, so that both arrive or neither does. The follower then keeps no checkpoint file: it
+  // loads the position from the sink and hands it the position after each log before the log.
+  virtual bool keepsPosition() const { return false; }
+  virtual std::string loadPosition() { return ""; }
+  virtual void setPositionAfterLog(const std::string& /*serialized*/) {}
 
   // Decodes the log at path and hands its events over, from beginLog to endLog. A log that does
   // not decode throws LogFormatError after the events before the damage were handed over.

@@ -94,6 +94,21 @@ void JsonEventWriter::image(const ChangeEvent& event, bool before) {
 }
 
 void JsonEventWriter::event(const ChangeEvent& event) {
+  lastStart_ = buffer_.GetSize();
+  lastOrder_ = event.kind == ChangeEvent::Kind::kSql ? ++statements_ : countTable(event.relation);
+  write(event, lastOrder_);
+}
+
+void JsonEventWriter::rewriteLast(const ChangeEvent& event, std::size_t maxValueBytes, bool omit) {
+  buffer_.Pop(buffer_.GetSize() - lastStart_);
+  const EventFormat saved = format_;
+  format_.maxValueBytes = maxValueBytes;
+  format_.omitLarge = omit;
+  write(event, lastOrder_);
+  format_ = saved;
+}
+
+void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
   using Kind = ChangeEvent::Kind;
   writer_.Reset(buffer_);
   writer_.StartObject();
@@ -118,7 +133,6 @@ void JsonEventWriter::event(const ChangeEvent& event) {
   writer_.Key("op");
   writer_.String(kOps[static_cast<int>(event.kind)]);
   writer_.Key("table");
-  std::uint32_t order;
   if (event.kind == Kind::kSql) {
     writer_.Null();
     writer_.Key("sql");
@@ -128,10 +142,8 @@ void JsonEventWriter::event(const ChangeEvent& event) {
     writer_.Key("number");
     writer_.Int64(event.sqlNumber);
     writer_.EndObject();
-    order = ++statements_;
   } else {
     name(event.relation, false);
-    order = countTable(event.relation);
   }
   writer_.Key("ts_ms");
   writer_.Int64(nowMs());

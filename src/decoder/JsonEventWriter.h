@@ -31,6 +31,10 @@ class JsonEventWriter : public EventWriter {
   void event(const ChangeEvent& event) override;
   void endLog(const ChangeEvent& end) override;
 
+  // Writes the last event again in place of its line, with values cut (or omitted, with omit)
+  // beyond maxValueBytes: for a sink whose message would be too large.
+  void rewriteLast(const ChangeEvent& event, std::size_t maxValueBytes, bool omit);
+
   std::string_view pending() const override {
     return std::string_view(buffer_.GetString(), buffer_.GetSize());
   }
@@ -44,6 +48,7 @@ class JsonEventWriter : public EventWriter {
   // A name from the log, made valid UTF-8.
   void name(std::string_view s, bool key);
   void image(const ChangeEvent& event, bool before);
+  void write(const ChangeEvent& event, std::uint32_t order);
   void transactionId();
   // The place of this event among the log's events of the same table, from 1.
   std::uint32_t countTable(std::string_view table);
@@ -60,4 +65,6 @@ class JsonEventWriter : public EventWriter {
   std::vector<std::pair<std::string, std::uint32_t>> tables_;
   std::size_t lastTable_ = 0;
   std::uint32_t statements_ = 0;
+  std::size_t lastStart_ = 0;  // where the last event's line begins in the buffer
+  std::uint32_t lastOrder_ = 0;
 };

@@ -19,6 +19,7 @@
 class ValueRenderer {
  public:
   static constexpr char kUnavailable[] = "__unavailable";
+  static constexpr char kOmitted[] = "__omitted";
 
   explicit ValueRenderer(const EventFormat& format) : format_(format) {}
 
@@ -67,7 +68,18 @@ class ValueRenderer {
         ValueText::appendBase64(scratch_, v.bytes);
         break;
     }
+    if (format_.maxValueBytes > 0 && scratch_.size() > format_.maxValueBytes) {
+      if (format_.omitLarge) return sink.string(kOmitted);
+      cut(scratch_, format_.maxValueBytes);
+    }
     sink.string(scratch_);
+  }
+
+  // Cuts text to at most n bytes, at the start of a UTF-8 character (base64 is ASCII, so its
+  // cut keeps whole characters too; a consumer decodes the longest whole group of four).
+  static void cut(std::string& text, std::size_t n) {
+    while (n > 0 && (static_cast<unsigned char>(text[n]) & 0xC0) == 0x80) --n;
+    text.resize(n);
   }
 
  private:

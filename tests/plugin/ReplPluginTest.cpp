@@ -1,3 +1,5 @@
+// The plugin's entry: interface versions, configurations read by Firebird's own parser, the output
+// directory, running out of memory, and the texts it reports.
 #include "ReplPlugin.h"
 
 #include <sys/stat.h>
@@ -5,162 +7,110 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "AllocationFaults.h"
-#include "IReplTransaction.h"
-#include "PosixFaults.h"
+#include "PluginFixture.h"
 #include "ReplStatus.h"
-#include "ReplTransaction.h"
-#include "TestFiles.h"
 
 extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
 
 namespace {
 
-using Strings = std::vector<std::string>;
+Strings cdcError(const std::string& text) { return {"1", "335544382", "2", text}; }
 
-class ReplPluginTest : public ::testing::Test {
- protected:
-  // Writes a configuration file, reads it back through Firebird and calls the entry function.
-  Firebird::IReplPlugin* start(const std::string& configText, int version = 30) {
-    const std::string path = dir / "plugin.conf";
-    writeFile(path, configText);
-    Firebird::IConfig* config = loadConfig(path);
-    Firebird::IReplPlugin* plugin = getReplPlugin(status, version, config);
-    config->release();
-    return plugin;
-  }
-
+// Each row starts the plugin from a configuration file. A directory the plugin makes lets owner and
+// group create files in it (0770 less the umask, which is 0 here); an existing path is taken as it
+// is. A refused version or configuration creates nothing.
+TEST(ReplPluginStart, VersionsAndConfigurations) {
   PosixFaults::Scope faults;
   TempDir dir;
-  FbStatus status;
-};
-
-TEST_F(ReplPluginTest, RefusesEveryOtherInterfaceVersion) {
-  for (int version : {29, 31, 0, -1, 3000}) {
-    SCOPED_TRACE(version);
-    FbStatus fresh;
-    writeFile(dir / "v.conf", "OutputDirectory = " + dir.path() + "v\n");
-    Firebird::IConfig* config = loadConfig(dir / "v.conf");
-    EXPECT_EQ(nullptr, getReplPlugin(fresh, version, config));
-    config->release();
-    EXPECT_EQ((Strings{"1", "335545000", "4", "30", "4", std::to_string(version)}), fresh.errors());
-    EXPECT_FALSE(fileExists(dir / "v")) << "no directory for a refused version";
-  }
-}
-
-TEST_F(ReplPluginTest, ConfigurationsFromRealFiles) {
   writeFile(dir / "plain-file", "x");
   ::mkdir((dir / "exists").c_str(), 0700);
   struct Case {
     std::string config;
+    int version;
     std::string outputDirectory;  // empty: construction fails
-    std::string text;
+    Strings errors;
+    bool mkdirFails = false;
   };
-  const std::vector<Case> cases = {
-      {"OutputDirectory = " + dir.path() + "cdc\n", dir.path() + "cdc/", ""},
-      {"OutputDirectory = " + dir.path() + "slash/\n", dir.path() + "slash/", ""},
-      {"OutputDirectory = \"" + dir.path() + "with space\"\n", dir.path() + "with space/", ""},
-      {"OutputDirectory = " + dir.path() + "exists\n", dir.path() + "exists/", ""},
-      {"OutputDirectory = " + dir.path() + "plain-file\n", dir.path() + "plain-file/", ""},
-      {"# no key at all\nOther = 1\n", "", "CDC error: No output directory name configured"},
-      {"OutputDirectory\n", "", "CDC error: No output directory name configured"},
-      {"OutputDirectory = " + dir.path() + "no/such/dir\n", "",
-       "CDC error creating output directory " + dir.path() +
-           "no/such/dir/: No such file or directory"},
-      {"OutputDirectory = /" + std::string(4095, 'a') + "\n", "",
-       "CDC error: Too long output directory name"},
+  const auto key = [&](const std::string& value) { return "OutputDirectory = " + value + "\n"; };
+  const auto badVersion = [](int v) {
+    return Strings{"1", "335545000", "4", "30", "4", std::to_string(v)};
   };
+  const std::string p = dir.path();
+  std::vector<Case> cases = {
+      {key(p + "cdc"), 30, p + "cdc/", {}},
+      {key(p + "slash/"), 30, p + "slash/", {}},
+      {key("\"" + p + "with space\""), 30, p + "with space/", {}},
+      {key(p + "exists"), 30, p + "exists/", {}},
+      {key(p + "plain-file"), 30, p + "plain-file/", {}},
+      {"# no key at all\nOther = 1\n", 30, "",
+       cdcError("CDC error: No output directory name configured")},
+      {"OutputDirectory\n", 30, "", cdcError("CDC error: No output directory name configured")},
+      {key(p + "no/such/dir"), 30, "",
+       cdcError("CDC error creating output directory " + p +
+                "no/such/dir/: No such file or directory")},
+      {key("/" + std::string(4095, 'a')), 30, "",
+       cdcError("CDC error: Too long output directory name")},
+      {key(p + "denied"), 30, "",
+       cdcError("CDC error creating output directory " + p + "denied/: Permission denied"), true},
+  };
+  for (int version : {29, 31, 0, -1, 3000})
+    cases.push_back({key(p + "v"), version, "", badVersion(version)});
+  const mode_t savedMask = ::umask(0);
   for (const Case& c : cases) {
-    SCOPED_TRACE(c.config.substr(0, 80));
-    FbStatus fresh;
-    writeFile(dir / "c.conf", c.config);
-    Firebird::IConfig* config = loadConfig(dir / "c.conf");
-    Firebird::IReplPlugin* plugin = getReplPlugin(fresh, 30, config);
-    config->release();
+    SCOPED_TRACE(c.config.substr(0, 80) + " version " + std::to_string(c.version));
+    PosixFaults::reset();
+    if (c.mkdirFails) PosixFaults::failAt(PosixFaults::kMkdir, 1, EACCES);
+    const bool existed = fileExists(c.outputDirectory.substr(0, c.outputDirectory.size() - 1));
+    FbStatus status;
+    Firebird::IReplPlugin* plugin = startPlugin(status, dir / "c.conf", c.config, c.version);
     if (c.outputDirectory.empty()) {
+      EXPECT_EQ(c.errors, status.errors());
       EXPECT_EQ(nullptr, plugin);
-      EXPECT_EQ((Strings{"1", "335544382", "2", c.text}), fresh.errors());
+      EXPECT_FALSE(fileExists(p + "v"));
       continue;
     }
-    ASSERT_NE(nullptr, plugin) << fresh.text();
-    EXPECT_FALSE(fresh.hasErrors());
+    ASSERT_NE(nullptr, plugin) << status.text();
+    EXPECT_FALSE(status.hasErrors());
     EXPECT_EQ(c.outputDirectory, static_cast<ReplPlugin*>(plugin)->getOutputDirectory());
-    EXPECT_TRUE(fileExists(c.outputDirectory.substr(0, c.outputDirectory.size() - 1)));
+    struct stat st;
+    ASSERT_EQ(0, ::stat(c.outputDirectory.substr(0, c.outputDirectory.size() - 1).c_str(), &st));
+    if (!existed) {
+      EXPECT_EQ(S_IFDIR | 0770u, st.st_mode);
+    }
     plugin->dispose();
   }
-}
-
-// A directory the plugin makes lets owner and group create files in it.
-TEST_F(ReplPluginTest, NewDirectoryIsSearchableByOwnerAndGroup) {
-  const mode_t saved = ::umask(0);
-  Firebird::IReplPlugin* plugin = start("OutputDirectory = " + dir.path() + "made\n");
-  ::umask(saved);
-  ASSERT_NE(nullptr, plugin);
-  struct stat st;
-  ASSERT_EQ(0, ::stat((dir / "made").c_str(), &st));
-  EXPECT_EQ(0770u, st.st_mode & 0777);
-  plugin->dispose();
-}
-
-TEST_F(ReplPluginTest, MkdirFailureNamesTheDirectoryAndTheReason) {
-  PosixFaults::failAt(PosixFaults::kMkdir, 1, EACCES);
-  EXPECT_EQ(nullptr, start("OutputDirectory = " + dir.path() + "denied\n"));
-  EXPECT_EQ("CDC error creating output directory " + dir.path() + "denied/: Permission denied",
-            status.text());
+  ::umask(savedMask);
 }
 
 TEST(ReplPluginNormalize, SeparatorsAndLengthLimits) {
-  struct Case {
-    std::string text;
-    const char* error;
-    std::string result;
-  };
-  const std::vector<Case> cases = {
-      {"", nullptr, "/"},
-      {"/data/cdc", nullptr, "/data/cdc/"},
-      {"/data/cdc/", nullptr, "/data/cdc/"},
-      {"C:\\cdc\\", nullptr, "C:\\cdc\\"},
-      {std::string(4094, 'a'), nullptr, std::string(4094, 'a') + "/"},
-      {std::string(4094, 'a') + "/", nullptr, std::string(4094, 'a') + "/"},
-      {std::string(4095, 'a'), "CDC error: Too long output directory name", ""},
-      {std::string(4095, 'a') + "/", "CDC error: Too long output directory name", ""},
-      {std::string(4096, 'a'), "CDC error: Too long output directory name", ""},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.text.size());
+  const char* tooLong = "CDC error: Too long output directory name";
+  const std::string a4094(4094, 'a');
+  const std::pair<std::string, std::string> cases[] = {{"", "/"},
+                                                       {"/data/cdc", "/data/cdc/"},
+                                                       {"/data/cdc/", "/data/cdc/"},
+                                                       {"C:\\cdc\\", "C:\\cdc\\"},
+                                                       {a4094, a4094 + "/"},
+                                                       {a4094 + "/", a4094 + "/"},
+                                                       {a4094 + "a", tooLong},
+                                                       {a4094 + "a/", tooLong},
+                                                       {a4094 + "aa", tooLong}};
+  for (const auto& [text, expected] : cases) {
+    SCOPED_TRACE(text.size());
     char out[ReplPlugin::kOutputDirectorySize];
-    const char* error = ReplPlugin::normalizeOutputDirectory(c.text.c_str(), out);
-    if (c.error) {
-      ASSERT_NE(nullptr, error);
-      EXPECT_STREQ(c.error, error);
-    } else {
-      EXPECT_EQ(nullptr, error);
-      EXPECT_EQ(c.result, out);
-    }
+    const char* error = ReplPlugin::normalizeOutputDirectory(text.c_str(), out);
+    EXPECT_EQ(expected, error ? error : out);
   }
-}
-
-TEST_F(ReplPluginTest, StartingATransactionCreatesNoFile) {
-  Firebird::IReplPlugin* plugin = start("OutputDirectory = " + dir.path() + "logs\n");
-  ASSERT_NE(nullptr, plugin);
-  Firebird::IReplTransaction* t1 = plugin->startTransaction(status, 1);
-  Firebird::IReplTransaction* t2 = plugin->startTransaction(status, 2);
-  ASSERT_NE(nullptr, t1);
-  ASSERT_NE(nullptr, t2);
-  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kOpen));
-  t1->dispose();
-  t2->dispose();
-  EXPECT_EQ(std::vector<std::string>{}, listDirectory(dir / "logs"));
-  plugin->dispose();
 }
 
 // Running out of memory: the entry function returns null with the status untouched, and a failed
 // transaction start reports its fixed text and leaves the plugin usable.
-TEST_F(ReplPluginTest, AllocationFailures) {
+TEST(ReplPluginStart, AllocationFailures) {
+  PosixFaults::Scope faults;
+  TempDir dir;
+  FbStatus status;
   writeFile(dir / "a.conf", "OutputDirectory = " + dir.path() + "logs\n");
   Firebird::IConfig* config = loadConfig(dir / "a.conf");
   AllocationFaults::failNextOfAtLeast(sizeof(ReplPlugin));
@@ -174,8 +124,7 @@ TEST_F(ReplPluginTest, AllocationFailures) {
   ASSERT_NE(nullptr, plugin);
   AllocationFaults::failNextOfAtLeast(sizeof(ReplTransaction));
   EXPECT_EQ(nullptr, plugin->startTransaction(status, 1));
-  EXPECT_EQ((Strings{"1", "335544382", "2", "CDC error: Transaction initialization failed"}),
-            status.errors());
+  EXPECT_EQ(cdcError("CDC error: Transaction initialization failed"), status.errors());
   Firebird::IReplTransaction* t = plugin->startTransaction(status, 2);
   ASSERT_NE(nullptr, t);
   EXPECT_EQ(0, t->executeSql(status, "after", 1));

@@ -26,23 +26,24 @@ void* allocate(std::size_t size) {
   throw std::bad_alloc();
 }
 
-}  // namespace AllocationFaults
-
-void* operator new(std::size_t size) { return AllocationFaults::allocate(size); }
-void* operator new[](std::size_t size) { return AllocationFaults::allocate(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+void* allocateOrNull(std::size_t size) noexcept {
   try {
-    return AllocationFaults::allocate(size);
+    return allocate(size);
   } catch (...) {
     return nullptr;
   }
 }
+
+}  // namespace AllocationFaults
+
+// Every form is replaced, the nothrow deletes too, so that ASan sees matching allocation pairs.
+void* operator new(std::size_t size) { return AllocationFaults::allocate(size); }
+void* operator new[](std::size_t size) { return AllocationFaults::allocate(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return AllocationFaults::allocateOrNull(size);
+}
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  try {
-    return AllocationFaults::allocate(size);
-  } catch (...) {
-    return nullptr;
-  }
+  return AllocationFaults::allocateOrNull(size);
 }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }

@@ -61,47 +61,24 @@ ISC_QUAD EmbeddedDatabase::createBlob(const Bytes& data, bool stream, std::size_
   return id;
 }
 
-Bytes EmbeddedDatabase::readBlob(ISC_QUAD id) {
-  Firebird::IBlob* blob = attachment_->openBlob(&wrapper_, transaction_, &id, 0, nullptr);
-  check(wrapper_, "open blob");
-  Bytes data;
-  std::vector<unsigned char> piece(65535);
-  for (;;) {
-    unsigned n = 0;
-    const int r =
-        blob->getSegment(&wrapper_, static_cast<unsigned>(piece.size()), piece.data(), &n);
-    check(wrapper_, "get segment");
-    if (r == Firebird::IStatus::RESULT_NO_DATA) break;
-    data.insert(data.end(), piece.begin(), piece.begin() + n);
-  }
-  blob->close(&wrapper_);
-  check(wrapper_, "close blob");
-  return data;
-}
-
-ISC_QUAD EmbeddedDatabase::putIntegerArray(const char* table, const char* column,
-                                           const std::vector<int>& values) {
+void EmbeddedDatabase::executeWithArray(const std::string& sql, const char* table,
+                                        const char* column, const std::vector<int>& values) {
   // The legacy array calls describe the slice from the column's own bounds.
   ISC_STATUS vector[20];
   isc_db_handle db = 0;
   isc_tr_handle tr = 0;
-  if (fb_get_database_handle(vector, &db, attachment_) ||
-      fb_get_transaction_handle(vector, &tr, transaction_))
-    throw std::runtime_error("no legacy handles");
   ISC_ARRAY_DESC desc;
-  if (isc_array_lookup_bounds(vector, &db, &tr, table, column, &desc))
-    throw std::runtime_error("array bounds lookup failed");
   std::vector<ISC_LONG> data(values.begin(), values.end());
   ISC_LONG length = static_cast<ISC_LONG>(data.size() * sizeof(ISC_LONG));
   ISC_QUAD id = {0, 0};
-  if (isc_array_put_slice(vector, &db, &tr, &id, &desc, data.data(), &length))
+  if (fb_get_database_handle(vector, &db, attachment_) ||
+      fb_get_transaction_handle(vector, &tr, transaction_) ||
+      isc_array_lookup_bounds(vector, &db, &tr, table, column, &desc) ||
+      isc_array_put_slice(vector, &db, &tr, &id, &desc, data.data(), &length))
     throw std::runtime_error("array put failed");
-  return id;
-}
-
-void EmbeddedDatabase::executeWithId(const std::string& sql, unsigned sqlType, ISC_QUAD id) {
+  // The slice's id is temporary until a statement binds it to a row.
   Firebird::IMetadataBuilder* builder = master_->getMetadataBuilder(&wrapper_, 1);
-  builder->setType(&wrapper_, 0, sqlType);
+  builder->setType(&wrapper_, 0, SQL_ARRAY);
   builder->setLength(&wrapper_, 0, sizeof id);
   Firebird::IMessageMetadata* meta = builder->getMetadata(&wrapper_);
   builder->release();

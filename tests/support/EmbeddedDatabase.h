@@ -27,13 +27,9 @@ class EmbeddedDatabase {
   // Stores data as a new blob: a stream blob, or a segmented one written in pieces of segment
   // bytes.
   ISC_QUAD createBlob(const Bytes& data, bool stream, std::size_t segment = 65535);
-  // Reads a blob or array by id straight through the OO API, for comparison.
-  Bytes readBlob(ISC_QUAD id);
-  // Stores an INTEGER array slice for column table.column and returns its (temporary) id; the id is
-  // bound to a row by an insert or update that passes it as a parameter.
-  ISC_QUAD putIntegerArray(const char* table, const char* column, const std::vector<int>& values);
-  // Runs a statement whose one parameter is a blob or array id.
-  void executeWithId(const std::string& sql, unsigned sqlType, ISC_QUAD id);
+  // Runs a statement whose one parameter is an INTEGER array of column table.column.
+  void executeWithArray(const std::string& sql, const char* table, const char* column,
+                        const std::vector<int>& values);
 
   // Throws std::runtime_error with the formatted status if the wrapper holds an error.
   void check(Firebird::CheckStatusWrapper& wrapper, const char* what) const;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -15,10 +16,16 @@
 // Appends the bytes of a statement record for sql (may be null) and number to stream.
 void appendStatement(Bytes& stream, const char* sql, std::int64_t number);
 
+// Writes configText to path, reads it back through Firebird and calls the entry function.
+Firebird::IReplPlugin* startPlugin(Firebird::IStatus* status, const std::string& path,
+                                   const std::string& configText, int version = 30);
+
 class PluginFixture : public ::testing::Test {
  protected:
   void SetUp() override;
-  void TearDown() override;
+  void TearDown() override {
+    if (plugin) plugin->dispose();
+  }
 
   ReplTransaction* begin(std::uint64_t number = 1);
 
@@ -27,8 +34,16 @@ class PluginFixture : public ::testing::Test {
   // nothing was published.
   Bytes recordStream(const std::function<void(ReplTransaction*)>& body);
 
-  // The one published file's path ("" when none), removed by the next call.
-  std::string publishedLog();
+  // The one published file's path ("" when none).
+  std::string publishedLog() {
+    const Strings names = listDirectory(logs);
+    EXPECT_GE(1u, names.size());
+    return names.empty() ? "" : logs + names[0];
+  }
+  // Removes every file of the output directory.
+  void clearLogs() {
+    for (const std::string& name : listDirectory(logs)) ::remove((logs + name).c_str());
+  }
 
   PosixFaults::Scope faults;
   TempDir dir;

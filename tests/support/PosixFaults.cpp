@@ -2,13 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/types.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdio>
 #include <cstdlib>
 
 namespace PosixFaults {
@@ -22,39 +20,37 @@ struct Rule {
 };
 
 // A few rules per kind, so that a test can shorten one call and fail the next.
-constexpr int kRulesPerCall = 4;
-Rule rules[kCalls][kRulesPerCall];
+Rule rules[kCalls][4];
 std::atomic<int> counts[kCalls];
 std::atomic<int> firedCount{0};
 std::atomic<long> readBytes{0};
 std::atomic<std::time_t> fixedTime{0};
 
-// Counts the call; returns true when it must fail (errno is set), and lowers *limit when the rule
-// only shortens the transfer.
+void addRule(Call call, const Rule& rule) {
+  Rule* r = rules[call];
+  while (r < rules[call] + 4 && r->nth != 0) ++r;
+  if (r == rules[call] + 4) std::abort();  // more rules than any test needs
+  *r = rule;
+}
+
+// Counts the call; true when it must fail (errno is set). A rule that only shortens the transfer
+// lowers *limit instead.
 bool inject(Call call, long* limit = nullptr) {
   const int n = ++counts[call];
   for (const Rule& r : rules[call]) {
     if (r.nth == 0 || n < r.nth || (n > r.nth && !r.persistent)) continue;
     ++firedCount;
-    if (r.error != 0) {
-      errno = r.error;
-      return true;
-    }
-    if (limit) *limit = r.bytes;
-    return false;
+    if (r.error == 0 && limit) *limit = r.bytes;
+    if (r.error != 0) errno = r.error;
+    return r.error != 0;
   }
   return false;
 }
 
-void addRule(Call call, const Rule& rule) {
-  for (Rule& r : rules[call]) {
-    if (r.nth == 0) {
-      r = rule;
-      return;
-    }
-  }
-  std::fprintf(stderr, "PosixFaults: too many rules for one call\n");
-  std::abort();
+// Passes a call on unless a rule fails it.
+template <typename Real, typename... Args>
+auto passOrFail(Call call, Real real, Args... args) -> decltype(real(args...)) {
+  return inject(call) ? -1 : real(args...);
 }
 
 }  // namespace
@@ -62,11 +58,9 @@ void addRule(Call call, const Rule& rule) {
 void failAt(Call call, int nth, int error, bool persistent) {
   addRule(call, Rule{nth, error, -1, persistent});
 }
-
 void limitAt(Call call, int nth, long bytes, bool persistent) {
   addRule(call, Rule{nth, 0, bytes, persistent});
 }
-
 int calls(Call call) { return counts[call]; }
 int fired() { return firedCount; }
 long bytesRead() { return readBytes; }
@@ -84,7 +78,7 @@ void reset() {
 
 }  // namespace PosixFaults
 
-using PosixFaults::inject;
+using namespace PosixFaults;
 
 extern "C" {
 
@@ -107,67 +101,51 @@ int __wrap_open(const char* path, int flags, ...) {
     mode = static_cast<mode_t>(va_arg(args, int));
     va_end(args);
   }
-  if (inject(PosixFaults::kOpen)) return -1;
-  return __real_open(path, flags, mode);
+  return inject(kOpen) ? -1 : __real_open(path, flags, mode);
 }
 
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
   long limit = -1;
-  if (inject(PosixFaults::kWrite, &limit)) return -1;
-  if (limit >= 0 && static_cast<size_t>(limit) < size) {
-    if (limit == 0) return 0;
-    size = static_cast<size_t>(limit);
-  }
+  if (inject(kWrite, &limit)) return -1;
+  if (limit == 0) return 0;
+  if (limit > 0 && static_cast<size_t>(limit) < size) size = static_cast<size_t>(limit);
   return __real_write(fd, data, size);
 }
 
 ssize_t __wrap_read(int fd, void* data, size_t size) {
   long limit = -1;
-  if (inject(PosixFaults::kRead, &limit)) return -1;
+  if (inject(kRead, &limit)) return -1;
   if (limit >= 0 && static_cast<size_t>(limit) < size) size = static_cast<size_t>(limit);
   const ssize_t got = size == 0 ? 0 : __real_read(fd, data, size);
-  if (got > 0) PosixFaults::readBytes += got;
+  if (got > 0) readBytes += got;
   return got;
 }
 
-off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
-  if (inject(PosixFaults::kLseek64)) return -1;
-  return __real_lseek64(fd, offset, whence);
-}
-
-int __wrap_ftruncate64(int fd, off64_t length) {
-  if (inject(PosixFaults::kFtruncate64)) return -1;
-  return __real_ftruncate64(fd, length);
-}
-
 int __wrap_close(int fd) {
-  if (inject(PosixFaults::kClose)) {
-    // A failed close still releases the descriptor on Linux; keep the test process clean.
-    const int saved = errno;
-    __real_close(fd);
-    errno = saved;
-    return -1;
-  }
-  return __real_close(fd);
+  if (!inject(kClose)) return __real_close(fd);
+  // A failed close still releases the descriptor on Linux; keep the test process clean.
+  const int saved = errno;
+  __real_close(fd);
+  errno = saved;
+  return -1;
 }
 
+off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
+  return passOrFail(kLseek64, __real_lseek64, fd, offset, whence);
+}
+int __wrap_ftruncate64(int fd, off64_t length) {
+  return passOrFail(kFtruncate64, __real_ftruncate64, fd, length);
+}
 int __wrap_rename(const char* from, const char* to) {
-  if (inject(PosixFaults::kRename)) return -1;
-  return __real_rename(from, to);
+  return passOrFail(kRename, __real_rename, from, to);
 }
-
-int __wrap_remove(const char* path) {
-  if (inject(PosixFaults::kRemove)) return -1;
-  return __real_remove(path);
-}
-
+int __wrap_remove(const char* path) { return passOrFail(kRemove, __real_remove, path); }
 int __wrap_mkdir(const char* path, mode_t mode) {
-  if (inject(PosixFaults::kMkdir)) return -1;
-  return __real_mkdir(path, mode);
+  return passOrFail(kMkdir, __real_mkdir, path, mode);
 }
 
 time_t __wrap_time(time_t* t) {
-  const time_t fixed = PosixFaults::fixedTime;
+  const time_t fixed = fixedTime;
   if (fixed == 0) return __real_time(t);
   if (t) *t = fixed;
   return fixed;

@@ -11,18 +11,8 @@
 
 namespace PosixFaults {
 
-enum Call {
-  kOpen,
-  kWrite,
-  kRead,
-  kLseek64,
-  kFtruncate64,
-  kClose,
-  kRename,
-  kRemove,
-  kMkdir,
-  kCalls
-};
+enum Call { kOpen, kWrite, kRead, kLseek64, kFtruncate64, kClose, kRename, kRemove, kMkdir };
+constexpr int kCalls = kMkdir + 1;
 
 // The nth call fails with error (errno) and result -1.
 void failAt(Call call, int nth, int error, bool persistent = false);

@@ -1,67 +1,40 @@
 #include "TestFiles.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <stdexcept>
 
-namespace {
+#include "ReplAutoException.h"
 
-void removeTree(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;
-  if (S_ISDIR(st.st_mode)) {
-    if (DIR* dir = opendir(path.c_str())) {
-      while (dirent* e = readdir(dir)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..") removeTree(path + "/" + name);
-      }
-      closedir(dir);
-    }
-    rmdir(path.c_str());
-  } else {
-    unlink(path.c_str());
-  }
-}
-
-}  // namespace
+namespace fs = std::filesystem;
 
 TempDir::TempDir() {
   const char* base = std::getenv("TMPDIR");
   std::string pattern = std::string(base && *base ? base : "/tmp") + "/fbcdc-test-XXXXXX";
-  std::vector<char> buffer(pattern.begin(), pattern.end());
-  buffer.push_back('\0');
-  if (!mkdtemp(buffer.data())) throw std::runtime_error("mkdtemp failed");
-  path_ = std::string(buffer.data()) + "/";
+  if (!mkdtemp(&pattern[0])) throw std::runtime_error("mkdtemp failed");
+  path_ = pattern + "/";
 }
 
-TempDir::~TempDir() { removeTree(path_.substr(0, path_.size() - 1)); }
+TempDir::~TempDir() {
+  std::error_code ignored;
+  fs::remove_all(path_, ignored);
+}
 
-std::vector<std::string> TempDir::list() const { return listDirectory(path_); }
-
-std::vector<std::string> listDirectory(const std::string& path) {
-  std::vector<std::string> names;
-  if (DIR* dir = opendir(path.c_str())) {
-    while (dirent* e = readdir(dir)) {
-      std::string name = e->d_name;
-      if (name != "." && name != "..") names.push_back(name);
-    }
-    closedir(dir);
-  }
+Strings listDirectory(const std::string& path) {
+  Strings names;
+  std::error_code missing;
+  for (const fs::directory_entry& e : fs::directory_iterator(path, missing))
+    names.push_back(e.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }
 
-bool fileExists(const std::string& path) {
-  struct stat st;
-  return stat(path.c_str(), &st) == 0;
-}
+bool fileExists(const std::string& path) { return fs::exists(path); }
 
 Bytes readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
@@ -70,18 +43,24 @@ Bytes readFile(const std::string& path) {
 }
 
 void writeFile(const std::string& path, const std::string& text) {
-  std::ofstream out(path, std::ios::binary);
-  out << text;
+  std::ofstream(path, std::ios::binary) << text;
 }
 
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
 
+Bytes randomBytes(std::size_t n, unsigned seed) {
+  std::mt19937 random(seed);
+  Bytes b(n);
+  for (auto& x : b) x = static_cast<std::uint8_t>(random());
+  return b;
+}
+
 std::string hex(const Bytes& bytes) {
   std::string out;
-  char piece[4];
   for (std::size_t i = 0; i < bytes.size(); ++i) {
-    std::snprintf(piece, sizeof piece, i ? " %02X" : "%02X", bytes[i]);
-    out += piece;
+    if (i) out += ' ';
+    out += "0123456789ABCDEF"[bytes[i] >> 4];
+    out += "0123456789ABCDEF"[bytes[i] & 15];
   }
   return out;
 }
@@ -106,36 +85,47 @@ Bytes containerOf(const Bytes& stream) {
   return file;
 }
 
-FbStatus::FbStatus() : status_(Firebird::fb_get_master_interface()->getStatus()) {}
-FbStatus::~FbStatus() { status_->dispose(); }
+Bytes streamOf(const Bytes& file) {
+  Bytes stream;
+  for (std::size_t at = 0; at < file.size(); at += 32768) {
+    const std::size_t n = std::min<std::size_t>(32768, file.size() - at);
+    stream.insert(stream.end(), file.begin() + at, file.begin() + at + (n < 4 ? 0 : n - 4));
+  }
+  return stream;
+}
 
-std::vector<std::string> FbStatus::errors() const {
-  std::vector<std::string> items;
-  const intptr_t* v = status_->getErrors();
-  while (*v != isc_arg_end) {
-    const intptr_t tag = *v++;
-    items.push_back(std::to_string(tag));
-    if (tag == isc_arg_string || tag == isc_arg_cstring) {
-      items.push_back(reinterpret_cast<const char*>(*v++));
-    } else {
-      items.push_back(std::to_string(*v++));
-    }
+std::string failureOf(const std::function<void()>& fn) {
+  try {
+    fn();
+  } catch (const ReplAutoException& e) {
+    return std::string("auto ") + e.first() + ": " + e.second();
+  } catch (const ReplException& e) {
+    return std::string(e.first()) + ": " + e.second();
+  }
+  return "";
+}
+
+Strings FbStatus::errors() const {
+  Strings items;
+  for (const intptr_t* v = status_->getErrors(); *v != isc_arg_end; v += 2) {
+    items.push_back(std::to_string(v[0]));
+    const bool text = v[0] == isc_arg_string;
+    items.push_back(text ? reinterpret_cast<const char*>(v[1]) : std::to_string(v[1]));
   }
   return items;
 }
 
 std::string FbStatus::text() const {
-  const intptr_t* v = status_->getErrors();
-  for (; *v != isc_arg_end; v += 2)
+  for (const intptr_t* v = status_->getErrors(); *v != isc_arg_end; v += 2)
     if (v[0] == isc_arg_string) return reinterpret_cast<const char*>(v[1]);
   return "";
 }
 
 Firebird::IConfig* loadConfig(const std::string& path) {
-  Firebird::IMaster* master = Firebird::fb_get_master_interface();
   FbStatus status;
   Firebird::CheckStatusWrapper wrapper(status);
-  Firebird::IConfig* config = master->getPluginManager()->getConfig(&wrapper, path.c_str());
+  Firebird::IConfig* config =
+      Firebird::fb_get_master_interface()->getPluginManager()->getConfig(&wrapper, path.c_str());
   if (!config) throw std::runtime_error("Firebird cannot read " + path);
   return config;
 }

@@ -7,23 +7,17 @@
 #include <string>
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fprintf(stderr, "usage: ReadLog FILE\n");
-    return 2;
-  }
+  if (argc != 2) return 2;
   try {
     TReadFile log;
     log.open(argv[1], true);
     char magic[5] = {};
     log.getBytes(magic, 4);
-    const unsigned version = log.getByte();
-    const unsigned tag = log.getByte();
+    const unsigned version = log.getByte(), tag = log.getByte();
     log.skip(1);
-    const unsigned textLength = log.getByte();
-    std::string text(textLength, '\0');
-    log.getBytes(&text[0], static_cast<std::int32_t>(textLength));
-    const unsigned type = log.getByte();
-    const unsigned scale = log.getInt16();
+    std::string text(log.getByte(), '\0');
+    log.getBytes(&text[0], static_cast<std::int32_t>(text.size()));
+    const unsigned type = log.getByte(), scale = log.getInt16();
     const unsigned long long number = log.getInt64();
     const unsigned marker = log.getByte();
     std::printf("%s %u %c [%s] %u %u %llu %c %lld\n", magic, version, tag, text.c_str(), type,

@@ -1,0 +1,168 @@
+#include "KafkaSink.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <stdexcept>
+
+#include "CharacterSets.h"
+#include "ValueRenderer.h"
+
+namespace {
+
+struct KeySink {
+  rapidjson::Writer<rapidjson::StringBuffer>& w;
+  void null() { w.Null(); }
+  void boolean(bool b) { w.Bool(b); }
+  void integer(std::int64_t i) { w.Int64(i); }
+  void real(double d) { w.Double(d); }
+  void string(std::string_view s) { w.String(s.data(), static_cast<unsigned>(s.size())); }
+};
+
+}  // namespace
+
+KafkaSink::KafkaSink(const Options& options, const EventFormat& format)
+    : options_(options), format_(format), writer_(format) {
+  char error[512];
+  rd_kafka_conf_t* conf = rd_kafka_conf_new();
+  auto set = [&](const std::string& name, const std::string& value) {
+    if (rd_kafka_conf_set(conf, name.c_str(), value.c_str(), error, sizeof error) !=
+        RD_KAFKA_CONF_OK) {
+      rd_kafka_conf_destroy(conf);
+      throw std::runtime_error("Kafka setting " + name + "=" + value + ": " + error);
+    }
+  };
+  set("bootstrap.servers", options.brokers);
+  // Retries never reorder or duplicate messages within a partition.
+  set("enable.idempotence", "true");
+  set("message.timeout.ms", std::to_string(options.deliveryTimeoutMs));
+  for (const auto& p : options.properties) set(p.first, p.second);
+  rd_kafka_conf_set_dr_msg_cb(conf, onDelivery);
+  rd_kafka_conf_set_opaque(conf, this);
+  producer_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof error);
+  if (!producer_) throw std::runtime_error(std::string("cannot create a Kafka producer: ") + error);
+}
+
+KafkaSink::~KafkaSink() {
+  rd_kafka_flush(producer_, 10000);
+  rd_kafka_destroy(producer_);
+}
+
+void KafkaSink::onDelivery(rd_kafka_t*, const rd_kafka_message_t* message, void* opaque) {
+  auto* self = static_cast<KafkaSink*>(opaque);
+  if (message->err == RD_KAFKA_RESP_ERR_NO_ERROR) return;
+  if (self->failures_++ == 0) {
+    self->firstFailure_ =
+        std::string(rd_kafka_topic_name(message->rkt)) + ": " + rd_kafka_err2str(message->err);
+  }
+}
+
+void KafkaSink::produce(const std::string& topic, const std::string& key, const char* value,
+                        std::size_t size) {
+  for (;;) {
+    const rd_kafka_resp_err_t err =
+        rd_kafka_producev(producer_, RD_KAFKA_V_TOPIC(topic.c_str()),
+                          RD_KAFKA_V_KEY(const_cast<char*>(key.data()), key.size()),
+                          RD_KAFKA_V_VALUE(const_cast<char*>(value), size),
+                          RD_KAFKA_V_MSGFLAGS(RD_KAFKA_MSG_F_COPY), RD_KAFKA_V_END);
+    if (err == RD_KAFKA_RESP_ERR_NO_ERROR) break;
+    // A full queue drains as deliveries are reported; anything else is a failure.
+    if (err != RD_KAFKA_RESP_ERR__QUEUE_FULL)
+      throw std::runtime_error("log " + log_.file + ": cannot produce to " + topic + ": " +
+                               rd_kafka_err2str(err));
+    rd_kafka_poll(producer_, 100);
+  }
+  rd_kafka_poll(producer_, 0);
+}
+
+void KafkaSink::marker() {
+  std::string_view line = writer_.pending();
+  if (!line.empty()) {
+    line.remove_suffix(1);  // the newline
+    produce(options_.topicPrefix + ".transaction", std::to_string(log_.transaction), line.data(),
+            line.size());
+  }
+  writer_.clear();
+}
+
+void KafkaSink::beginLog(const LogInfo& log) {
+  log_ = log;
+  failures_ = 0;
+  firstFailure_.clear();
+  writer_.beginLog(log);
+  marker();
+}
+
+std::string KafkaSink::keyOf(const ChangeEvent& e) {
+  const bool useNew = e.kind == ChangeEvent::Kind::kInsert;
+  const auto named = options_.keys.find(std::string(e.relation));
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
+  KeySink sink{w};
+  ValueRenderer renderer(format_);
+  w.StartObject();
+  auto add = [&](const FieldChange& f) {
+    const FieldValue& v = useNew || !f.before.present() ? f.after : f.before;
+    if (!v.present() || v.isBlobLike()) return;
+    keyBuffer_.clear();
+    CharacterSets::appendValidUtf8(f.name, keyBuffer_);
+    w.Key(keyBuffer_.data(), static_cast<unsigned>(keyBuffer_.size()));
+    renderer.render(v, sink);
+  };
+  if (named != options_.keys.end()) {
+    for (const std::string& column : named->second)
+      for (const FieldChange& f : e.fields)
+        if (f.name == column) add(f);
+  } else {
+    for (const FieldChange& f : e.fields) add(f);
+  }
+  w.EndObject();
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+void KafkaSink::event(const ChangeEvent& e) {
+  writer_.event(e);
+  if (writer_.pending().size() - 1 > options_.maxMessageBytes) {
+    const std::size_t size = writer_.pending().size() - 1;
+    // Cut every value to a share of the limit, or leave the large ones out, as asked.
+    if (options_.largeValues != LargeValues::kFail) {
+      const std::size_t share = options_.maxMessageBytes / (2 * (e.fields.size() + 1));
+      writer_.rewriteLast(e, share, options_.largeValues == LargeValues::kOmit);
+    }
+    if (writer_.pending().size() - 1 > options_.maxMessageBytes) {
+      throw std::runtime_error("log " + log_.file + ", event " + std::to_string(e.index) +
+                               ": the message is " + std::to_string(size) +
+                               " bytes, more than the limit of " +
+                               std::to_string(options_.maxMessageBytes) + " (see --large-values)");
+    }
+  }
+  std::string_view line = writer_.pending();
+  line.remove_suffix(1);
+  if (e.kind == ChangeEvent::Kind::kSql) {
+    produce(options_.topicPrefix + ".transaction", std::to_string(log_.transaction), line.data(),
+            line.size());
+  } else {
+    const std::string topic = options_.topicPrefix + "." + std::string(e.relation);
+    const std::string key = keyOf(e);
+    produce(topic, key, line.data(), line.size());
+    if (options_.tombstones && e.kind == ChangeEvent::Kind::kDelete)
+      produce(topic, key, nullptr, 0);
+  }
+  writer_.clear();
+}
+
+void KafkaSink::endLog(const ChangeEvent& end) {
+  writer_.endLog(end);
+  marker();
+  // The log counts as delivered only when every message of it is.
+  rd_kafka_flush(producer_, options_.deliveryTimeoutMs + 5000);
+  if (rd_kafka_outq_len(producer_) > 0)
+    throw std::runtime_error("log " + log_.file + ": deliveries not confirmed in time");
+  char reason[512];
+  if (rd_kafka_fatal_error(producer_, reason, sizeof reason) != RD_KAFKA_RESP_ERR_NO_ERROR)
+    throw std::runtime_error("log " + log_.file + ": the Kafka producer failed: " + reason);
+  if (failures_ > 0) {
+    throw std::runtime_error("log " + log_.file + ": " + std::to_string(failures_) +
+                             " messages not delivered, the first to " + firstFailure_);
+  }
+}

@@ -1,0 +1,362 @@
+// The block writer and reader: the container on disk byte for byte, every value at every offset
+// around a block edge, positions and seeks, and every way writing, rewinding and reading fail.
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+
+#include "PosixFaults.h"
+#include "ReplAutoException.h"
+#include "TReadFile.h"
+#include "TWriteFile.h"
+#include "TestFiles.h"
+
+namespace {
+
+// The writer as its owner sees it: the owner names the file and may look at the descriptor.
+class Writer : public TWriteFile {
+ public:
+  explicit Writer(const std::string& path) {
+    std::snprintf(fileName, sizeof fileName, "%s", path.c_str());
+  }
+  std::int64_t highWater() const { return highWaterMark; }
+};
+
+// Log position of stream byte i: every block before it adds its 4-byte trailer.
+std::int64_t positionOf(std::size_t i) {
+  return static_cast<std::int64_t>(i / 32764 * 32768 + i % 32764);
+}
+
+class BlockFileTest : public ::testing::Test {
+ protected:
+  // Writes stream as a log with the library's writer.
+  std::string writeLog(const Bytes& stream) {
+    Writer w(path);
+    w.putBytes(stream.data(), static_cast<std::int32_t>(stream.size()));
+    w.flushBlock();
+    return path;
+  }
+
+  PosixFaults::Scope faults;
+  TempDir dir;
+  std::string path = dir / "log";
+};
+
+using TWriteFileTest = BlockFileTest;
+using TReadFileTest = BlockFileTest;
+
+const char kStopped[] = "TF::WC-w: Log writer stopped after an earlier write failure";
+
+// Every put at every offset around a block edge (a value split at each byte, or ending at the edge)
+// and a run over a whole block: the file is the container of the little-endian stream, each block
+// written in one write by the put that fills it; the reader gets each value back at the writer's
+// positions.
+TEST_F(TWriteFileTest, ValuesAtEveryOffsetAroundTheBlockEdge) {
+  const std::uint64_t doubleBits = 0x3FF123456789ABCD;
+  double d;
+  std::memcpy(&d, &doubleBits, sizeof d);
+  const Bytes run = randomBytes(32764 + 32730, 1);  // the last stream ends with its block
+  for (std::size_t before = 32764 - 34; before <= 32764; ++before) {
+    SCOPED_TRACE(before);
+    ::remove(path.c_str());
+    PosixFaults::reset();
+    Bytes model = randomBytes(before, static_cast<unsigned>(before));
+    auto le = [&](std::uint64_t v, int n) {
+      for (int i = 0; i < n; ++i) model.push_back(static_cast<std::uint8_t>(v >> (8 * i)));
+    };
+    Writer w(path);
+    w.putBytes(model.data(), static_cast<std::int32_t>(before));
+    const std::function<void()> puts[] = {
+        [&] { w.putByte(0xAB), le(0xAB, 1); },
+        [&] { w.putInt16(0xA1B2), le(0xA1B2, 2); },
+        [&] { w.putInt32(0xC1D2E3F4), le(0xC1D2E3F4, 4); },
+        [&] { w.putInt64(0x0102030405060708), le(0x0102030405060708, 8); },
+        [&] { w.putDouble(d), le(doubleBits, 8); },
+        [&] { w.putInt32Pair(7, 0xF1F2F3F4), le(7, 4), le(0xF1F2F3F4, 4); },
+        [&] { w.putBytes("abc", 3), le(0x636261, 3); },
+        [&] { w.putBytes("abc", 0), w.putBytes("abc", -1); },
+        [&] {
+          w.putBytes(run.data(), static_cast<std::int32_t>(run.size()));
+          model.insert(model.end(), run.begin(), run.end());
+        },
+    };
+    std::vector<std::int64_t> positions;
+    for (const auto& put : puts) {
+      put();
+      positions.push_back(w.getPosition());
+      EXPECT_EQ(positionOf(model.size()), positions.back());
+      const Bytes full(model.begin(), model.begin() + model.size() / 32764 * 32764);
+      EXPECT_EQ(containerOf(full), fileExists(path) ? readFile(path) : Bytes{});
+    }
+    // Once the last block is written, the end of the stream is the end of the file for both.
+    const std::int64_t end = positions.back();
+    w.flushBlock();
+    EXPECT_EQ(containerOf(model), readFile(path));
+    EXPECT_EQ(static_cast<int>(model.size() + 32763) / 32764,
+              PosixFaults::calls(PosixFaults::kWrite));
+    for (std::int64_t& p : positions) p = p == end ? w.getPosition() : p;
+    EXPECT_EQ(static_cast<std::int64_t>(containerOf(model).size()), positions.back());
+
+    TReadFile r;
+    r.open(path.c_str(), true);
+    r.skip(static_cast<std::uint32_t>(before));
+    std::size_t k = 0;
+    auto expect = [&](std::uint64_t expected, std::uint64_t got) {
+      EXPECT_EQ(expected, got) << "value " << k;
+      EXPECT_EQ(positions[k++], r.getPosition());
+    };
+    expect(0xAB, r.getByte());
+    expect(0xA1B2, r.getInt16());
+    expect(0xC1D2E3F4, r.getInt32());
+    expect(0x0102030405060708, r.getInt64());
+    const double back = r.getDouble();
+    expect(doubleBits, std::memcmp(&back, &d, sizeof d) == 0 ? doubleBits : 0);
+    TReadFile::Int32Pair pair{};
+    r.getInt32Pair(pair);
+    expect(0xF1F2F3F4'00000007, std::uint64_t{pair.second} << 32 | pair.first);
+    char abc[4] = {};
+    r.getBytes(abc, 3);
+    expect(0x636261, abc[0] | abc[1] << 8 | abc[2] << 16);
+    ++k;  // the empty puts
+    Bytes runBack(run.size());
+    r.getBytes(runBack.data(), static_cast<std::int32_t>(runBack.size()));
+    expect(1, runBack == run);
+  }
+}
+
+// Faults of the write of the first block and of rewinds (two blocks on disk, 50 bytes buffered).
+// Short writes are continued. A failed first lseek, or a refused target, leaves the writer as it
+// was; a failed write, or a rewind failing once the descriptor moved, stops it for good: every
+// later put, flush and seek is refused. highWaterMark is the file's length, not the buffer's end.
+TEST_F(TWriteFileTest, WriteAndRewindFaults) {
+  using namespace PosixFaults;
+  struct Fault {
+    Call call;
+    int nth, error;  // error 0: the call transfers at most limit bytes
+    long limit = 0;
+  };
+  struct Case {
+    const char* name;
+    std::int64_t target;  // -1: no rewind
+    bool stops;
+    int writes;  // of the first block
+    std::vector<Fault> faults;
+    std::string failure;
+  };
+  const std::string bugcheck = "TWF::Seek: !BUGCHECK! Seek past end of buffer";
+  const Case cases[] = {
+      {"short write", -1, false, 2, {{kWrite, 1, 0, 1000}}, ""},
+      {"write fails", -1, true, 1, {{kWrite, 1, EIO}}, "TF::WC-w: Input/output error"},
+      {"short, then fails",
+       -1,
+       true,
+       2,
+       {{kWrite, 1, 0, 100}, {kWrite, 2, ENOSPC}},
+       "TF::WC-w: No space left on device"},
+      {"no progress", -1, true, 1, {{kWrite, 1, 0, 0}}, "TF::WC-w: Write made no progress"},
+      {"rewind within the buffer", 2 * 32768 + 20, false, 1, {}, ""},
+      {"first positioning", 100, false, 1, {{kLseek64, 1, EIO}}, "TWF::Seek: Input/output error"},
+      {"read-back fails", 100, true, 1, {{kRead, 1, EIO}}, "TWF::Seek-RB: Input/output error"},
+      {"read-back at the end", 100, true, 1, {{kRead, 1, 0, 0}}, "TWF::Seek-RB: Unexpected EOF"},
+      {"short read-back", 100, true, 1, {{kRead, 1, 0, 32767}}, "TWF::Seek-RB: Short block read"},
+      {"second lseek", 100, true, 1, {{kLseek64, 2, EBADF}}, "TWF::Seek2: Bad file descriptor"},
+      {"into a trailer", 32764, false, 1, {}, bugcheck},
+      {"past the buffer", 2 * 32768 + 32764, false, 1, {}, bugcheck},
+  };
+  const Bytes stream = randomBytes(2 * 32764 + 50, 9);
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ::remove(path.c_str());
+    reset();
+    const auto arm = [&] {
+      for (const Fault& f : c.faults)
+        f.error ? failAt(f.call, f.nth, f.error) : limitAt(f.call, f.nth, f.limit);
+    };
+    Writer w(path);
+    w.putBytes(stream.data(), 32763);
+    if (c.target < 0) arm();
+    std::string failure = failureOf([&] { w.putByte(stream[32763]); });
+    EXPECT_EQ(c.writes, calls(kWrite));
+    if (c.target >= 0) {
+      w.putBytes(stream.data() + 32764, static_cast<std::int32_t>(stream.size() - 32764));
+      reset();
+      arm();
+      failure = failureOf([&] { w.seek(c.target); });
+      EXPECT_EQ(65536, w.highWater());
+      EXPECT_EQ(0, failure.empty() ? calls(kLseek64) + calls(kRead) : 0);
+    }
+    EXPECT_EQ(c.failure, failure);
+    reset();
+    if (c.stops) {
+      const std::function<void()> later[] = {
+          [&] { w.putByte(1); },        [&] { w.putInt16(1); },  [&] { w.putInt32(1); },
+          [&] { w.putInt64(1); },       [&] { w.putDouble(1); }, [&] { w.putInt32Pair(1, 2); },
+          [&] { w.putBytes("ab", 2); }, [&] { w.flushBlock(); }, [&] { w.seek(5); },
+      };
+      for (const auto& op : later) EXPECT_EQ(kStopped, failureOf(op));
+      EXPECT_EQ(0, calls(kWrite)) << "nothing more reaches the file";
+      continue;
+    }
+    // Where the writer stands: behind the first block, at the target, or where it was.
+    const std::int64_t at = c.target < 0 ? 32768 : c.failure.empty() ? c.target : 2 * 32768 + 50;
+    EXPECT_EQ(at, w.getPosition());
+    Bytes expected(stream.begin(), stream.begin() + (at / 32768 * 32764 + at % 32768));
+    expected.insert(expected.end(), {'x', 'y', 'z'});
+    w.putBytes("xyz", 3);
+    w.flushBlock();
+    EXPECT_EQ(containerOf(expected), readFile(path));
+  }
+}
+
+// Reading on from anywhere: runs across blocks, skips over whole blocks (each one read and
+// verified), seeks within the loaded block (no file operation) and to other blocks, and the end.
+TEST_F(TReadFileTest, GetBytesSkipAndSeek) {
+  const Bytes stream = randomBytes(5 * 32764, 11);  // ends with a full block
+  TReadFile r;
+  r.open(writeLog(stream).c_str(), true);
+  Bytes none(4, 0x55);
+  r.getBytes(none.data(), 0);
+  r.getBytes(none.data(), -3);
+  EXPECT_EQ(Bytes(4, 0x55), none);
+  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kRead)) << "nothing read for an empty request";
+  Bytes run(70000);
+  r.getBytes(run.data(), 70000);
+  EXPECT_EQ(Bytes(stream.begin(), stream.begin() + 70000), run);
+  EXPECT_EQ(positionOf(70000), r.getPosition());
+  PosixFaults::reset();
+  r.skip(2 * 32764 + 3);  // over two whole blocks into the fifth
+  EXPECT_EQ(2, PosixFaults::calls(PosixFaults::kRead));
+  EXPECT_EQ(stream[70000 + 2 * 32764 + 3], r.getByte());
+  // A skip to the end of a block's data loads nothing; the position is the next block's start,
+  // here the end of the file.
+  PosixFaults::reset();
+  r.skip(static_cast<std::uint32_t>(32764 - r.getPosition() % 32768));
+  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kRead));
+  EXPECT_EQ(5 * 32768, r.getPosition());
+  EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { r.getByte(); }));
+
+  r.seek(100);
+  EXPECT_EQ(stream[100], r.getByte());
+  PosixFaults::reset();
+  r.seek(5);
+  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kRead) + PosixFaults::calls(PosixFaults::kLseek64));
+  EXPECT_EQ(5, r.getPosition());
+  EXPECT_EQ(stream[5], r.getByte());
+  r.seek(2 * 32768 + 17);
+  EXPECT_EQ(2 * 32768 + 17, r.getPosition());
+  EXPECT_EQ(stream[2 * 32764 + 17], r.getByte());
+  r.seek(32768);
+  EXPECT_EQ(stream[32764], r.getByte());
+  // The length of a file that ends with a full block is the start of a block that does not exist.
+  EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { r.seek(5 * 32768); }));
+  EXPECT_EQ(5 * 32768, r.getPosition());
+  EXPECT_EQ("TRF::Seek: Invalid argument", failureOf([&] { r.seek(-1); }));
+  TReadFile closed;
+  EXPECT_EQ("TRF::Seek: Bad file descriptor", failureOf([&] { closed.seek(40000); }));
+  EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { closed.getByte(); }));
+}
+
+// A log of 4 GiB and more is reachable: seek takes 64-bit positions. The file is sparse; only its
+// last block is written.
+TEST_F(TReadFileTest, SeekBeyondFourGibibytes) {
+  const std::int64_t far = (std::int64_t{5} << 30) + 3 * 32768;
+  const Bytes data = randomBytes(32764, 17);
+  const Bytes block = containerOf(data);
+  {
+    FILE* f = std::fopen(path.c_str(), "wb");
+    ASSERT_NE(nullptr, f);
+    ASSERT_EQ(0, fseeko(f, far, SEEK_SET));
+    ASSERT_EQ(block.size(), std::fwrite(block.data(), 1, block.size(), f));
+    std::fclose(f);
+  }
+  TReadFile r;
+  r.open(path.c_str(), true);
+  r.seek(far + 1000);
+  EXPECT_EQ(far + 1000, r.getPosition());
+  EXPECT_EQ(data[1000], r.getByte());
+}
+
+// Every bit flipped anywhere in a small log, data or trailer, is caught when its block loads.
+// Without CRC checking every byte of the file is handed out, the trailer included.
+TEST_F(TReadFileTest, FlippedBitsAndOddFiles) {
+  const Bytes good = readFile(writeLog(randomBytes(60, 19)));
+  TReadFile raw;
+  raw.open(path.c_str(), false);
+  Bytes all(64);
+  raw.getBytes(all.data(), 64);
+  EXPECT_EQ(good, all);
+  EXPECT_EQ(64, raw.getPosition());
+  EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { raw.getByte(); }));
+  const std::string bad = dir / "bad";
+  for (std::size_t byte = 0; byte < good.size(); ++byte) {
+    for (int bit = 0; bit < 8; ++bit) {
+      Bytes damaged = good;
+      damaged[byte] ^= static_cast<std::uint8_t>(1u << bit);
+      writeFile(bad, std::string(damaged.begin(), damaged.end()));
+      TReadFile r;
+      r.open(bad.c_str(), true);
+      ASSERT_EQ("auto TFDB::RB: CRC error, file " + bad + " is corrupted",
+                failureOf([&] { r.getByte(); }))
+          << "byte " << byte << " bit " << bit;
+    }
+  }
+  ::mkdir((dir / "directory").c_str(), 0700);
+  TReadFile directory;
+  directory.open((dir / "directory").c_str(), true);
+  EXPECT_EQ("TRF::RB: Is a directory", failureOf([&] { directory.getByte(); }));
+  TReadFile missing;
+  EXPECT_EQ("auto TRF::Open: Cannot open " + dir / "missing" + ": No such file or directory",
+            failureOf([&] { missing.open((dir / "missing").c_str(), true); }));
+  EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { missing.getByte(); }));
+}
+
+// A log cut at every length near its start, its block edge and its end (and at a stride between):
+// the whole blocks before the cut read back, nothing of the cut block comes out, and the reader
+// says why: the end of the file, a block too small for a trailer, or a CRC that does not match.
+TEST_F(TReadFileTest, CutAtEveryLength) {
+  const Bytes stream = randomBytes(32764 + 40, 23);
+  const Bytes whole = readFile(writeLog(stream));
+  const std::string cut = dir / "cut";
+  for (std::size_t length = 0; length < whole.size(); ++length) {
+    const bool nearEdge =
+        length < 64 || (length > 32768 - 64 && length < 32768 + 64) || length + 64 > whole.size();
+    if (!nearEdge && length % 97 != 0) continue;
+    SCOPED_TRACE(length);
+    writeFile(cut, std::string(whole.begin(), whole.begin() + length));
+    TReadFile r;
+    r.open(cut.c_str(), true);
+    std::size_t got = 0;
+    const std::string failure = failureOf([&] {
+      for (; got < stream.size(); ++got) ASSERT_EQ(stream[got], r.getByte());
+    });
+    const std::size_t tail = length % 32768;
+    ASSERT_EQ(length / 32768 * 32764, got);
+    ASSERT_EQ(tail == 0  ? "TRF::RB: Unexpected EOF"
+              : tail < 5 ? "TFDB::RB: Too small block"
+                         : "auto TFDB::RB: CRC error, file " + cut + " is corrupted",
+              failure);
+  }
+}
+
+TEST(TReadFileCrc, NoFunctionInstalledIsABugcheck) {
+  EXPECT_EQ("TRF::RB: BUGCHECK: CRC function is not set",
+            failureOf([] { TReadFile::crcNotSet(nullptr, 0); }));
+}
+
+TEST(ReplAutoExceptionTest, OwnsAndHandsOverItsText) {
+  EXPECT_EQ("auto TAG: value 42",
+            failureOf([] { ReplAutoException::raise("TAG", "%s %d", "value", 42); }));
+  ReplAutoException original("TAG", "text");
+  ReplAutoException copy(original);
+  EXPECT_EQ(nullptr, original.second());
+  EXPECT_STREQ("text", copy.second());
+  // A message longer than 2046 characters is cut.
+  const std::string longText(5000, 'm');
+  EXPECT_EQ("auto TAG: " + std::string(2046, 'm'),
+            failureOf([&] { ReplAutoException::raise("TAG", "%s", longText.c_str()); }));
+}
+
+}  // namespace

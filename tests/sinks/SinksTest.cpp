@@ -1,0 +1,305 @@
+// fbcdc follow into Kafka and Redis Streams: every event of every published log arrives, checked
+// against librdkafka's mock cluster (a Kafka protocol peer in this process) and a real
+// redis-server started on a free loopback port; broker failures and kills in the middle lose
+// nothing.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <librdkafka/rdkafka.h>
+#include <librdkafka/rdkafka_mock.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <map>
+#include <random>
+#include <regex>
+#include <set>
+
+#include "IReplPlugin.h"
+#include "IReplTransaction.h"
+#include "LiteralRow.h"
+#include "LogName.h"
+#include "TestFiles.h"
+
+extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
+extern char** environ;
+
+namespace {
+
+// The Kafka protocol's API key of Produce requests.
+constexpr std::int16_t kProduceRequest = 0;
+
+pid_t spawn(std::vector<std::string> args, const std::string& out, const std::string& err) {
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  EXPECT_EQ(0, posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ));
+  posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+int wait(pid_t pid) {
+  int status = 0;
+  waitpid(pid, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+std::string text(const std::string& path) {
+  const Bytes b = readFile(path);
+  return std::string(b.begin(), b.end());
+}
+
+// A log's JSON event as the sinks send it, with the moment of production masked.
+std::string masked(std::string json) {
+  return std::regex_replace(json, std::regex("\"ts_ms\":[0-9]+"), "\"ts_ms\":0");
+}
+
+// The events missing from or differing in arrived, in words; "" when they agree.
+std::string compare(const std::map<std::string, std::string>& expected,
+                    const std::map<std::string, std::string>& arrived) {
+  std::size_t missing = 0, differing = 0;
+  std::string first;
+  for (const auto& [id, json] : expected) {
+    const auto found = arrived.find(id);
+    if (found == arrived.end())
+      ++missing;
+    else if (found->second != json)
+      ++differing;
+    else
+      continue;
+    if (first.empty()) first = id;
+  }
+  if (missing + differing + (arrived.size() + missing - expected.size()) == 0) return "";
+  return std::to_string(missing) + " missing, " + std::to_string(differing) + " differing, " +
+         std::to_string(arrived.size() + missing - expected.size()) + " unexpected; first " + first;
+}
+
+// "<file> <index>" of an event's JSON.
+std::string identity(const std::string& json) {
+  std::smatch m;
+  if (!std::regex_search(json, m, std::regex("\"file\":\"([0-9a-f_.fbl]+)\".*?\"index\":([0-9]+)")))
+    return "";
+  return m[1].str() + " " + m[2].str();
+}
+
+class SinksTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
+    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
+    plugin = getReplPlugin(status, 30, config);
+    config->release();
+  }
+  void TearDown() override { plugin->dispose(); }
+
+  // Publishes a log of inserts into two tables and a statement; a blob-sized text now and then.
+  void publish(std::uint64_t number, int rows) {
+    Firebird::IReplTransaction* t = plugin->startTransaction(status, number);
+    for (int i = 0; i < rows; ++i) {
+      LiteralRow row(i % 3 ? "ORDERS" : "LINES");
+      row.addLong("ID", static_cast<std::int32_t>(number * 1000 + i))
+          .addVarchar("NOTE", std::string(static_cast<std::size_t>(i % 7) * 30, 'x'), 4);
+      EXPECT_EQ(0, t->insertRecord(status, nullptr, nullptr, &row));
+      if (i % 5 == 4) {
+        EXPECT_EQ(0, t->deleteRecord(status, nullptr, nullptr, &row));
+      }
+    }
+    EXPECT_EQ(0, t->executeSql(status, "update counters set n = n + 1", 7));
+    EXPECT_EQ(0, t->commit(status));
+    t->dispose();
+  }
+
+  // Every event of every log in the directory, by identity, as fbcdc dump prints it.
+  std::map<std::string, std::string> expected() {
+    const pid_t pid =
+        spawn({FBCDC_CLI_PATH, "dump", dir / "logs"}, dir / "dump.jsonl", dir / "dump.err");
+    EXPECT_EQ(0, wait(pid));
+    std::map<std::string, std::string> events;
+    std::istringstream in(text(dir / "dump.jsonl"));
+    for (std::string line; std::getline(in, line);) events[identity(line)] = masked(line);
+    return events;
+  }
+
+  TempDir dir;
+  FbStatus status;
+  Firebird::IReplPlugin* plugin = nullptr;
+};
+
+// Reads every message of the topics back; returns them by topic.
+std::map<std::string, std::vector<std::pair<std::string, std::string>>> consume(
+    const std::string& brokers, const std::vector<std::string>& topics) {
+  char error[512];
+  rd_kafka_conf_t* conf = rd_kafka_conf_new();
+  rd_kafka_conf_set(conf, "bootstrap.servers", brokers.c_str(), error, sizeof error);
+  rd_kafka_conf_set(conf, "group.id", "fbcdc-test", error, sizeof error);
+  rd_kafka_t* consumer = rd_kafka_new(RD_KAFKA_CONSUMER, conf, error, sizeof error);
+  rd_kafka_poll_set_consumer(consumer);
+  // Every partition from its start, without waiting for a group to form.
+  rd_kafka_topic_partition_list_t* list = rd_kafka_topic_partition_list_new(9);
+  for (const std::string& t : topics) {
+    for (int p = 0; p < 3; ++p)
+      rd_kafka_topic_partition_list_add(list, t.c_str(), p)->offset = RD_KAFKA_OFFSET_BEGINNING;
+  }
+  rd_kafka_assign(consumer, list);
+  rd_kafka_topic_partition_list_destroy(list);
+  std::map<std::string, std::vector<std::pair<std::string, std::string>>> messages;
+  int idle = 0;
+  while (idle < 30) {
+    rd_kafka_message_t* m = rd_kafka_consumer_poll(consumer, 100);
+    if (!m) {
+      ++idle;
+      continue;
+    }
+    if (!m->err) {
+      idle = 0;
+      EXPECT_NE(nullptr, m->key);
+      messages[rd_kafka_topic_name(m->rkt)].emplace_back(
+          std::string(static_cast<const char*>(m->key), m->key_len),
+          m->payload ? std::string(static_cast<const char*>(m->payload), m->len) : "null");
+    }
+    rd_kafka_message_destroy(m);
+  }
+  rd_kafka_consumer_close(consumer);
+  rd_kafka_destroy(consumer);
+  return messages;
+}
+
+TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
+  char error[512];
+  rd_kafka_t* host = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), error, sizeof error);
+  rd_kafka_mock_cluster_t* cluster = rd_kafka_mock_cluster_new(host, 3);
+  const std::string brokers = rd_kafka_mock_cluster_bootstraps(cluster);
+  for (const char* t : {"fbcdc.ORDERS", "fbcdc.LINES", "fbcdc.transaction"})
+    rd_kafka_mock_topic_create(cluster, t, 3, 1);
+  const std::string checkpoint = dir / "checkpoint";
+  auto follow = [&](const std::string& err) {
+    // One message per request, so that an injected error falls in the middle of a log.
+    const std::vector<std::string> args = {FBCDC_CLI_PATH, "follow",       dir / "logs",
+                                           "--once",       "--sink",       "kafka",
+                                           "--brokers",    brokers,        "--checkpoint",
+                                           checkpoint,     "--tombstones", "--transactions",
+                                           "--key",        "ORDERS=ID",    "-X",
+                                           "linger.ms=0",  "-X",           "batch.num.messages=1"};
+    return wait(spawn(args, dir / "follow.out", err));
+  };
+  publish(1, 20);
+  publish(2, 10);
+  ASSERT_EQ(0, follow(dir / "err1.txt")) << text(dir / "err1.txt");
+  const std::string before = text(checkpoint);
+  EXPECT_NE(std::string::npos, before.find("_0000000000000002.fbl"));
+
+  publish(3, 30);
+  rd_kafka_mock_push_request_errors(
+      cluster, kProduceRequest, 6, RD_KAFKA_RESP_ERR_NO_ERROR, RD_KAFKA_RESP_ERR_NO_ERROR,
+      RD_KAFKA_RESP_ERR_NO_ERROR, RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED,
+      RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED, RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED);
+  EXPECT_EQ(1, follow(dir / "err2.txt"));
+  EXPECT_NE(std::string::npos, text(dir / "err2.txt").find("_0000000000000003.fbl"))
+      << text(dir / "err2.txt");
+  EXPECT_EQ(before, text(checkpoint)) << "the checkpoint stays before the failed log";
+  ASSERT_EQ(0, follow(dir / "err3.txt")) << text(dir / "err3.txt");
+
+  const auto topics = consume(brokers, {"fbcdc.ORDERS", "fbcdc.LINES", "fbcdc.transaction"});
+  std::map<std::string, std::string> arrived;
+  std::size_t tombstones = 0, markers = 0;
+  for (const auto& [topic, messages] : topics) {
+    for (const auto& [key, value] : messages) {
+      if (value == "null") {
+        ++tombstones;
+        continue;
+      }
+      if (value.find("\"status\":") != std::string::npos) {
+        ++markers;
+        continue;
+      }
+      const std::string id = identity(value);
+      arrived[id] = masked(value);
+      if (topic == "fbcdc.ORDERS") {
+        EXPECT_EQ(0u, key.find("{\"ID\":")) << key;
+        EXPECT_EQ(std::string::npos, key.find("NOTE")) << "only the named key";
+      }
+    }
+  }
+  EXPECT_EQ("", compare(expected(), arrived));
+  EXPECT_GE(tombstones, 12u);  // 20 / 5 + 10 / 5 + 30 / 5 deletes; a resent log may add some
+  EXPECT_GE(markers, 6u);      // BEGIN and END of three logs, one of them perhaps twice
+  rd_kafka_mock_cluster_destroy(cluster);
+  rd_kafka_destroy(host);
+}
+
+TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
+  // A free loopback port, then a real redis-server on it.
+  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  socklen_t length = sizeof address;
+  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+  const int port = ntohs(address.sin_port);
+  ::close(probe);
+  const pid_t server = spawn({"redis-server", "--port", std::to_string(port), "--bind", "127.0.0.1",
+                              "--save", "", "--appendonly", "no", "--dir", dir.path()},
+                             dir / "redis.out", dir / "redis.err");
+  redisContext* redis = nullptr;
+  for (int i = 0; i < 100 && (!redis || redis->err); ++i) {
+    if (redis) redisFree(redis);
+    ::usleep(50000);
+    redis = redisConnect("127.0.0.1", port);
+  }
+  ASSERT_TRUE(redis && !redis->err) << "redis-server did not start: " << text(dir / "redis.err");
+
+  const std::vector<std::string> follow = {FBCDC_CLI_PATH,
+                                           "follow",
+                                           dir / "logs",
+                                           "--sink",
+                                           "redis",
+                                           "--redis",
+                                           "127.0.0.1:" + std::to_string(port)};
+  std::mt19937 random(3);
+  std::uint64_t number = 1;
+  for (int round = 0; round < 6; ++round) {
+    const pid_t pid = spawn(follow, dir / "follow.out", dir / "follow.err");
+    for (int i = 0; i < 4; ++i) {
+      publish(number++, 1 + static_cast<int>(random() % 300));
+      ::usleep(random() % 20000);
+    }
+    ::kill(pid, SIGKILL);
+    wait(pid);
+  }
+  std::vector<std::string> once = follow;
+  once.push_back("--once");
+  ASSERT_EQ(0, wait(spawn(once, dir / "follow.out", dir / "follow.err")))
+      << text(dir / "follow.err");
+
+  std::map<std::string, std::string> arrived;
+  std::size_t duplicates = 0;
+  for (const char* stream : {"fbcdc:ORDERS", "fbcdc:LINES", "fbcdc:transaction"}) {
+    auto* reply = static_cast<redisReply*>(redisCommand(redis, "XRANGE %s - +", stream));
+    ASSERT_EQ(REDIS_REPLY_ARRAY, reply->type);
+    for (std::size_t i = 0; i < reply->elements; ++i) {
+      const redisReply* fields = reply->element[i]->element[1];
+      const std::string value(fields->element[1]->str, fields->element[1]->len);
+      duplicates += arrived.count(identity(value));
+      arrived[identity(value)] = masked(value);
+    }
+    freeReplyObject(reply);
+  }
+  EXPECT_EQ(0u, duplicates);
+  EXPECT_EQ("", compare(expected(), arrived));
+  redisFree(redis);
+  ::kill(server, SIGTERM);
+  wait(server);
+}
+
+}  // namespace
