@@ -68,7 +68,7 @@ class TWriteFile {
 
  protected:
   // Direct stores for callers that assemble a short value in place: room(n) is where n bytes may be
-  // stored without reaching the flush threshold (null when they may not), and commit(n) appends the
+  // stored without reaching the flush threshold (null when they may not), and advance(n) appends the
   // n bytes stored there.
   std::uint8_t* room(std::int32_t n) { return end - current > n ? current : nullptr; }
   void advance(std::int32_t n) { current += n; }
