@@ -25,6 +25,11 @@ constexpr std::size_t kMaxStatementLength = 255;
 const char kAlreadyCommitted[] = "CDC error: Transaction is already committed";
 const char kLongRelation[] = "CDC error: Relation name longer than 252 bytes";
 const char kLongField[] = "CDC error: Field name longer than 252 bytes";
+const char kNoRowImage[] = "CDC error: No row image";
+const char kNoCursor[] = "CDC error: Row image without a field cursor";
+const char kTooManyFields[] = "CDC error: Row image with more than 65535 fields";
+// No relation has more fields than this; a cursor that goes on is refused rather than followed.
+constexpr std::uint32_t kMaxFields = 65535;
 
 std::size_t lengthOf(const char* text) { return text ? std::strlen(text) : 0; }
 
@@ -106,15 +111,19 @@ std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
                                              Firebird::IReplRecord* record, std::uint8_t tag,
                                              bool old) {
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
+  if (!record) return ReplStatus::reportText(status, kNoRowImage);
   const char* relation = record->getName();
   const std::size_t length = lengthOf(relation);
   if (length > kMaxNameLength) return ReplStatus::reportText(status, kLongRelation);
+  Firebird::IReplField* cursor = record->getFields();
+  if (!cursor) return ReplStatus::reportText(status, kNoCursor);
   try {
     putByte(tag);
     writeRecordName(relation, length);
-    Firebird::IReplField* cursor = record->getFields();
     bool tested = false;
+    std::uint32_t fields = 0;
     for (; cursor->isValid(); cursor->moveNext()) {
+      if (++fields > kMaxFields) return ReplStatus::reportText(status, kTooManyFields);
       const std::uint32_t type = cursor->getType();
       if (type == 0) continue;
       // A name too long is found before anything of its entry is written; the record stays
@@ -138,19 +147,23 @@ std::int32_t ReplTransaction::updateRecord(Firebird::IStatus* status,
                                            Firebird::IReplRecord* oldRecord,
                                            Firebird::IReplRecord* newRecord) {
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
+  if (!oldRecord || !newRecord) return ReplStatus::reportText(status, kNoRowImage);
   // The relation name comes from the new image; the old image's name is not asked for.
   const char* relation = newRecord->getName();
   const std::size_t length = lengthOf(relation);
   if (length > kMaxNameLength) return ReplStatus::reportText(status, kLongRelation);
+  Firebird::IReplField* newCursor = newRecord->getFields();
+  Firebird::IReplField* oldCursor = oldRecord->getFields();
+  if (!newCursor || !oldCursor) return ReplStatus::reportText(status, kNoCursor);
   try {
     putByte(kUpdateTag);
     writeRecordName(relation, length);
-    Firebird::IReplField* newCursor = newRecord->getFields();
-    Firebird::IReplField* oldCursor = oldRecord->getFields();
     // The cursors move in lockstep: the old field at position k gives the old value of the new
     // field at position k, whatever its name. Only the new image decides when the record ends.
     bool tested = false;
+    std::uint32_t fields = 0;
     for (; newCursor->isValid(); newCursor->moveNext(), oldCursor->moveNext()) {
+      if (++fields > kMaxFields) return ReplStatus::reportText(status, kTooManyFields);
       const std::uint32_t type = newCursor->getType();
       if (type == 0) continue;
       const NameResult named = writeFieldName(newCursor->getName());

@@ -17,6 +17,10 @@ constexpr std::uint32_t kUnrecordableType = 336330778;  // isc_gbak_unk_type
 constexpr std::int32_t kMaxTextLength = 65535;
 // The largest piece a 16-bit length can describe.
 constexpr unsigned kBlobPiece = 65535;
+const char kNoData[] = "CDC error: Field value without data";
+// Type codes below 22 that the server's descriptors know but a log cannot hold.
+constexpr std::uint32_t kRefusedTypes =
+    1u << 4 | 1u << 5 | 1u << 6 | 1u << 7 | 1u << 10 | 1u << 13 | 1u << 20;
 
 // One buffer per server thread that reads blobs: never the whole blob in memory, nothing allocated
 // per value, and no 64 KiB on the stack of a server thread.
@@ -105,66 +109,80 @@ bool ReplTransaction::writeFieldValue(Firebird::IStatus* status, Firebird::IAtta
     return false;
   };
 
+  // What a server should never hand over is refused like a type that cannot be recorded: after
+  // the marker and type byte, with the record left unfinished and the reason in the status.
+  auto refuse = [&](const char* text) {
+    put(value);
+    ReplStatus::reportText(status, text);
+    return true;
+  };
+  if (type > 21 || ((1u << type) & kRefusedTypes)) {
+    put(value);
+    const intptr_t vector[] = {isc_arg_gds, static_cast<intptr_t>(kUnrecordableType),
+                               isc_arg_number, static_cast<intptr_t>(type)};
+    status->setErrors2(4, vector);
+    return true;
+  }
+  // An empty fixed-length text needs no bytes; every other value does.
+  const void* data = cursor->getData();
+  if (!data && type != 1) return refuse(kNoData);
+
   switch (type) {
     case 1: {  // fixed-length text: trailing pad bytes of its character set are dropped
       const std::int32_t charSet = cursor->getCharSet();
       const std::uint8_t pad = charSet == 1 ? 0x00 : 0x20;
-      const auto* data = static_cast<const std::uint8_t*>(cursor->getData());
+      const auto* bytes = static_cast<const std::uint8_t*>(data);
       const std::int32_t length = cursor->getLength();  // only fixed-length text needs it
-      std::size_t n = length > 0 ? static_cast<std::size_t>(length) : 0;
-      while (n > 0 && data[n - 1] == pad) --n;
-      return putText(charSet, data, n);
+      if (length < 0) return refuse("CDC error: Fixed-length text with a negative length");
+      std::size_t n = static_cast<std::size_t>(length);
+      if (n > 0 && !bytes) return refuse(kNoData);
+      while (n > 0 && bytes[n - 1] == pad) --n;
+      return putText(charSet, bytes, n);
     }
     case 2: {  // zero-terminated text
       const std::int32_t charSet = cursor->getCharSet();
-      const char* data = static_cast<const char*>(cursor->getData());
-      return putText(charSet, data, std::strlen(data));
+      const char* text = static_cast<const char*>(data);
+      return putText(charSet, text, std::strlen(text));
     }
     case 3: {  // varying text: its own 2-byte length, then the bytes; no pad is removed
       const std::int32_t charSet = cursor->getCharSet();
-      const auto* data = static_cast<const std::uint8_t*>(cursor->getData());
-      return putText(charSet, data + 2, load<std::uint16_t>(data));
+      const auto* bytes = static_cast<const std::uint8_t*>(data);
+      return putText(charSet, bytes + 2, load<std::uint16_t>(bytes));
     }
     case 8:
       value.number<2>(static_cast<std::uint16_t>(cursor->getScale()));
-      value.number<2>(load<std::uint16_t>(cursor->getData()));
+      value.number<2>(load<std::uint16_t>(data));
       break;
     case 9:
       value.number<2>(static_cast<std::uint16_t>(cursor->getScale()));
-      value.number<4>(load<std::uint32_t>(cursor->getData()));
+      value.number<4>(load<std::uint32_t>(data));
       break;
     case 11:
-      value.number<8>(bitsOf(static_cast<double>(load<float>(cursor->getData()))));
+      value.number<8>(bitsOf(static_cast<double>(load<float>(data))));
       break;
     case 12:
-      value.number<8>(load<std::uint64_t>(cursor->getData()));
+      value.number<8>(load<std::uint64_t>(data));
       break;
     case 14:
     case 15:
-      value.number<4>(load<std::uint32_t>(cursor->getData()));
+      value.number<4>(load<std::uint32_t>(data));
       break;
     case 16:  // date, then time, as the server holds them
-      value.number<8>(load<std::uint64_t>(cursor->getData()));
+      value.number<8>(load<std::uint64_t>(data));
       break;
     case 19:
       value.number<2>(static_cast<std::uint16_t>(cursor->getScale()));
-      value.number<8>(load<std::uint64_t>(cursor->getData()));
+      value.number<8>(load<std::uint64_t>(data));
       break;
     case 21:
-      value.byte(*static_cast<const std::uint8_t*>(cursor->getData()));
+      value.byte(*static_cast<const std::uint8_t*>(data));
       break;
-    case 17:
-    case 18:
+    default:  // 17 and 18: blob and array contents, read back from the server
+      if (!attachment || !transaction)
+        return refuse("CDC error: Blob or array value without attachment or transaction");
       put(value);
-      copyBlob(status, attachment, transaction, cursor->getData());
+      copyBlob(status, attachment, transaction, data);
       return true;
-    default: {
-      put(value);
-      const intptr_t vector[] = {isc_arg_gds, static_cast<intptr_t>(kUnrecordableType),
-                                 isc_arg_number, static_cast<intptr_t>(type)};
-      status->setErrors2(4, vector);
-      return true;
-    }
   }
   put(value);
   return false;
