@@ -2,14 +2,23 @@
 
 #include <time.h>
 
+#include <charconv>
+#include <cstring>
+
 struct JsonEventWriter::Sink {
-  Writer& w;
-  void null() { w.Null(); }
-  void boolean(bool b) { w.Bool(b); }
-  void integer(std::int64_t i) { w.Int64(i); }
-  void real(double d) { w.Double(d); }
-  void string(std::string_view s) { w.String(s.data(), static_cast<unsigned>(s.size())); }
+  JsonEventWriter& j;
+  void null() { j.writer_.Null(); }
+  void boolean(bool b) { j.writer_.Bool(b); }
+  void integer(std::int64_t i) { j.writer_.Int64(i); }
+  void real(double d) { j.writer_.Double(d); }
+  void string(std::string_view s) { j.string(s); }
 };
+
+void JsonEventWriter::raw(const char* json, std::size_t size, rapidjson::Type type) {
+  // The writer places the separator and keeps count; the text itself is copied whole.
+  writer_.RawValue("", 0, type);
+  buffer_.append(json, size);
+}
 
 JsonEventWriter::JsonEventWriter(const EventFormat& format)
     : format_(format), renderer_(format_), writer_(buffer_) {}
@@ -40,6 +49,20 @@ void JsonEventWriter::beginLog(const LogInfo& log) {
   time_.clear();
   ValueText::appendIsoUtc(time_, log.time);
   id_ = std::to_string(log.transaction);
+  {
+    JsonOutput out;
+    Writer w(out);
+    w.StartObject();
+    w.Key("file");
+    w.String(log.file.data(), static_cast<unsigned>(log.file.size()));
+    w.Key("transaction");
+    w.Uint64(log.transaction);
+    w.Key("time");
+    w.String(time_.data(), static_cast<unsigned>(time_.size()));
+    sourcePrefix_.assign(out.view());
+    sourcePrefix_ += ",\"index\":";
+    transactionPrefix_ = "{\"id\":\"" + id_ + "\",\"total_order\":";
+  }
   tables_.clear();
   lastTable_ = 0;
   statements_ = 0;
@@ -84,23 +107,26 @@ void JsonEventWriter::image(const ChangeEvent& event, bool before) {
     writer_.Null();
     return;
   }
-  Sink sink{writer_};
+  Sink sink{*this};
   writer_.StartObject();
+  std::size_t slot = 0;
   for (const FieldChange& f : event.fields) {
-    name(f.name, true);
+    // A table's fields come in the same order event after event: each name is escaped once.
+    const std::string& key = quoted(f.name, slot++, fieldNames_);
+    raw(key.data(), key.size(), rapidjson::kStringType);
     renderer_.render(before ? f.before : f.after, sink);
   }
   writer_.EndObject();
 }
 
 void JsonEventWriter::event(const ChangeEvent& event) {
-  lastStart_ = buffer_.GetSize();
+  lastStart_ = buffer_.size();
   lastOrder_ = event.kind == ChangeEvent::Kind::kSql ? ++statements_ : countTable(event.relation);
   write(event, lastOrder_);
 }
 
 void JsonEventWriter::rewriteLast(const ChangeEvent& event, std::size_t maxValueBytes, bool omit) {
-  buffer_.Pop(buffer_.GetSize() - lastStart_);
+  buffer_.resize(lastStart_);
   const EventFormat saved = format_;
   format_.maxValueBytes = maxValueBytes;
   format_.omitLarge = omit;
@@ -108,55 +134,74 @@ void JsonEventWriter::rewriteLast(const ChangeEvent& event, std::size_t maxValue
   format_ = saved;
 }
 
+// Keys and values that are the same in every event go in as ready JSON text: escaping them again
+// for every event would be most of the writer's work.
+#define FBCDC_RAW_KEY(text) raw("\"" text "\"", sizeof(text) + 1, rapidjson::kStringType)
+
 void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
   using Kind = ChangeEvent::Kind;
   writer_.Reset(buffer_);
   writer_.StartObject();
-  writer_.Key("before");
+  FBCDC_RAW_KEY("before");
   image(event, true);
-  writer_.Key("after");
+  FBCDC_RAW_KEY("after");
   image(event, false);
 
-  writer_.Key("source");
-  writer_.StartObject();
-  writer_.Key("file");
-  string(log_.file);
-  writer_.Key("transaction");
-  writer_.Uint64(log_.transaction);
-  writer_.Key("time");
-  string(time_);
-  writer_.Key("index");
-  writer_.Uint(event.index);
-  writer_.EndObject();
+  FBCDC_RAW_KEY("source");
+  scratch_ = sourcePrefix_;
+  appendNumber(scratch_, event.index);
+  scratch_ += '}';
+  raw(scratch_.data(), scratch_.size(), rapidjson::kObjectType);
 
-  static const char* const kOps[] = {"c", "u", "d", "sql"};
-  writer_.Key("op");
-  writer_.String(kOps[static_cast<int>(event.kind)]);
-  writer_.Key("table");
+  static const char* const kOps[] = {"\"c\"", "\"u\"", "\"d\"", "\"sql\""};
+  FBCDC_RAW_KEY("op");
+  const char* op = kOps[static_cast<int>(event.kind)];
+  raw(op, std::strlen(op), rapidjson::kStringType);
+  FBCDC_RAW_KEY("table");
   if (event.kind == Kind::kSql) {
     writer_.Null();
-    writer_.Key("sql");
+    FBCDC_RAW_KEY("sql");
     writer_.StartObject();
-    writer_.Key("text");
+    FBCDC_RAW_KEY("text");
     name(event.sqlText, false);
-    writer_.Key("number");
+    FBCDC_RAW_KEY("number");
     writer_.Int64(event.sqlNumber);
     writer_.EndObject();
   } else {
-    name(event.relation, false);
+    const std::string& table = quoted(event.relation, 0, relations_);
+    raw(table.data(), table.size(), rapidjson::kStringType);
   }
-  writer_.Key("ts_ms");
+  FBCDC_RAW_KEY("ts_ms");
   writer_.Int64(nowMs());
-  writer_.Key("transaction");
-  writer_.StartObject();
-  transactionId();
-  writer_.Key("total_order");
-  writer_.Uint(event.index + 1);
-  writer_.Key("data_collection_order");
-  writer_.Uint(order);
-  writer_.EndObject();
+  FBCDC_RAW_KEY("transaction");
+  scratch_ = transactionPrefix_;
+  appendNumber(scratch_, event.index + 1);
+  scratch_ += ",\"data_collection_order\":";
+  appendNumber(scratch_, order);
+  scratch_ += '}';
+  raw(scratch_.data(), scratch_.size(), rapidjson::kObjectType);
   writer_.EndObject();
   buffer_.Put('\n');
+}
+
+void JsonEventWriter::appendNumber(std::string& out, std::uint64_t n) {
+  char digits[24];
+  const auto result = std::to_chars(digits, digits + sizeof digits, n);
+  out.append(digits, result.ptr);
+}
+
+const std::string& JsonEventWriter::quoted(
+    std::string_view raw, std::size_t slot,
+    std::vector<std::pair<std::string, std::string>>& cache) {
+  if (slot < cache.size() && cache[slot].first == raw) return cache[slot].second;
+  if (slot >= cache.size()) cache.resize(slot + 1);
+  std::string valid;
+  CharacterSets::appendValidUtf8(raw, valid);
+  JsonOutput out;
+  Writer w(out);
+  w.String(valid.data(), static_cast<unsigned>(valid.size()));
+  cache[slot] = {std::string(raw), std::string(out.view())};
+  return cache[slot].second;
 }
 
 void JsonEventWriter::endLog(const ChangeEvent& end) {

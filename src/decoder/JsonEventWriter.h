@@ -13,7 +13,6 @@
 // event_count but belong to no table.
 #pragma once
 
-#include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <string>
@@ -21,6 +20,7 @@
 #include <vector>
 
 #include "EventWriter.h"
+#include "JsonOutput.h"
 #include "ValueRenderer.h"
 
 class JsonEventWriter : public EventWriter {
@@ -35,16 +35,19 @@ class JsonEventWriter : public EventWriter {
   // beyond maxValueBytes: for a sink whose message would be too large.
   void rewriteLast(const ChangeEvent& event, std::size_t maxValueBytes, bool omit);
 
-  std::string_view pending() const override {
-    return std::string_view(buffer_.GetString(), buffer_.GetSize());
-  }
-  void clear() override { buffer_.Clear(); }
+  std::string_view pending() const override { return buffer_.view(); }
+  void clear() override { buffer_.clear(); }
 
  private:
-  using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+  using Writer = rapidjson::Writer<JsonOutput>;
   struct Sink;
 
-  void string(std::string_view s) { writer_.String(s.data(), static_cast<unsigned>(s.size())); }
+  // A value string, valid UTF-8 already.
+  void string(std::string_view s) {
+    writer_.RawValue("", 0, rapidjson::kStringType);
+    buffer_.appendString(s);
+  }
+  void raw(const char* json, std::size_t size, rapidjson::Type type);
   // A name from the log, made valid UTF-8.
   void name(std::string_view s, bool key);
   void image(const ChangeEvent& event, bool before);
@@ -53,15 +56,23 @@ class JsonEventWriter : public EventWriter {
   // The place of this event among the log's events of the same table, from 1.
   std::uint32_t countTable(std::string_view table);
   static std::int64_t nowMs();
+  static void appendNumber(std::string& out, std::uint64_t n);
+  // A name from the log as a JSON string, escaped once and kept in cache at slot.
+  const std::string& quoted(std::string_view raw, std::size_t slot,
+                            std::vector<std::pair<std::string, std::string>>& cache);
 
   EventFormat format_;
   ValueRenderer renderer_;
-  rapidjson::StringBuffer buffer_;
+  JsonOutput buffer_;
   Writer writer_;
   LogInfo log_;
   std::string time_;  // the log's time, formatted once
   std::string id_;    // the transaction number as text
   std::string scratch_;
+  std::string sourcePrefix_;       // {"file":...,"transaction":...,"time":...,"index":
+  std::string transactionPrefix_;  // {"id":"...","total_order":
+  std::vector<std::pair<std::string, std::string>> fieldNames_;
+  std::vector<std::pair<std::string, std::string>> relations_;
   std::vector<std::pair<std::string, std::uint32_t>> tables_;
   std::size_t lastTable_ = 0;
   std::uint32_t statements_ = 0;

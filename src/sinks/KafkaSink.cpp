@@ -1,17 +1,15 @@
 #include "KafkaSink.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <stdexcept>
 
 #include "CharacterSets.h"
+#include "JsonOutput.h"
 #include "ValueRenderer.h"
 
 namespace {
 
 struct KeySink {
-  rapidjson::Writer<rapidjson::StringBuffer>& w;
+  rapidjson::Writer<JsonOutput>& w;
   void null() { w.Null(); }
   void boolean(bool b) { w.Bool(b); }
   void integer(std::int64_t i) { w.Int64(i); }
@@ -96,8 +94,8 @@ void KafkaSink::beginLog(const LogInfo& log) {
 std::string KafkaSink::keyOf(const ChangeEvent& e) {
   const bool useNew = e.kind == ChangeEvent::Kind::kInsert;
   const auto named = options_.keys.find(std::string(e.relation));
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
+  JsonOutput buffer;
+  rapidjson::Writer<JsonOutput> w(buffer);
   KeySink sink{w};
   ValueRenderer renderer(format_);
   w.StartObject();
@@ -117,7 +115,7 @@ std::string KafkaSink::keyOf(const ChangeEvent& e) {
     for (const FieldChange& f : e.fields) add(f);
   }
   w.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return std::string(buffer.view());
 }
 
 void KafkaSink::event(const ChangeEvent& e) {

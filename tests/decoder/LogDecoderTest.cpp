@@ -10,6 +10,7 @@
 #include <random>
 
 #include "EmbeddedDatabase.h"
+#include "EventDescription.h"
 #include "IReplPlugin.h"
 #include "LiteralRow.h"
 #include "LogDecoder.h"
@@ -21,64 +22,6 @@
 extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
 
 namespace {
-
-template <typename T>
-std::string bitsOf(T value) {
-  std::uint64_t bits = 0;
-  std::memcpy(&bits, &value, sizeof value);
-  return std::to_string(bits);
-}
-
-std::string hexOf(std::string_view bytes) { return hex(Bytes(bytes.begin(), bytes.end())); }
-
-// The same description of a value, from what the test wrote and from what the decoder read.
-std::string describe(const FieldValue& v) {
-  using Kind = FieldValue::Kind;
-  const std::string scale = " scale " + std::to_string(v.scale) + " ";
-  switch (v.kind) {
-    case Kind::kAbsent:
-      return "absent";
-    case Kind::kNull:
-      return "null";
-    case Kind::kText:
-      return "text" + std::to_string(v.typeCode) + " cs" + std::to_string(v.charSet) + " " +
-             hexOf(v.bytes);
-    case Kind::kShort:
-      return "short" + scale + std::to_string(v.integer);
-    case Kind::kLong:
-      return "long" + scale + std::to_string(v.integer);
-    case Kind::kInt64:
-      return "int64" + scale + std::to_string(v.integer);
-    case Kind::kFloat:
-      return "float " + bitsOf(v.real);
-    case Kind::kDouble:
-      return "double " + bitsOf(v.real);
-    case Kind::kDate:
-      return "date " + std::to_string(v.integer);
-    case Kind::kTime:
-      return "time " + std::to_string(v.integer);
-    case Kind::kTimestamp:
-      return "timestamp " + std::to_string(v.integer) + " " + std::to_string(v.time);
-    case Kind::kBoolean:
-      return "boolean " + std::to_string(v.integer);
-    case Kind::kBlob:
-    case Kind::kArray:
-      return "blob " + std::to_string(v.size) + " " +
-             std::to_string(
-                 slowCrc32c(reinterpret_cast<const std::uint8_t*>(v.bytes.data()), v.bytes.size()));
-  }
-  return "?";
-}
-
-std::string describe(const ChangeEvent& e) {
-  static const char* const kinds[] = {"I", "U", "D", "S", "E"};
-  std::string s = std::string(kinds[static_cast<int>(e.kind)]) + "|" + std::string(e.relation);
-  if (e.kind == ChangeEvent::Kind::kSql)
-    return s + std::string(e.sqlText) + "|" + std::to_string(e.sqlNumber);
-  for (const FieldChange& f : e.fields)
-    s += "|" + std::string(f.name) + ":" + describe(f.before) + ">" + describe(f.after);
-  return s;
-}
 
 struct Blob {
   ISC_QUAD id;

@@ -1,0 +1,99 @@
+// The output stream of the JSON writers: RapidJSON's writer appends to a growing buffer.
+// (RapidJSON's own StringBuffer computes an offset from a null pointer on its first write, which
+// undefined behaviour checks rightly report.) The writer reserves room before each run of
+// characters and then stores them without further checks, as it does with its own buffer.
+#pragma once
+
+#include <rapidjson/writer.h>
+
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+class JsonOutput {
+ public:
+  using Ch = char;
+  void Put(char c) {
+    Reserve(1);
+    data_[size_++] = c;
+  }
+  void PutUnsafe(char c) { data_[size_++] = c; }
+  void Flush() {}
+  void Reserve(std::size_t count) {
+    if (capacity_ - size_ >= count) return;
+    std::size_t capacity = capacity_ ? capacity_ * 2 : 4096;
+    while (capacity - size_ < count) capacity *= 2;
+    std::unique_ptr<char[]> bigger(new char[capacity]);
+    if (size_) std::memcpy(bigger.get(), data_.get(), size_);
+    data_ = std::move(bigger);
+    capacity_ = capacity;
+  }
+  void append(const char* p, std::size_t n) {
+    Reserve(n);
+    std::memcpy(data_.get() + size_, p, n);
+    size_ += n;
+  }
+  // Appends text as a JSON string, quoted and escaped; runs that need no escape are copied whole.
+  void appendString(std::string_view text);
+
+  std::string_view view() const { return std::string_view(data_.get(), size_); }
+  std::size_t size() const { return size_; }
+  void resize(std::size_t size) { size_ = size; }  // only ever shorter
+  void clear() { size_ = 0; }
+
+ private:
+  std::unique_ptr<char[]> data_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
+};
+
+inline void JsonOutput::appendString(std::string_view text) {
+  static const char kHex[] = "0123456789abcdef";
+  Reserve(text.size() * 6 + 2);
+  char* out = data_.get() + size_;
+  *out++ = '"';
+  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
+  const auto* end = p + text.size();
+  while (p < end) {
+    const unsigned char* run = p;
+    while (p < end && *p >= 0x20 && *p != '"' && *p != '\\') ++p;
+    std::memcpy(out, run, static_cast<std::size_t>(p - run));
+    out += p - run;
+    if (p == end) break;
+    const unsigned char c = *p++;
+    *out++ = '\\';
+    switch (c) {
+      case '"':
+        *out++ = '"';
+        break;
+      case '\\':
+        *out++ = '\\';
+        break;
+      case '\b':
+        *out++ = 'b';
+        break;
+      case '\f':
+        *out++ = 'f';
+        break;
+      case '\n':
+        *out++ = 'n';
+        break;
+      case '\r':
+        *out++ = 'r';
+        break;
+      case '\t':
+        *out++ = 't';
+        break;
+      default:
+        *out++ = 'u', *out++ = '0', *out++ = '0';
+        *out++ = kHex[c >> 4], *out++ = kHex[c & 15];
+    }
+  }
+  *out++ = '"';
+  size_ = static_cast<std::size_t>(out - data_.get());
+}
+
+namespace rapidjson {
+inline void PutReserve(JsonOutput& out, size_t count) { out.Reserve(count); }
+inline void PutUnsafe(JsonOutput& out, char c) { out.PutUnsafe(c); }
+}  // namespace rapidjson
