@@ -108,13 +108,12 @@ void TWriteFile::seek(std::int64_t target) {
   // A rollback may reach into a block already on disk: read it back whole, keep its data up to the
   // target, and write it again over its old copy when it fills or the log ends. Its old CRC is not
   // checked; the block is written again under a new one.
+  // A failed rewind stops the writer, also the first positioning, which leaves everything as it
+  // was: the server is told of no failure here (a rollback has no status), so going on would
+  // publish the records the rollback was to undo. Stopped, the commit fails and nothing is
+  // published. From the read on, the descriptor has also moved away from filePosition.
   const std::int64_t start = BlockFormat::blockStart(target);
-  if (::lseek64(fd, start, SEEK_SET) < 0)
-    throw ReplException("TWF::Seek", ReplException::errnoText(errno));
-
-  // From here on the descriptor has moved away from filePosition. A failure leaves descriptor,
-  // buffer and position in disagreement, so the writer stops rather than write a block anywhere
-  // but where it belongs.
+  if (::lseek64(fd, start, SEEK_SET) < 0) stop("TWF::Seek", ReplException::errnoText(errno));
   const ssize_t got = ::read(fd, buffer, BlockFormat::kBlockSize);
   if (got < 0) stop("TWF::Seek-RB", ReplException::errnoText(errno));
   if (got == 0) stop("TWF::Seek-RB", "Unexpected EOF");

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
+#include <mutex>
 
 namespace PosixFaults {
 namespace {
@@ -25,6 +26,15 @@ std::atomic<int> counts[kCalls];
 std::atomic<int> firedCount{0};
 std::atomic<long> readBytes{0};
 std::atomic<std::time_t> fixedTime{0};
+std::atomic<bool> recording{false};
+std::mutex recordMutex;
+std::vector<Recorded> records;
+
+void record(Recorded r) {
+  if (!recording) return;
+  std::lock_guard<std::mutex> lock(recordMutex);
+  records.push_back(std::move(r));
+}
 
 void addRule(Call call, const Rule& rule) {
   Rule* r = rules[call];
@@ -66,6 +76,25 @@ int fired() { return firedCount; }
 long bytesRead() { return readBytes; }
 void setTime(std::time_t t) { fixedTime = t; }
 
+const char* nameOf(Call call) {
+  static const char* const names[] = {"open",        "write", "read",     "lseek64",
+                                      "ftruncate64", "close", "rename",   "remove",
+                                      "mkdir",       "fsync", "fdatasync"};
+  return names[call];
+}
+
+void startRecording() {
+  std::lock_guard<std::mutex> lock(recordMutex);
+  records.clear();
+  recording = true;
+}
+
+std::vector<Recorded> takeRecording() {
+  std::lock_guard<std::mutex> lock(recordMutex);
+  recording = false;
+  return std::move(records);
+}
+
 void reset() {
   for (int i = 0; i < kCalls; ++i) {
     for (Rule& r : rules[i]) r = Rule{};
@@ -91,6 +120,8 @@ int __real_close(int fd);
 int __real_rename(const char* from, const char* to);
 int __real_remove(const char* path);
 int __real_mkdir(const char* path, mode_t mode);
+int __real_fsync(int fd);
+int __real_fdatasync(int fd);
 time_t __real_time(time_t* t);
 
 int __wrap_open(const char* path, int flags, ...) {
@@ -101,7 +132,10 @@ int __wrap_open(const char* path, int flags, ...) {
     mode = static_cast<mode_t>(va_arg(args, int));
     va_end(args);
   }
-  return inject(kOpen) ? -1 : __real_open(path, flags, mode);
+  if (inject(kOpen)) return -1;
+  const int fd = __real_open(path, flags, mode);
+  if (fd >= 0) record({kOpen, path, "", fd, flags, ""});
+  return fd;
 }
 
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
@@ -109,7 +143,11 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
   if (inject(kWrite, &limit)) return -1;
   if (limit == 0) return 0;
   if (limit > 0 && static_cast<size_t>(limit) < size) size = static_cast<size_t>(limit);
-  return __real_write(fd, data, size);
+  const off64_t at = recording ? __real_lseek64(fd, 0, SEEK_CUR) : 0;
+  const ssize_t written = __real_write(fd, data, size);
+  if (written > 0)
+    record({kWrite, "", "", fd, at, std::string(static_cast<const char*>(data), written)});
+  return written;
 }
 
 ssize_t __wrap_read(int fd, void* data, size_t size) {
@@ -122,6 +160,7 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
 }
 
 int __wrap_close(int fd) {
+  record({kClose, "", "", fd, 0, ""});
   if (!inject(kClose)) return __real_close(fd);
   // A failed close still releases the descriptor on Linux; keep the test process clean.
   const int saved = errno;
@@ -133,15 +172,36 @@ int __wrap_close(int fd) {
 off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
   return passOrFail(kLseek64, __real_lseek64, fd, offset, whence);
 }
+// The calls below change the file system or sync it; a successful one is recorded.
 int __wrap_ftruncate64(int fd, off64_t length) {
-  return passOrFail(kFtruncate64, __real_ftruncate64, fd, length);
+  const int r = passOrFail(kFtruncate64, __real_ftruncate64, fd, length);
+  if (r == 0) record({kFtruncate64, "", "", fd, length, ""});
+  return r;
 }
 int __wrap_rename(const char* from, const char* to) {
-  return passOrFail(kRename, __real_rename, from, to);
+  const int r = passOrFail(kRename, __real_rename, from, to);
+  if (r == 0) record({kRename, from, to, -1, 0, ""});
+  return r;
 }
-int __wrap_remove(const char* path) { return passOrFail(kRemove, __real_remove, path); }
+int __wrap_remove(const char* path) {
+  const int r = passOrFail(kRemove, __real_remove, path);
+  if (r == 0) record({kRemove, path, "", -1, 0, ""});
+  return r;
+}
 int __wrap_mkdir(const char* path, mode_t mode) {
-  return passOrFail(kMkdir, __real_mkdir, path, mode);
+  const int r = passOrFail(kMkdir, __real_mkdir, path, mode);
+  if (r == 0) record({kMkdir, path, "", -1, 0, ""});
+  return r;
+}
+int __wrap_fsync(int fd) {
+  const int r = passOrFail(kFsync, __real_fsync, fd);
+  if (r == 0) record({kFsync, "", "", fd, 0, ""});
+  return r;
+}
+int __wrap_fdatasync(int fd) {
+  const int r = passOrFail(kFdatasync, __real_fdatasync, fd);
+  if (r == 0) record({kFdatasync, "", "", fd, 0, ""});
+  return r;
 }
 
 time_t __wrap_time(time_t* t) {

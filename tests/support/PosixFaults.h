@@ -8,11 +8,27 @@
 #pragma once
 
 #include <ctime>
+#include <string>
+#include <vector>
 
 namespace PosixFaults {
 
-enum Call { kOpen, kWrite, kRead, kLseek64, kFtruncate64, kClose, kRename, kRemove, kMkdir };
-constexpr int kCalls = kMkdir + 1;
+enum Call {
+  kOpen,
+  kWrite,
+  kRead,
+  kLseek64,
+  kFtruncate64,
+  kClose,
+  kRename,
+  kRemove,
+  kMkdir,
+  kFsync,
+  kFdatasync
+};
+constexpr int kCalls = kFdatasync + 1;
+// The name of a call, for messages.
+const char* nameOf(Call call);
 
 // The nth call fails with error (errno) and result -1.
 void failAt(Call call, int nth, int error, bool persistent = false);
@@ -28,6 +44,21 @@ int fired();
 void setTime(std::time_t t);
 // Disarms every rule, restores the clock and zeroes the counters.
 void reset();
+
+// A call that changed the file system, as recording sees it: which one, its path (and the new
+// path of a rename), the descriptor it made or used, and for a write the offset and the bytes
+// written (for a truncation, the length in offset).
+struct Recorded {
+  Call call;
+  std::string path, path2;
+  int fd;
+  long long offset;
+  std::string data;
+};
+// Records every successful call that changes files or asks for them to be synced, in order, until
+// the records are taken.
+void startRecording();
+std::vector<Recorded> takeRecording();
 
 // Resets on construction and destruction, so one test's rules never leak into the next.
 struct Scope {
