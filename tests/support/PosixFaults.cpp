@@ -95,6 +95,11 @@ std::vector<Recorded> takeRecording() {
   return std::move(records);
 }
 
+std::size_t takeRecordingSize() {
+  std::lock_guard<std::mutex> lock(recordMutex);
+  return records.size();
+}
+
 void reset() {
   for (int i = 0; i < kCalls; ++i) {
     for (Rule& r : rules[i]) r = Rule{};

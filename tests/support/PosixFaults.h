@@ -59,6 +59,8 @@ struct Recorded {
 // the records are taken.
 void startRecording();
 std::vector<Recorded> takeRecording();
+// How many calls have been recorded so far.
+std::size_t takeRecordingSize();
 
 // Resets on construction and destruction, so one test's rules never leak into the next.
 struct Scope {
