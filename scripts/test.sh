@@ -1,6 +1,7 @@
 #!/bin/sh
-# Builds everything and runs every test: once in an optimised build, once under AddressSanitizer
-# and UndefinedBehaviorSanitizer.
+# Builds everything and runs every test: in an optimised build, under AddressSanitizer and
+# UndefinedBehaviorSanitizer, the thread test under ThreadSanitizer, and each fuzz target for a
+# minute (FBCDC_FUZZ_SECONDS) under libFuzzer.
 set -eu
 cd "$(dirname "$0")/.."
 sh scripts/install-deps.sh
@@ -14,3 +15,9 @@ cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DFBCDC_SANITIZE=ON -
 cmake --build build-asan -j "$jobs"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
   ctest --test-dir build-asan --output-on-failure -j "$jobs"
+
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DFBCDC_TSAN=ON -DFBCDC_BENCH=OFF
+cmake --build build-tsan -j "$jobs" --target fbcdc_thread_tests
+TSAN_OPTIONS=halt_on_error=1 build-tsan/tests/fbcdc_thread_tests
+
+sh fuzz/run.sh

@@ -128,36 +128,6 @@ TEST_F(ReplTransactionTest, FileCreationFailsAtCommit) {
   EXPECT_EQ(kStatementLog, hex(readFile(publishedLog())));
 }
 
-// Eight threads start, fill and commit their own transactions at once; every log is whole.
-TEST_F(ReplTransactionTest, EightThreadsWriteTheirOwnLogs) {
-  PosixFaults::setTime(1700000000);  // so that the names sort by transaction
-  std::vector<Bytes> models(8, kHeader);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([this, i, &models] {
-      FbStatus own;
-      Firebird::IReplTransaction* t = plugin->startTransaction(own, 1000 + i);
-      ASSERT_NE(nullptr, t);
-      for (int k = 0; k < 700 * (i + 1); ++k) {
-        const std::string sql = "thread " + std::to_string(i) + " statement " + std::to_string(k);
-        appendStatement(models[i], sql.c_str(), k * (i + 1));
-        ASSERT_EQ(0, t->executeSql(own, sql.c_str(), k * (i + 1)));
-      }
-      ASSERT_EQ(0, t->commit(own));
-      t->dispose();
-    });
-  }
-  for (std::thread& th : threads) th.join();
-  const Strings names = listDirectory(logs);
-  ASSERT_EQ(8u, names.size());
-  for (int i = 0; i < 8; ++i) {
-    char name[40];
-    std::snprintf(name, sizeof name, "000000006553f100_%016x.fbl", 1000 + i);
-    EXPECT_EQ(name, names[i]);
-    EXPECT_EQ(committed(models[i]), readFile(logs + names[i])) << name;
-  }
-}
-
 // A cut that fails at commit is ignored: the stale blocks of a longer past stay behind the final
 // one, where a reader meets them only after the commit marker.
 TEST_F(SavepointTest, FailedCutKeepsTheStaleTail) {

@@ -43,10 +43,20 @@ void addRule(Call call, const Rule& rule) {
   *r = rule;
 }
 
+// A rule of one thread alone.
+thread_local Call threadCall;
+thread_local int threadCountdown = 0;
+thread_local int threadError = 0;
+
 // Counts the call; true when it must fail (errno is set). A rule that only shortens the transfer
 // lowers *limit instead.
 bool inject(Call call, long* limit = nullptr) {
   const int n = ++counts[call];
+  if (threadCountdown > 0 && call == threadCall && --threadCountdown == 0) {
+    ++firedCount;
+    errno = threadError;
+    return true;
+  }
   for (const Rule& r : rules[call]) {
     if (r.nth == 0 || n < r.nth || (n > r.nth && !r.persistent)) continue;
     ++firedCount;
@@ -70,6 +80,11 @@ void failAt(Call call, int nth, int error, bool persistent) {
 }
 void limitAt(Call call, int nth, long bytes, bool persistent) {
   addRule(call, Rule{nth, 0, bytes, persistent});
+}
+void failInThisThread(Call call, int nth, int error) {
+  threadCall = call;
+  threadCountdown = nth;
+  threadError = error;
 }
 int calls(Call call) { return counts[call]; }
 int fired() { return firedCount; }

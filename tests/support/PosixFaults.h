@@ -34,6 +34,9 @@ const char* nameOf(Call call);
 void failAt(Call call, int nth, int error, bool persistent = false);
 // The nth call of write or read transfers at most bytes bytes (0: a write that makes no progress).
 void limitAt(Call call, int nth, long bytes, bool persistent = false);
+// The nth call of this kind made by the calling thread from now on fails with error, once; other
+// threads are not affected.
+void failInThisThread(Call call, int nth, int error);
 // How many calls of this kind were made since the last reset.
 int calls(Call call);
 // Bytes that read calls returned since the last reset.
