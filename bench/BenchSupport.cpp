@@ -1,5 +1,9 @@
 #include "BenchSupport.h"
 
+#include "IReplTransaction.h"
+#include "LogDirectory.h"
+#include "OrderRow.h"
+
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -70,6 +74,18 @@ const Ratio kRatios[] = {
      "WalkSameFields", "bytes_per_second", 0},
     {"dump --format json of 10-field inserts vs 1 million events/s", "DumpJson", nullptr,
      "items_per_second", 1.0, nullptr, 1e6},
+    {"follow --sink kafka (mock cluster) vs dump to a file", "KafkaMockCluster", "DumpToFile",
+     "items_per_second", 0.1},
+    {"follow --sink redis (local server) vs dump to a file", "RedisServer", "DumpToFile",
+     "items_per_second", 0.1},
+    {"single-record transactions, durable vs default, memory",
+     "SingleRecordTransactions/durable:1/disk:0", "SingleRecordTransactions/durable:0/disk:0",
+     "items_per_second", 0},
+    {"single-record transactions, durable vs default, disk",
+     "SingleRecordTransactions/durable:1/disk:1", "SingleRecordTransactions/durable:0/disk:1",
+     "items_per_second", 0},
+    {"  default mode, disk vs memory", "SingleRecordTransactions/durable:0/disk:1",
+     "SingleRecordTransactions/durable:0/disk:0", "items_per_second", 0},
 };
 
 struct Check {
@@ -192,6 +208,19 @@ PluginUnderTest::PluginUnderTest() {
     std::fprintf(stderr, "plugin: %s\n", status.text().c_str());
     std::abort();
   }
+}
+
+LogFile publishInserts(std::uint64_t number, std::int64_t events) {
+  PluginUnderTest& p = pluginUnderTest();
+  LiteralRow row("ORDERS");
+  fillOrderRow(row, OrderValues());
+  Firebird::IReplTransaction* t = p.plugin->startTransaction(p.status, number);
+  for (std::int64_t i = 0; i < events; ++i) t->insertRecord(p.status, nullptr, nullptr, &row);
+  t->commit(p.status);
+  t->dispose();
+  for (const LogFile& log : LogDirectory::list(scratchDirectory() + "logs"))
+    if (log.parsed.transaction == number) return log;
+  std::abort();
 }
 
 PluginUnderTest& pluginUnderTest() {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "IReplPlugin.h"
+#include "LogFile.h"
 #include "TWriteFile.h"
 #include "TestFiles.h"
 
@@ -38,6 +39,9 @@ struct PluginUnderTest {
   Firebird::IReplPlugin* plugin = nullptr;
 };
 PluginUnderTest& pluginUnderTest();
+
+// Publishes a log of `events` inserts of the ten-field row as transaction `number`.
+LogFile publishInserts(std::uint64_t number, std::int64_t events);
 
 // Records a ratio to print after the run: numerator and denominator name benchmark runs, and the
 // figure compared is the given counter of each ("bytes_per_second", "items_per_second", ...).

@@ -19,16 +19,8 @@ struct InsertLog {
   LogFile log;
   std::int64_t events = 0;
   std::int64_t bytes = 0;
-  InsertLog() {
-    bench::PluginUnderTest& p = bench::pluginUnderTest();
-    LiteralRow row("ORDERS");
-    fillOrderRow(row, OrderValues());
-    Firebird::IReplTransaction* t = p.plugin->startTransaction(p.status, 42);
-    events = bench::streamBytes() / 4 / 163;
-    for (std::int64_t i = 0; i < events; ++i) t->insertRecord(p.status, nullptr, nullptr, &row);
-    t->commit(p.status);
-    t->dispose();
-    log = LogDirectory::list(bench::scratchDirectory() + "logs").at(0);
+  InsertLog() : events(bench::streamBytes() / 4 / 163) {
+    log = bench::publishInserts(42, events);
     bytes = static_cast<std::int64_t>(readFile(log.path).size());
   }
 };
