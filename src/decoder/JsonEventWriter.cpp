@@ -67,21 +67,25 @@ void JsonEventWriter::beginLog(const LogInfo& log) {
   lastTable_ = 0;
   statements_ = 0;
   if (!format_.transactions) return;
+  startMarker("BEGIN");
+  writer_.Null();
+  writer_.Key("data_collections");
+  writer_.Null();
+  writer_.EndObject();
+  buffer_.Put('\n');
+}
+
+void JsonEventWriter::startMarker(const char* status) {
   writer_.Reset(buffer_);
   writer_.StartObject();
   writer_.Key("status");
-  writer_.String("BEGIN");
+  writer_.String(status);
   transactionId();
   writer_.Key("file");
   string(log_.file);
   writer_.Key("ts_ms");
   writer_.Int64(nowMs());
   writer_.Key("event_count");
-  writer_.Null();
-  writer_.Key("data_collections");
-  writer_.Null();
-  writer_.EndObject();
-  buffer_.Put('\n');
 }
 
 std::uint32_t JsonEventWriter::countTable(std::string_view table) {
@@ -206,16 +210,7 @@ const std::string& JsonEventWriter::quoted(
 
 void JsonEventWriter::endLog(const ChangeEvent& end) {
   if (!format_.transactions) return;
-  writer_.Reset(buffer_);
-  writer_.StartObject();
-  writer_.Key("status");
-  writer_.String("END");
-  transactionId();
-  writer_.Key("file");
-  string(log_.file);
-  writer_.Key("ts_ms");
-  writer_.Int64(nowMs());
-  writer_.Key("event_count");
+  startMarker("END");
   writer_.Uint(end.index);
   writer_.Key("data_collections");
   writer_.StartArray();

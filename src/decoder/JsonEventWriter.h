@@ -53,6 +53,8 @@ class JsonEventWriter : public EventWriter {
   void image(const ChangeEvent& event, bool before);
   void write(const ChangeEvent& event, std::uint32_t order);
   void transactionId();
+  // A BEGIN or END line up to its event_count key.
+  void startMarker(const char* status);
   // The place of this event among the log's events of the same table, from 1.
   std::uint32_t countTable(std::string_view table);
   static std::int64_t nowMs();

@@ -156,6 +156,14 @@ std::string Database::readBlob(const ISC_QUAD& id) {
   return data;
 }
 
+void Database::legacyHandles(isc_db_handle& db, isc_tr_handle& tr) {
+  // The array calls exist only in the legacy API, which takes handles of its own.
+  ISC_STATUS vector[20] = {0};
+  fb_get_database_handle(vector, &db, attachment_);
+  fb_get_transaction_handle(vector, &tr, transaction());
+  checkLegacy(vector, "array handles");
+}
+
 const ISC_ARRAY_DESC& Database::arrayDescription(const std::string& table,
                                                  const std::string& column) {
   // Looking the bounds up compiles a request in the server each time, so each column's are
@@ -166,9 +174,7 @@ const ISC_ARRAY_DESC& Database::arrayDescription(const std::string& table,
   ISC_STATUS vector[20] = {0};
   isc_db_handle db = 0;
   isc_tr_handle tr = 0;
-  fb_get_database_handle(vector, &db, attachment_);
-  fb_get_transaction_handle(vector, &tr, transaction());
-  checkLegacy(vector, "array handles");
+  legacyHandles(db, tr);
   ISC_ARRAY_DESC desc;
   isc_array_lookup_bounds(vector, &db, &tr, table.c_str(), column.c_str(), &desc);
   checkLegacy(vector, "array bounds");
@@ -190,9 +196,7 @@ ISC_QUAD Database::putArray(const std::string& table, const std::string& column,
   ISC_STATUS vector[20] = {0};
   isc_db_handle db = 0;
   isc_tr_handle tr = 0;
-  fb_get_database_handle(vector, &db, attachment_);
-  fb_get_transaction_handle(vector, &tr, transaction());
-  checkLegacy(vector, "array handles");
+  legacyHandles(db, tr);
   std::vector<char> data(elements.begin(), elements.end());
   ISC_LONG length = static_cast<ISC_LONG>(data.size());
   ISC_QUAD id = {0, 0};

@@ -55,6 +55,7 @@ class Database {
   static std::string quote(std::string_view name);
 
  private:
+  void legacyHandles(isc_db_handle& db, isc_tr_handle& tr);
   const ISC_ARRAY_DESC& arrayDescription(const std::string& table, const std::string& column);
 
   std::string path_;
