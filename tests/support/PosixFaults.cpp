@@ -30,6 +30,7 @@ std::atomic<bool> recording{false};
 std::mutex recordMutex;
 std::vector<Recorded> records;
 
+// Called only while recording, so that the calls cost nothing (no allocation) otherwise.
 void record(Recorded r) {
   if (!recording) return;
   std::lock_guard<std::mutex> lock(recordMutex);
@@ -154,7 +155,7 @@ int __wrap_open(const char* path, int flags, ...) {
   }
   if (inject(kOpen)) return -1;
   const int fd = __real_open(path, flags, mode);
-  if (fd >= 0) record({kOpen, path, "", fd, flags, ""});
+  if (fd >= 0 && recording) record({kOpen, path, "", fd, flags, ""});
   return fd;
 }
 
@@ -166,7 +167,8 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
   const off64_t at = recording ? __real_lseek64(fd, 0, SEEK_CUR) : 0;
   const ssize_t written = __real_write(fd, data, size);
   if (written > 0)
-    record({kWrite, "", "", fd, at, std::string(static_cast<const char*>(data), written)});
+    if (recording)
+      record({kWrite, "", "", fd, at, std::string(static_cast<const char*>(data), written)});
   return written;
 }
 
@@ -180,7 +182,7 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
 }
 
 int __wrap_close(int fd) {
-  record({kClose, "", "", fd, 0, ""});
+  if (recording) record({kClose, "", "", fd, 0, ""});
   if (!inject(kClose)) return __real_close(fd);
   // A failed close still releases the descriptor on Linux; keep the test process clean.
   const int saved = errno;
@@ -195,32 +197,32 @@ off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
 // The calls below change the file system or sync it; a successful one is recorded.
 int __wrap_ftruncate64(int fd, off64_t length) {
   const int r = passOrFail(kFtruncate64, __real_ftruncate64, fd, length);
-  if (r == 0) record({kFtruncate64, "", "", fd, length, ""});
+  if (r == 0 && recording) record({kFtruncate64, "", "", fd, length, ""});
   return r;
 }
 int __wrap_rename(const char* from, const char* to) {
   const int r = passOrFail(kRename, __real_rename, from, to);
-  if (r == 0) record({kRename, from, to, -1, 0, ""});
+  if (r == 0 && recording) record({kRename, from, to, -1, 0, ""});
   return r;
 }
 int __wrap_remove(const char* path) {
   const int r = passOrFail(kRemove, __real_remove, path);
-  if (r == 0) record({kRemove, path, "", -1, 0, ""});
+  if (r == 0 && recording) record({kRemove, path, "", -1, 0, ""});
   return r;
 }
 int __wrap_mkdir(const char* path, mode_t mode) {
   const int r = passOrFail(kMkdir, __real_mkdir, path, mode);
-  if (r == 0) record({kMkdir, path, "", -1, 0, ""});
+  if (r == 0 && recording) record({kMkdir, path, "", -1, 0, ""});
   return r;
 }
 int __wrap_fsync(int fd) {
   const int r = passOrFail(kFsync, __real_fsync, fd);
-  if (r == 0) record({kFsync, "", "", fd, 0, ""});
+  if (r == 0 && recording) record({kFsync, "", "", fd, 0, ""});
   return r;
 }
 int __wrap_fdatasync(int fd) {
   const int r = passOrFail(kFdatasync, __real_fdatasync, fd);
-  if (r == 0) record({kFdatasync, "", "", fd, 0, ""});
+  if (r == 0 && recording) record({kFdatasync, "", "", fd, 0, ""});
   return r;
 }
 
