@@ -50,10 +50,9 @@ using TReadFileTest = BlockFileTest;
 
 const char kStopped[] = "TF::WC-w: Log writer stopped after an earlier write failure";
 
-// Every put at every offset around a block edge (a value split at each byte, or ending at the edge)
-// and a run over a whole block: the file is the container of the little-endian stream, each block
-// written in one write by the put that fills it; the reader gets each value back at the writer's
-// positions.
+// Every put at every offset around a block edge, and a run over a whole block: the file is the
+// container of the little-endian stream, each block written in one write by the put that fills it,
+// and the reader gets each value back at the writer's positions.
 TEST_F(TWriteFileTest, ValuesAtEveryOffsetAroundTheBlockEdge) {
   const std::uint64_t doubleBits = 0x3FF123456789ABCD;
   double d;
@@ -147,15 +146,11 @@ TEST_F(TWriteFileTest, WriteAndRewindFaults) {
     std::string failure;
   };
   const std::string bugcheck = "TWF::Seek: !BUGCHECK! Seek past end of buffer";
+  const std::string noSpace = "TF::WC-w: No space left on device";
   const Case cases[] = {
       {"short write", -1, false, 2, {{kWrite, 1, 0, 1000}}, ""},
       {"write fails", -1, true, 1, {{kWrite, 1, EIO}}, "TF::WC-w: Input/output error"},
-      {"short, then fails",
-       -1,
-       true,
-       2,
-       {{kWrite, 1, 0, 100}, {kWrite, 2, ENOSPC}},
-       "TF::WC-w: No space left on device"},
+      {"short, then fails", -1, true, 2, {{kWrite, 1, 0, 100}, {kWrite, 2, ENOSPC}}, noSpace},
       {"no progress", -1, true, 1, {{kWrite, 1, 0, 0}}, "TF::WC-w: Write made no progress"},
       {"rewind within the buffer", 2 * 32768 + 20, false, 1, {}, ""},
       {"first positioning", 100, true, 1, {{kLseek64, 1, EIO}}, "TWF::Seek: Input/output error"},
@@ -295,7 +290,7 @@ TEST_F(TReadFileTest, FlippedBitsAndOddFiles) {
     for (int bit = 0; bit < 8; ++bit) {
       Bytes damaged = good;
       damaged[byte] ^= static_cast<std::uint8_t>(1u << bit);
-      writeFile(bad, std::string(damaged.begin(), damaged.end()));
+      writeFile(bad, damaged);
       TReadFile r;
       r.open(bad.c_str(), true);
       ASSERT_EQ("auto TFDB::RB: CRC error, file " + bad + " is corrupted",
@@ -313,9 +308,8 @@ TEST_F(TReadFileTest, FlippedBitsAndOddFiles) {
   EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { missing.getByte(); }));
 }
 
-// A log cut at every length near its start, its block edge and its end (and at a stride between):
-// the whole blocks before the cut read back, nothing of the cut block comes out, and the reader
-// says why: the end of the file, a block too small for a trailer, or a CRC that does not match.
+// A log cut at every length near its start, block edge and end (at a stride between): the blocks
+// before the cut read back, nothing of the cut block does, and the reader says why.
 TEST_F(TReadFileTest, CutAtEveryLength) {
   const Bytes stream = randomBytes(32764 + 40, 23);
   const Bytes whole = readFile(writeLog(stream));
@@ -325,7 +319,7 @@ TEST_F(TReadFileTest, CutAtEveryLength) {
         length < 64 || (length > 32768 - 64 && length < 32768 + 64) || length + 64 > whole.size();
     if (!nearEdge && length % 97 != 0) continue;
     SCOPED_TRACE(length);
-    writeFile(cut, std::string(whole.begin(), whole.begin() + length));
+    writeFile(cut, Bytes(whole.begin(), whole.begin() + length));
     TReadFile r;
     r.open(cut.c_str(), true);
     std::size_t got = 0;

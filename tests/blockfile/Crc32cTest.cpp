@@ -65,8 +65,7 @@ TEST(Crc32c, ImplementationsAgreeOnEveryLengthAndAlignment) {
   if (variants.size() < 4) std::printf("note: this processor runs %zu variants\n", variants.size());
 
   std::mt19937 random(20261123);
-  Bytes data(3 * 32768 + 64);
-  for (auto& b : data) b = static_cast<std::uint8_t>(random());
+  const Bytes data = randomBytes(3 * 32768 + 64, 20261123);
   struct Run {
     int align, length;
     std::uint32_t fresh;  // the CRC from the usual start value

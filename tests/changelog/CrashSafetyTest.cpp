@@ -2,16 +2,13 @@
 // valid, and every ".tmp" left behind is one that fbcdc verify tells complete or incomplete.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <random>
 
 #include "LogVerifier.h"
-#include "PluginFixture.h"
-
-extern char** environ;
+#include "Processes.h"
+#include "TestFiles.h"
 
 namespace {
 
@@ -23,31 +20,20 @@ TEST(CrashSafetyTest, KilledWritersLeaveOnlyWholeLogs) {
   std::mt19937 random(2026);
   std::size_t published = 0, complete = 0, incomplete = 0;
   for (int kill = 0; kill < kills; ++kill) {
-    std::string args[] = {FBCDC_CRASH_WRITER, FBCDC_PLUGIN_PATH, dir / "plugin.conf",
-                          std::to_string(kill)};
-    char* argv[] = {&args[0][0], &args[1][0], &args[2][0], &args[3][0], nullptr};
-    pid_t pid;
-    ASSERT_EQ(0, posix_spawn(&pid, argv[0], nullptr, nullptr, argv, environ));
+    const pid_t pid =
+        spawn({FBCDC_CRASH_WRITER, FBCDC_PLUGIN_PATH, dir / "plugin.conf", std::to_string(kill)},
+              "/dev/null", "/dev/null");
+    ASSERT_GT(pid, 0);
     ::usleep(2000 + random() % 25000);
-    ::kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status)) << "the writer ended by itself: " << status;
+    ASSERT_EQ(-1, stop(pid, SIGKILL)) << "the writer ended by itself";
     for (const std::string& name : listDirectory(logs)) {
       const LogVerifier::Result r = LogVerifier::verify(logs + name);
-      switch (r.verdict) {
-        case LogVerifier::Verdict::kValid:
-          ++published;
-          break;
-        case LogVerifier::Verdict::kDamaged:
-          FAIL() << name << " damaged after kill " << kill << ": " << r.problems[0].reason;
-        case LogVerifier::Verdict::kComplete:
-          ++complete;
-          break;
-        case LogVerifier::Verdict::kIncomplete:
-          ++incomplete;
-          break;
-      }
+      using Verdict = LogVerifier::Verdict;
+      ASSERT_NE(Verdict::kDamaged, r.verdict)
+          << name << " damaged after kill " << kill << ": " << r.problems[0].reason;
+      published += r.verdict == Verdict::kValid;
+      complete += r.verdict == Verdict::kComplete;
+      incomplete += r.verdict == Verdict::kIncomplete;
       // Checked once: what a later kill finds is new.
       ::unlink((logs + name).c_str());
     }

@@ -1,16 +1,9 @@
-// Lost writes, in the manner of the file-system crash-consistency tools: the file-system calls
-// that the plugin makes during a run of transactions are recorded, and then every crash state is
-// rebuilt in memory: each prefix of the record, with the calls before the last sync that covers
-// them kept, and the calls not yet synced kept or dropped in every combination a file system may
-// leave behind (all of them while few, a seeded sample of them otherwise).
-//
-// Two models of what may be lost. "Any": every unsynced call independently, as POSIX allows.
-// "Ordered": changes of the directory are kept in their order, and one that renames or removes a
-// file is kept only with every earlier write to that file (a journalling file system that orders
-// data before metadata). The promises checked in every state: with DurableLogs = true, under
-// either model, every transaction whose dispose returned has its ".fbl" present and whole, and no
-// ".fbl" is present that is not whole; without it, under the ordered model, no ".fbl" is present
-// that is not whole.
+// Lost writes: the file-system calls of a run of transactions are recorded, and every crash state
+// is rebuilt in memory: each prefix, synced calls kept, unsynced ones kept or dropped in every
+// combination (a seeded sample when many). "Any" drops them independently, as POSIX allows;
+// "ordered" keeps directory changes in order, a rename or removal only with the earlier writes to
+// its file (a journalling file system). No state holds a ".fbl" that is not whole; with
+// DurableLogs = true every transaction whose dispose returned has its ".fbl" whole.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -31,9 +24,7 @@ using PosixFaults::Recorded;
 struct Op {
   Recorded call;
   int inode;
-  bool data;       // a write or truncation: changes a file's contents
-  bool directory;  // a creation, rename or removal: changes the directory
-  bool barrier;    // a sync
+  bool data, directory, barrier;  // changes a file's contents, changes the directory, syncs
 };
 
 std::vector<Op> resolve(const std::vector<Recorded>& calls) {
@@ -42,38 +33,19 @@ std::vector<Op> resolve(const std::vector<Recorded>& calls) {
   std::map<std::string, int> named;
   int next = 0;
   for (const Recorded& r : calls) {
-    Op op{r, -2, false, false, false};
-    switch (r.call) {
-      case PosixFaults::kOpen:
-        if (r.offset & O_DIRECTORY) {
-          inodes[r.fd] = -1;
-        } else if (r.offset & O_CREAT) {
-          op.inode = inodes[r.fd] = named[r.path] = next++;
-          op.directory = true;
-        } else {
-          inodes[r.fd] = named.count(r.path) ? named[r.path] : -2;
-        }
-        break;
-      case PosixFaults::kWrite:
-      case PosixFaults::kFtruncate64:
-        op.inode = inodes[r.fd];
-        op.data = true;
-        break;
-      case PosixFaults::kFsync:
-      case PosixFaults::kFdatasync:
-        op.inode = inodes[r.fd];
-        op.barrier = true;
-        break;
-      case PosixFaults::kRename:
-        op.inode = named[r.path2] = named[r.path];
-        op.directory = true;
-        break;
-      case PosixFaults::kRemove:
-        op.inode = named[r.path];
-        op.directory = true;
-        break;
-      default:
-        break;
+    using namespace PosixFaults;
+    Op op{r, -2, r.call == kWrite || r.call == kFtruncate64, r.call == kRename || r.call == kRemove,
+          r.call == kFsync || r.call == kFdatasync};
+    if (op.data || op.barrier) op.inode = inodes[r.fd];
+    if (r.call == kRename) op.inode = named[r.path2] = named[r.path];
+    if (r.call == kRemove) op.inode = named[r.path];
+    if (r.call == kOpen && (r.offset & O_DIRECTORY)) {
+      inodes[r.fd] = -1;
+    } else if (r.call == kOpen && (r.offset & O_CREAT)) {
+      op.inode = inodes[r.fd] = named[r.path] = next++;
+      op.directory = true;
+    } else if (r.call == kOpen) {
+      inodes[r.fd] = named.count(r.path) ? named[r.path] : -2;
     }
     ops.push_back(op);
   }
@@ -114,8 +86,7 @@ struct Recording {
   // For each transaction that published: where its dispose returned, its final name, its log.
   struct Published {
     std::size_t disposed;
-    std::string name;
-    std::string log;
+    std::string name, log;
   };
   std::vector<Published> published;
 };
@@ -139,9 +110,7 @@ class CrashStateTest : public ::testing::Test {
         EXPECT_EQ(0, t->executeSql(status, std::string(200, 'a' + i % 26).c_str(), i));
       }
       if (rollbackAfter >= 0) t->rollbackSavepoint(1);
-      if (commit) {
-        EXPECT_EQ(0, t->commit(status));
-      }
+      EXPECT_EQ(0, commit ? t->commit(status) : 0);
       t->dispose();
       disposed.emplace_back(number, PosixFaults::takeRecordingSize());
     };
@@ -158,8 +127,7 @@ class CrashStateTest : public ::testing::Test {
       EXPECT_TRUE(LogName::parse(name, parsed) && parsed.published) << name;
       for (const auto& [number, at] : disposed) {
         if (number != parsed.transaction) continue;
-        const Bytes b = readFile(logs + name);
-        run.published.push_back({at, logs + name, std::string(b.begin(), b.end())});
+        run.published.push_back({at, logs + name, readText(logs + name)});
       }
     }
     EXPECT_EQ(3u, run.published.size());
@@ -173,14 +141,10 @@ class CrashStateTest : public ::testing::Test {
 TEST_F(CrashStateTest, EveryCrashStateKeepsItsPromises) {
   std::mt19937 random(13);
   std::size_t states = 0;
-  const struct {
-    bool durable;
-    bool ordered;
-  } cases[] = {{true, false}, {true, true}, {false, true}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(c.durable ? "durable" : "default") +
-                 (c.ordered ? ", ordered" : ", any"));
-    const Recording run = record(c.durable);
+  for (const auto& [durable, ordered] :
+       {std::pair{true, false}, std::pair{true, true}, std::pair{false, true}}) {
+    SCOPED_TRACE(std::string(durable ? "durable" : "default") + (ordered ? ", ordered" : ", any"));
+    const Recording run = record(durable);
     const std::vector<Op>& ops = run.ops;
     for (std::size_t end = 0; end <= ops.size(); ++end) {
       // What a sync before the crash has made safe: data of a synced file, and every change of
@@ -204,7 +168,7 @@ TEST_F(CrashStateTest, EveryCrashStateKeepsItsPromises) {
           const bool keep = open.size() <= 10 ? (k >> b & 1) : random() % 2;
           kept[open[b]] = keep;
         }
-        if (c.ordered) {
+        if (ordered) {
           // Directory changes keep their order: a dropped one drops every later one; and a rename
           // or removal keeps every earlier write to its file.
           bool dropped = false;
@@ -228,9 +192,8 @@ TEST_F(CrashStateTest, EveryCrashStateKeepsItsPromises) {
             whole |= p.name == name && p.log == content;
           ASSERT_TRUE(whole) << name << " is not whole after a crash at call " << end;
         }
-        if (!c.durable) continue;
         for (const Recording::Published& p : run.published) {
-          if (p.disposed > end) continue;
+          if (!durable || p.disposed > end) continue;
           const auto found = files.find(p.name);
           ASSERT_TRUE(found != files.end() && found->second == p.log)
               << p.name << " lost after a crash at call " << end << " (disposed at " << p.disposed

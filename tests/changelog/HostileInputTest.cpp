@@ -2,6 +2,8 @@
 // generic error code, without a crash, and the transaction goes on to record and publish.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "LiteralRow.h"
 #include "PluginFixture.h"
 
@@ -51,65 +53,37 @@ TEST_F(HostileInputTest, RefusedWithATextAndNeverACrash) {
   blob.addBlob("B", ISC_QUAD{0, 1});
   LiteralRow good("T");
   good.addLong("ID", 5);
-  const struct {
-    const char* name;
-    std::function<std::int32_t(ReplTransaction*, Firebird::IStatus*)> call;
-    const char* text;
-  } cases[] = {
-      {"null row",
-       [](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->insertRecord(s, nullptr, nullptr, nullptr);
-       },
-       "CDC error: No row image"},
-      {"null old image",
-       [&](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->updateRecord(s, nullptr, nullptr, nullptr, &good);
-       },
-       "CDC error: No row image"},
-      {"null cursor",
-       [&](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->deleteRecord(s, nullptr, nullptr, &noCursor);
-       },
-       "CDC error: Row image without a field cursor"},
-      {"endless cursor",
-       [&](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->insertRecord(s, nullptr, nullptr, &endlessRow);
-       },
-       "CDC error: Row image with more than 65535 fields"},
-      {"endless old cursor",
-       [&](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->updateRecord(s, nullptr, nullptr, &good, &endlessRow);
-       },
-       "CDC error: Row image with more than 65535 fields"},
-      {"null data",
-       [&](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->insertRecord(s, nullptr, nullptr, &noData);
-       },
-       "CDC error: Field value without data"},
-      {"negative length",
-       [&](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->insertRecord(s, nullptr, nullptr, &negative);
-       },
-       "CDC error: Fixed-length text with a negative length"},
-      {"blob without attachment",
-       [&](ReplTransaction* t, Firebird::IStatus* s) {
-         return t->insertRecord(s, nullptr, nullptr, &blob);
-       },
-       "CDC error: Blob or array value without attachment or transaction"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
+  // Name, operation ('I' inserts row, 'D' deletes it, 'U' updates old to row), row, old, text.
+  const std::tuple<const char*, char, Firebird::IReplRecord*, Firebird::IReplRecord*, const char*>
+      cases[] = {
+          {"null row", 'I', nullptr, nullptr, "CDC error: No row image"},
+          {"null old image", 'U', &good, nullptr, "CDC error: No row image"},
+          {"null cursor", 'D', &noCursor, nullptr, "CDC error: Row image without a field cursor"},
+          {"endless cursor", 'I', &endlessRow, nullptr,
+           "CDC error: Row image with more than 65535 fields"},
+          {"endless old cursor", 'U', &endlessRow, &good,
+           "CDC error: Row image with more than 65535 fields"},
+          {"null data", 'I', &noData, nullptr, "CDC error: Field value without data"},
+          {"negative length", 'I', &negative, nullptr,
+           "CDC error: Fixed-length text with a negative length"},
+          {"blob without attachment", 'I', &blob, nullptr,
+           "CDC error: Blob or array value without attachment or transaction"},
+      };
+  for (const auto& [name, op, row, old, text] : cases) {
+    SCOPED_TRACE(name);
     ReplTransaction* t = begin();
     FbStatus st;
-    EXPECT_EQ(335544382, c.call(t, st));
-    EXPECT_EQ(c.text, st.text());
+    EXPECT_EQ(335544382, op == 'I'   ? t->insertRecord(st, nullptr, nullptr, row)
+                         : op == 'D' ? t->deleteRecord(st, nullptr, nullptr, row)
+                                     : t->updateRecord(st, nullptr, nullptr, old, row));
+    EXPECT_EQ(text, st.text());
     // The transaction is still usable: a later record and the commit work. (The refused record
     // stays unfinished in the log, as every refused record does.)
     FbStatus after;
     EXPECT_EQ(0, t->executeSql(after, "x", 1));
     EXPECT_EQ(0, t->commit(after)) << after.text();
     t->dispose();
-    for (const std::string& name : listDirectory(logs)) ::remove((logs + name).c_str());
+    clearLogs();
   }
 }
 

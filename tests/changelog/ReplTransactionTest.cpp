@@ -204,9 +204,8 @@ TEST_F(SavepointTest, FailedPositioningStopsTheWriter) {
 }
 
 // Random records, savepoint starts, releases and rollbacks (numbers repeat, and -1) against a model
-// of the stream: the log read back is the model's, and the file ends where the reader does. A
-// rollback into a block on disk does two lseeks and one 32768-byte read, and writes nothing.
-// FBCDC_SAVEPOINT_SEQUENCES and FBCDC_SAVEPOINT_SEED choose a longer run or another seed.
+// of the stream. A rollback into a block on disk does two lseeks and one 32768-byte read, and
+// writes nothing. FBCDC_SAVEPOINT_SEQUENCES and FBCDC_SAVEPOINT_SEED choose the run and the seed.
 TEST_F(SavepointTest, RandomSequencesMatchTheModel) {
   const char* countText = std::getenv("FBCDC_SAVEPOINT_SEQUENCES");
   const char* seedText = std::getenv("FBCDC_SAVEPOINT_SEED");

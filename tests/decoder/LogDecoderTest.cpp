@@ -1,32 +1,25 @@
-// The decoder against the plugin that wrote the logs: random transactions through row images (every
-// type, nulls, blobs across blocks, partial old images, statements, savepoint rollbacks) decode to
-// exactly what was written; damage under valid CRCs is reported where it lies; no change of bytes
-// makes the decoder fail other than with a LogFormatError.
+// The decoder against the plugin: random transactions (every type, nulls, blobs, partial old
+// images, statements, savepoint rollbacks) decode to exactly what was written; damage under valid
+// CRCs is reported where it lies; no change of bytes fails the decoder other than with a
+// LogFormatError.
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <random>
+#include <tuple>
 
 #include "EmbeddedDatabase.h"
 #include "EventDescription.h"
-#include "IReplPlugin.h"
 #include "LiteralRow.h"
 #include "LogDecoder.h"
 #include "LogFormatError.h"
-#include "PosixFaults.h"
-#include "ReplTransaction.h"
-#include "TestFiles.h"
-
-extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
+#include "PluginFixture.h"
 
 namespace {
 
-struct Blob {
-  ISC_QUAD id;
-  std::string description;
-};
+using Blob = std::pair<ISC_QUAD, std::string>;  // a blob's id and its description
 
 // Random row images, each field described as the decoder must read it back.
 class RowMaker {
@@ -36,26 +29,25 @@ class RowMaker {
   // Adds a random field and returns the description of its value. skipped tells that the writer
   // makes no entry for it (type 0, or no name); in an old image its value counts all the same.
   std::string add(LiteralRow& row, const std::string& name, bool allowBlob, bool& skipped) {
-    skipped = false;
     const char* n = name.c_str();
     const auto scale = static_cast<std::int16_t>(-static_cast<int>(r_() % 5));
+    const unsigned kind = r_() % (allowBlob ? 16 : 15);
+    skipped = kind == 13 || kind == 14;
     const std::string s = " scale " + std::to_string(scale) + " ";
-    switch (r_() % (allowBlob ? 16 : 15)) {
-      case 0: {
-        const auto v = static_cast<std::int16_t>(r_());
-        row.addShort(n, v, scale);
-        return "short" + s + std::to_string(v);
-      }
-      case 1: {
-        const auto v = static_cast<std::int32_t>(r_());
-        row.addLong(n, v, scale);
-        return "long" + s + std::to_string(v);
-      }
-      case 2: {
-        const auto v = static_cast<std::int64_t>(static_cast<std::uint64_t>(r_()) << 32 | r_());
-        row.addInt64(n, v, scale);
-        return "int64" + s + std::to_string(v);
-      }
+    // Adds v with a member of LiteralRow (and its scale) and describes it as kind, gap and v.
+    const auto put = [&](auto add, const char* kind, const std::string& gap, auto v,
+                         auto... scaled) {
+      (row.*add)(n, v, scaled...);
+      return kind + gap + std::to_string(v);
+    };
+    switch (kind) {
+      case 0:
+        return put(&LiteralRow::addShort, "short", s, static_cast<std::int16_t>(r_()), scale);
+      case 1:
+        return put(&LiteralRow::addLong, "long", s, static_cast<std::int32_t>(r_()), scale);
+      case 2:
+        return put(&LiteralRow::addInt64, "int64", s,
+                   static_cast<std::int64_t>(static_cast<std::uint64_t>(r_()) << 32 | r_()), scale);
       case 3: {
         const float v = static_cast<float>(r_()) / 7.0f;
         row.addFloat(n, v);
@@ -66,27 +58,18 @@ class RowMaker {
         row.addDouble(n, v);
         return "double " + bitsOf(v);
       }
-      case 5: {
-        const auto v = static_cast<std::int32_t>(r_() % 100000);
-        row.addDate(n, v);
-        return "date " + std::to_string(v);
-      }
-      case 6: {
-        const std::uint32_t v = r_() % 864000000;
-        row.addTime(n, v);
-        return "time " + std::to_string(v);
-      }
+      case 5:
+        return put(&LiteralRow::addDate, "date", " ", static_cast<std::int32_t>(r_() % 100000));
+      case 6:
+        return put(&LiteralRow::addTime, "time", " ", static_cast<std::uint32_t>(r_() % 864000000));
       case 7: {
         const auto d = static_cast<std::int32_t>(r_() % 100000);
         const std::uint32_t t = r_() % 864000000;
         row.addTimestamp(n, d, t);
         return "timestamp " + std::to_string(d) + " " + std::to_string(t);
       }
-      case 8: {
-        const bool v = r_() % 2;
-        row.addBoolean(n, v);
-        return "boolean " + std::to_string(v);
-      }
+      case 8:
+        return put(&LiteralRow::addBoolean, "boolean", " ", static_cast<bool>(r_() % 2));
       case 9: {  // fixed-length text: the writer drops the pad of its character set
         const std::int32_t cs = r_() % 2 ? 1 : 4;
         const std::string text = randomText(r_() % 40);
@@ -114,16 +97,14 @@ class RowMaker {
       }
       case 13:
         row.addRaw(n, 0, "");
-        skipped = true;
         return "absent";
       case 14:
         row.addRaw(nullptr, 9, std::string(4, '\1'));
-        skipped = true;
         return "long scale 0 16843009";
       default: {
         const Blob& b = blobs_[r_() % blobs_.size()];
-        row.addBlob(n, b.id);
-        return b.description;
+        row.addBlob(n, b.first);
+        return b.second;
       }
     }
   }
@@ -139,26 +120,21 @@ class RowMaker {
   const std::vector<Blob>& blobs_;
 };
 
-class LogDecoderTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
-    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
-    plugin = getReplPlugin(status, 30, config);
-    config->release();
-    ASSERT_NE(nullptr, plugin) << status.text();
+// Decodes the whole log at path; a LogFormatError goes to the caller.
+void decodeAll(const std::string& path) {
+  LogDecoder decoder;
+  decoder.open(path);
+  while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
   }
-  void TearDown() override {
-    if (plugin) plugin->dispose();
-  }
+}
 
+class LogDecoderTest : public PluginFixture {
+ protected:
   // Decodes the one log of the output directory (and removes it); empty when there is none.
-  std::vector<std::string> decodePublished(Bytes* file = nullptr) {
-    const std::vector<std::string> names = listDirectory(dir / "logs");
-    if (names.empty()) return {};
-    EXPECT_EQ(1u, names.size());
-    const std::string path = dir / ("logs/" + names[0]);
-    if (file) *file = readFile(path);
+  std::vector<std::string> decodePublished(Bytes* file) {
+    const std::string path = publishedLog();
+    if (path.empty()) return {};
+    *file = readFile(path);
     std::vector<std::string> events;
     LogDecoder decoder;
     decoder.open(path);
@@ -170,11 +146,6 @@ class LogDecoderTest : public ::testing::Test {
     ::remove(path.c_str());
     return events;
   }
-
-  PosixFaults::Scope faults;
-  TempDir dir;
-  FbStatus status;
-  Firebird::IReplPlugin* plugin = nullptr;
 };
 
 // Random transactions, checked against a model of what their published log must hold: the events
@@ -184,8 +155,7 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
   std::mt19937 random(20261123);
   std::vector<Blob> blobs;
   for (std::size_t size : {0, 700, 70000}) {
-    Bytes data(size);
-    for (auto& b : data) b = static_cast<std::uint8_t>(random());
+    const Bytes data = randomBytes(size, random());
     const ISC_QUAD id = db.createBlob(data, true);
     blobs.push_back({id, "blob " + std::to_string(size) + " " +
                              std::to_string(slowCrc32c(data.data(), data.size()))});
@@ -194,7 +164,7 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
   Bytes largest;
   for (int transaction = 0; transaction < 60; ++transaction) {
     SCOPED_TRACE("transaction " + std::to_string(transaction));
-    auto* t = static_cast<ReplTransaction*>(plugin->startTransaction(status, transaction + 1));
+    ReplTransaction* t = begin(transaction + 1);
     ASSERT_NE(nullptr, t);
     std::vector<std::string> expected;
     std::vector<std::pair<int, std::size_t>> savepoints;  // number, events before it
@@ -202,8 +172,7 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
     const int operations = 1 + static_cast<int>(random() % 300);
     for (int op = 0; op < operations; ++op) {
       const std::string relation = "REL" + std::to_string(random() % 4);
-      LiteralRow newRow(relation.c_str());
-      LiteralRow oldRow(relation.c_str());
+      LiteralRow newRow(relation.c_str()), oldRow(relation.c_str());
       const int fields = static_cast<int>(random() % 12);
       const int oldFields = static_cast<int>(random() % (fields + 1));
       std::string entries;
@@ -224,15 +193,13 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
         if (kind >= 3 && kind <= 5) entries += "|" + name + ":" + before + ">" + after;
       }
       std::int32_t result = 0;
-      if (kind <= 1) {
-        result = t->insertRecord(status, db.attachment(), db.transaction(), &newRow);
-        expected.push_back("I|" + relation + entries);
-      } else if (kind == 2) {
-        result = t->deleteRecord(status, db.attachment(), db.transaction(), &newRow);
-        expected.push_back("D|" + relation + entries);
-      } else if (kind <= 5) {
-        result = t->updateRecord(status, db.attachment(), db.transaction(), &oldRow, &newRow);
-        expected.push_back("U|" + relation + entries);
+      if (kind <= 5) {
+        const char tag = kind <= 1 ? 'I' : kind == 2 ? 'D' : 'U';
+        auto* a = db.attachment();
+        result = tag == 'I'   ? t->insertRecord(status, a, db.transaction(), &newRow)
+                 : tag == 'D' ? t->deleteRecord(status, a, db.transaction(), &newRow)
+                              : t->updateRecord(status, a, db.transaction(), &oldRow, &newRow);
+        expected.push_back(tag + ("|" + relation) + entries);
       } else if (kind == 6) {
         const std::string sql = maker.randomText(random() % 256);
         const auto number = static_cast<std::int64_t>(random());
@@ -251,12 +218,8 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
                           : savepoints[random() % savepoints.size()].first;
         t->rollbackSavepoint(n);
         while (!savepoints.empty() && savepoints.back().first > n) savepoints.pop_back();
-        if (savepoints.empty()) {
-          expected.clear();
-        } else {
-          expected.resize(savepoints.back().second);
-          savepoints.pop_back();
-        }
+        expected.resize(savepoints.empty() ? 0 : savepoints.back().second);
+        if (!savepoints.empty()) savepoints.pop_back();
       }
       ASSERT_EQ(0, result) << status.text();
     }
@@ -266,23 +229,15 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
     EXPECT_EQ(expected, decodePublished(&file));
     if (file.size() > largest.size()) largest = file;
   }
-  writeFile(dir / "largest.fbl", std::string(largest.begin(), largest.end()));
   ASSERT_GT(largest.size(), 3u * 32768) << "the logs should cross several blocks";
 
   // Any change of the stream, sealed with valid CRCs so that the decoder's own checks are reached,
   // and any cut of the file: the decoder reads on or stops with a LogFormatError, nothing else.
-  Bytes stream;
-  for (std::size_t at = 0; at < largest.size(); at += 32768) {
-    const std::size_t n = std::min<std::size_t>(32768, largest.size() - at) - 4;
-    stream.insert(stream.end(), largest.begin() + at, largest.begin() + at + n);
-  }
+  const Bytes stream = streamOf(largest);
   auto survives = [&](const Bytes& file) {
-    writeFile(dir / "damaged.fbl", std::string(file.begin(), file.end()));
+    writeFile(dir / "damaged.fbl", file);
     try {
-      LogDecoder decoder;
-      decoder.open(dir / "damaged.fbl");
-      while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
-      }
+      decodeAll(dir / "damaged.fbl");
     } catch (const LogFormatError&) {
     }
   };
@@ -299,18 +254,19 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
 }
 
 // Damage that valid CRCs do not reveal: each case names the log position of the byte at fault
-// (the end of the stream for a log cut short) and what was expected there.
+// (the end of the stream for a log cut short), its block, and what was expected there.
 TEST_F(LogDecoderTest, StructuralDamageIsReportedWhereItLies) {
   const std::string header = "ZEFO\x04";
   const std::string insertT = std::string("I\0\1T", 4);
   const std::string field = std::string("\2ID\xFD\x09\0\0\5\0\0\0", 11);
   const std::string record = insertT + field + "\xFF";
-  struct Case {
-    const char* name;
-    std::string stream;
-    std::size_t position;
-    const char* reason;
-  } cases[] = {
+  // Far into a log the position counts the trailers of the blocks before: a damaged tag at stream
+  // offset s lies at s + 4 * (s / 32764).
+  std::string longStream = header;
+  while (longStream.size() < 70000) longStream += record;
+  const std::size_t damaged = longStream.size();
+  // Name, stream, position, reason.
+  const std::tuple<const char*, std::string, std::size_t, const char*> cases[] = {
       {"magic", "ZEFA\x04" + record + "{", 3, "expected the magic"},
       {"version", std::string("ZEFO\x03", 5) + record + "{", 4, "expected the format version 04"},
       {"tag", header + "X" + record + "{", 5, "expected a record tag"},
@@ -331,42 +287,22 @@ TEST_F(LogDecoderTest, StructuralDamageIsReportedWhereItLies) {
       {"bytes after the marker", header + record + std::string("{\0", 2), 22,
        "bytes follow the commit marker"},
       {"nothing recorded", header + "{", 5, "no record before its commit marker"},
+      {"tag in the third block", longStream + "X{", damaged + 4 * (damaged / 32764),
+       "expected a record tag"},
   };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, stream, position, reason] : cases) {
+    SCOPED_TRACE(name);
     const std::string path = dir / "damaged.fbl";
-    const Bytes file = containerOf(bytesOf(c.stream));
-    writeFile(path, std::string(file.begin(), file.end()));
+    writeFile(path, containerOf(bytesOf(stream)));
     try {
-      LogDecoder decoder;
-      decoder.open(path);
-      while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
-      }
+      decodeAll(path);
       ADD_FAILURE() << "decoded without complaint";
     } catch (const LogFormatError& e) {
-      EXPECT_EQ(static_cast<std::int64_t>(c.position), e.position()) << e.what();
-      EXPECT_NE(std::string::npos, e.reason().find(c.reason)) << e.what();
+      EXPECT_EQ(static_cast<std::int64_t>(position), e.position()) << e.what();
+      EXPECT_EQ(static_cast<std::int64_t>(position / 32768), e.block());
+      EXPECT_NE(std::string::npos, e.reason().find(reason)) << e.what();
       EXPECT_EQ(path, e.file());
     }
-  }
-
-  // Far into a log the position counts the trailers of the blocks before: a damaged tag at stream
-  // offset s lies at s + 4 * (s / 32764).
-  std::string longStream = header;
-  while (longStream.size() < 70000) longStream += record;
-  const std::size_t damaged = longStream.size();
-  longStream += "X{";
-  const Bytes file = containerOf(bytesOf(longStream));
-  writeFile(dir / "long.fbl", std::string(file.begin(), file.end()));
-  LogDecoder decoder;
-  decoder.open(dir / "long.fbl");
-  try {
-    while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
-    }
-    ADD_FAILURE() << "decoded without complaint";
-  } catch (const LogFormatError& e) {
-    EXPECT_EQ(static_cast<std::int64_t>(damaged + 4 * (damaged / 32764)), e.position());
-    EXPECT_EQ(2, e.block());
   }
 }
 
@@ -378,7 +314,7 @@ TEST_F(LogDecoderTest, LargeBlobsAreStreamedPastTheThreshold) {
   for (std::size_t i = 0; i < data.size(); ++i) data[i] = static_cast<std::uint8_t>(i * 7);
   LiteralRow row("T");
   row.addBlob("B", db.createBlob(data, false, 30000)).addBlob("SMALL", db.createBlob({1, 2}, true));
-  Firebird::IReplTransaction* t = plugin->startTransaction(status, 1);
+  ReplTransaction* t = begin();
   ASSERT_EQ(0, t->insertRecord(status, db.attachment(), db.transaction(), &row));
   ASSERT_EQ(0, t->commit(status));
   t->dispose();
@@ -388,7 +324,7 @@ TEST_F(LogDecoderTest, LargeBlobsAreStreamedPastTheThreshold) {
     EXPECT_EQ("B", name);
     received.insert(received.end(), p, p + n);
   });
-  decoder.open(dir / ("logs/" + listDirectory(dir / "logs").at(0)));
+  decoder.open(publishedLog());
   const ChangeEvent& e = decoder.next();
   ASSERT_EQ(2u, e.fields.size());
   EXPECT_TRUE(e.fields[0].after.streamed);

@@ -35,9 +35,6 @@ TEST(ReplPluginStart, VersionsAndConfigurations) {
     bool mkdirFails = false;
   };
   const auto key = [&](const std::string& value) { return "OutputDirectory = " + value + "\n"; };
-  const auto badVersion = [](int v) {
-    return Strings{"1", "335545000", "4", "30", "4", std::to_string(v)};
-  };
   const std::string p = dir.path();
   std::vector<Case> cases = {
       {key(p + "cdc"), 30, p + "cdc/", {}},
@@ -57,7 +54,8 @@ TEST(ReplPluginStart, VersionsAndConfigurations) {
        cdcError("CDC error creating output directory " + p + "denied/: Permission denied"), true},
   };
   for (int version : {29, 31, 0, -1, 3000})
-    cases.push_back({key(p + "v"), version, "", badVersion(version)});
+    cases.push_back(
+        {key(p + "v"), version, "", {"1", "335545000", "4", "30", "4", std::to_string(version)}});
   const mode_t savedMask = ::umask(0);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.config.substr(0, 80) + " version " + std::to_string(c.version));

@@ -1,33 +1,23 @@
-// Capture and replay on real databases: seeded workloads captured through the loaded plugin and
-// applied to a replica leave it equal to the source; an applier killed halfway and run again
-// does too; logs published within one second apply in the order of publication; conflicts stop
-// the applier or are resolved as asked.
-#include <fcntl.h>
+// Capture and replay on real databases: captured workloads applied to a replica, also by an applier
+// killed halfway, leave it equal to the source; logs of one second apply in the order of
+// publication; conflicts stop the applier or are resolved as asked.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <spawn.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <fstream>
 #include <random>
+#include <tuple>
 
 #include "CaptureDriver.h"
 #include "DatabaseComparer.h"
-#include "IReplPlugin.h"
-#include "IReplTransaction.h"
+#include "EmbeddedDatabase.h"
 #include "LiteralRow.h"
 #include "LogDirectory.h"
-#include "Message.h"
-#include "PosixFaults.h"
+#include "PluginFixture.h"
+#include "Processes.h"
 #include "ReplicaApplier.h"
-#include "TestFiles.h"
 #include "Workload.h"
-
-extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
-extern char** environ;
 
 namespace {
 
@@ -51,12 +41,12 @@ CaptureSummary capture(const TempDir& dir, std::uint64_t seed, int threads,
   return CaptureDriver(o).run();
 }
 
-ReplicaApplier::Summary applyAll(const std::string& replicaPath, const std::string& logs,
-                                 ReplicaApplier::Conflicts conflicts) {
-  Database replica(replicaPath, false);
+// Applies every log of dir/logs not yet applied to dir/replica.fdb.
+ReplicaApplier::Summary applyAll(const TempDir& dir, ReplicaApplier::Conflicts conflicts) {
+  Database replica(dir / "replica.fdb", false);
   ReplicaApplier applier(replica, conflicts);
   FollowPosition position = applier.position();
-  for (const LogFile& log : LogDirectory::list(logs)) {
+  for (const LogFile& log : LogDirectory::list(dir / "logs")) {
     if (position.isDone(log)) continue;
     position.advance(log);
     applier.apply(log, position);
@@ -74,29 +64,24 @@ std::string difference(const TempDir& dir) {
 }
 
 TEST(ReplicaTest, CapturedWorkloadsApplyToAnEqualReplica) {
-  const struct {
-    std::uint64_t seed;
-    int threads;
-    std::uint64_t transactions;
-    std::size_t maxBlob;
-  } cases[] = {{1, 1, 120, 64 << 10}, {2, 3, 150, 256 << 10}, {3, 2, 60, 5 << 20}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE("seed " + std::to_string(c.seed));
+  // Seed, threads, transactions, largest blob.
+  const std::tuple<std::uint64_t, int, std::uint64_t, std::size_t> cases[] = {
+      {1, 1, 120, 64 << 10}, {2, 3, 150, 256 << 10}, {3, 2, 60, 5 << 20}};
+  for (const auto& [seed, threads, transactions, maxBlob] : cases) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
     TempDir dir;
-    const CaptureSummary captured = capture(dir, c.seed, c.threads, c.transactions, c.maxBlob);
+    const CaptureSummary captured = capture(dir, seed, threads, transactions, maxBlob);
     EXPECT_GT(captured.rolledBack, 0u) << "whole transactions rolled back";
     std::size_t multiBlock = 0;
     for (const LogFile& log : LogDirectory::list(dir / "logs"))
       multiBlock += readFile(log.path).size() > 32768;
     EXPECT_GT(multiBlock, 3u);
-    const ReplicaApplier::Summary applied =
-        applyAll(dir / "replica.fdb", dir / "logs", ReplicaApplier::Conflicts::kError);
+    const ReplicaApplier::Summary applied = applyAll(dir, ReplicaApplier::Conflicts::kError);
     EXPECT_EQ(captured.rows, applied.rows);
     EXPECT_EQ(captured.statements, applied.statements);
     EXPECT_EQ("", difference(dir));
     // Exactly once: a second run finds every log applied.
-    EXPECT_EQ(0u,
-              applyAll(dir / "replica.fdb", dir / "logs", ReplicaApplier::Conflicts::kError).logs);
+    EXPECT_EQ(0u, applyAll(dir, ReplicaApplier::Conflicts::kError).logs);
     EXPECT_EQ("", difference(dir));
   }
 }
@@ -107,25 +92,14 @@ TEST(ReplicaTest, ApplierKilledHalfwayAndRunAgain) {
   capture(dir, 11, 2, 150, 128 << 10);
   std::mt19937 random(11);
   for (int run = 0;; ++run) {
-    std::vector<std::string> args = {FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb",
-                                     dir / "logs"};
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    pid_t pid;
-    ASSERT_EQ(0, posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ));
-    posix_spawn_file_actions_destroy(&actions);
-    if (run < 4) {
-      ::usleep(100000 + random() % 300000);
-      ::kill(pid, SIGKILL);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    if (WIFEXITED(status)) {
-      ASSERT_EQ(0, WEXITSTATUS(status));
+    const pid_t pid =
+        spawn({FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb", dir / "logs"},
+              "/dev/null", dir / "err.txt");
+    ASSERT_GT(pid, 0);
+    if (run < 4) ::usleep(100000 + random() % 300000);
+    const int status = run < 4 ? stop(pid, SIGKILL) : waitFor(pid);
+    if (status != -1) {
+      ASSERT_EQ(0, status) << readText(dir / "err.txt");
       break;
     }
   }
@@ -133,21 +107,17 @@ TEST(ReplicaTest, ApplierKilledHalfwayAndRunAgain) {
 }
 
 // A replica with one table, and a plugin writing logs for it with a fixed clock.
-class ApplyCases : public ::testing::Test {
+class ApplyCases : public PluginFixture {
  protected:
   void SetUp() override {
+    PluginFixture::SetUp();
     Database replica(dir / "replica.fdb", true);
     replica.executeAlone("CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER)");
     replica.executeAlone("CREATE TABLE BAG (V INTEGER)");
     replica.executeAlone("INSERT INTO T VALUES (1, 10)");
     replica.executeAlone("INSERT INTO BAG VALUES (7)");
     replica.executeAlone("INSERT INTO BAG VALUES (7)");
-    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
-    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
-    plugin = getReplPlugin(status, 30, config);
-    config->release();
   }
-  void TearDown() override { plugin->dispose(); }
 
   // Publishes one log of transaction number holding a single change.
   void publish(std::uint64_t number, char kind, const char* table, int id, int v) {
@@ -156,7 +126,7 @@ class ApplyCases : public ::testing::Test {
     if (std::string(table) == "T") row.addLong("ID", id), old.addLong("ID", id);
     row.addLong("V", v);
     old.addLong("V", v - 1);
-    Firebird::IReplTransaction* t = plugin->startTransaction(status, number);
+    ReplTransaction* t = begin(number);
     if (kind == 'I') t->insertRecord(status, nullptr, nullptr, &row);
     if (kind == 'U') t->updateRecord(status, nullptr, nullptr, &old, &row);
     if (kind == 'D') t->deleteRecord(status, nullptr, nullptr, &row);
@@ -168,48 +138,31 @@ class ApplyCases : public ::testing::Test {
   std::string rows() {
     Database replica(dir / "replica.fdb", false);
     std::string out;
-    Firebird::IStatement* s = replica.prepare("SELECT ID, V FROM T ORDER BY ID");
-    Message m(replica.status(), s->getOutputMetadata(replica.status()));
-    m.metadata()->release();
-    Firebird::IResultSet* r =
-        s->openCursor(replica.status(), replica.transaction(), nullptr, nullptr, m.metadata(), 0);
-    while (r->fetchNext(replica.status(), m.buffer()) == Firebird::IStatus::RESULT_OK) {
+    forEachRow(replica, "SELECT ID, V FROM T ORDER BY ID", [&](Message& m) {
       std::int32_t id, v;
       std::memcpy(&id, m.data(0), 4);
       std::memcpy(&v, m.data(1), 4);
       out += std::to_string(id) + "=" + std::to_string(v) + " ";
-    }
-    r->close(replica.status());
-    s->free(replica.status());
+    });
     return out;
   }
-
-  PosixFaults::Scope faults;
-  TempDir dir;
-  FbStatus status;
-  Firebird::IReplPlugin* plugin = nullptr;
 };
 
 // A key deleted by one transaction and inserted again by the next, published within the same
-// second, the second with the lower number: by name the insert would come first and fail.
+// second, the second with the lower number: LogDirectory lists logs in the order of publication;
+// by name the insert would come first and fail.
 TEST_F(ApplyCases, PublicationOrderWithinOneSecond) {
   PosixFaults::setTime(1700000000);
   publish(20, 'D', "T", 1, 10);
   publish(10, 'I', "T", 1, 11);
-  applyAll(dir / "replica.fdb", dir / "logs", ReplicaApplier::Conflicts::kError);
+  applyAll(dir, ReplicaApplier::Conflicts::kError);
   EXPECT_EQ("1=11 ", rows());
 }
 
 TEST_F(ApplyCases, ConflictsStopOrAreResolved) {
   using C = ReplicaApplier::Conflicts;
-  const struct {
-    char kind;
-    const char* table;
-    int id, v;
-    C mode;
-    const char* error;  // expected in the ApplyError, or "" when the log applies
-    const char* rows;
-  } cases[] = {
+  // Change, table, ID, V, mode, text expected in the ApplyError ("" when the log applies), rows.
+  const std::tuple<char, const char*, int, int, C, const char*, const char*> cases[] = {
       {'I', "T", 1, 11, C::kError, "violation of PRIMARY or UNIQUE KEY", "1=10 "},
       {'I', "T", 1, 11, C::kUpsert, "", "1=11 "},
       {'U', "T", 2, 12, C::kError, "event 0: the updated row is missing", "1=10 "},
@@ -221,27 +174,26 @@ TEST_F(ApplyCases, ConflictsStopOrAreResolved) {
       {'D', "BAG", 0, 7, C::kUpsert, "2 rows hold the old values", "1=10 "},
   };
   std::uint64_t number = 1;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(std::string(1, c.kind) + " " + c.table + " mode " +
-                 std::to_string(static_cast<int>(c.mode)));
-    for (const std::string& name : listDirectory(dir / "logs"))
-      ::remove((dir / "logs/" + name).c_str());
-    publish(number++, c.kind, c.table, c.id, c.v);
+  for (const auto& [kind, table, id, v, mode, expectedError, expectedRows] : cases) {
+    SCOPED_TRACE(std::string(1, kind) + " " + table + " mode " +
+                 std::to_string(static_cast<int>(mode)));
+    clearLogs();
+    publish(number++, kind, table, id, v);
     std::string error;
     std::uint64_t resolved = 0;
     try {
-      resolved = applyAll(dir / "replica.fdb", dir / "logs", c.mode).resolved;
+      resolved = applyAll(dir, mode).resolved;
     } catch (const ApplyError& e) {
       error = e.what();
     }
-    if (*c.error) {
-      EXPECT_NE(std::string::npos, error.find(c.error)) << error;
+    if (*expectedError) {
+      EXPECT_NE(std::string::npos, error.find(expectedError)) << error;
       EXPECT_NE(std::string::npos, error.find("log 0000")) << "names the log: " << error;
     } else {
       EXPECT_EQ("", error);
-      EXPECT_EQ(c.mode == C::kError ? 0u : 1u, resolved);
+      EXPECT_EQ(mode == C::kError ? 0u : 1u, resolved);
     }
-    EXPECT_EQ(c.rows, rows());
+    EXPECT_EQ(expectedRows, rows());
     // Back to the starting rows for the next case.
     Database replica(dir / "replica.fdb", false);
     replica.executeAlone("DELETE FROM T WHERE ID <> 1");

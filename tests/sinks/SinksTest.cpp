@@ -1,87 +1,45 @@
-// fbcdc follow into Kafka and Redis Streams: every event of every published log arrives, checked
-// against librdkafka's mock cluster (a Kafka protocol peer in this process) and a real
-// redis-server started on a free loopback port; broker failures and kills in the middle lose
-// nothing.
+// fbcdc follow into Kafka (librdkafka's mock cluster, in this process) and Redis Streams (a real
+// redis-server on a free loopback port): every event of every log arrives, and broker failures and
+// kills in the middle lose nothing.
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 #include <netinet/in.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 #include <regex>
-#include <set>
 
-#include "IReplPlugin.h"
-#include "IReplTransaction.h"
 #include "LiteralRow.h"
 #include "LogName.h"
-#include "TestFiles.h"
-
-extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
-extern char** environ;
+#include "PluginFixture.h"
+#include "Processes.h"
 
 namespace {
 
 // The Kafka protocol's API key of Produce requests.
 constexpr std::int16_t kProduceRequest = 0;
 
-pid_t spawn(std::vector<std::string> args, const std::string& out, const std::string& err) {
-  std::vector<char*> argv;
-  for (std::string& a : args) argv.push_back(&a[0]);
-  argv.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t pid = -1;
-  EXPECT_EQ(0, posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ));
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
-
-int wait(pid_t pid) {
-  int status = 0;
-  waitpid(pid, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-std::string text(const std::string& path) {
-  const Bytes b = readFile(path);
-  return std::string(b.begin(), b.end());
-}
-
 // A log's JSON event as the sinks send it, with the moment of production masked.
 std::string masked(std::string json) {
   return std::regex_replace(json, std::regex("\"ts_ms\":[0-9]+"), "\"ts_ms\":0");
 }
 
-// The events missing from or differing in arrived, in words; "" when they agree.
-std::string compare(const std::map<std::string, std::string>& expected,
-                    const std::map<std::string, std::string>& arrived) {
-  std::size_t missing = 0, differing = 0;
-  std::string first;
-  for (const auto& [id, json] : expected) {
-    const auto found = arrived.find(id);
-    if (found == arrived.end())
-      ++missing;
-    else if (found->second != json)
-      ++differing;
-    else
-      continue;
-    if (first.empty()) first = id;
-  }
-  if (missing + differing + (arrived.size() + missing - expected.size()) == 0) return "";
-  return std::to_string(missing) + " missing, " + std::to_string(differing) + " differing, " +
-         std::to_string(arrived.size() + missing - expected.size()) + " unexpected; first " + first;
+using Events = std::map<std::string, std::string>;  // JSON by identity
+
+// "" when arrived holds exactly the expected events; else the counts and the first difference.
+std::string compare(const Events& expected, const Events& arrived) {
+  if (expected == arrived) return "";
+  const auto [e, a] =
+      std::mismatch(expected.begin(), expected.end(), arrived.begin(), arrived.end());
+  return std::to_string(expected.size()) + " expected, " + std::to_string(arrived.size()) +
+         " arrived; first difference at " + (e != expected.end() ? e->first : a->first);
 }
 
 // "<file> <index>" of an event's JSON.
@@ -92,27 +50,17 @@ std::string identity(const std::string& json) {
   return m[1].str() + " " + m[2].str();
 }
 
-class SinksTest : public ::testing::Test {
+class SinksTest : public PluginFixture {
  protected:
-  void SetUp() override {
-    writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
-    Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
-    plugin = getReplPlugin(status, 30, config);
-    config->release();
-  }
-  void TearDown() override { plugin->dispose(); }
-
   // Publishes a log of inserts into two tables and a statement; a blob-sized text now and then.
   void publish(std::uint64_t number, int rows) {
-    Firebird::IReplTransaction* t = plugin->startTransaction(status, number);
+    ReplTransaction* t = begin(number);
     for (int i = 0; i < rows; ++i) {
       LiteralRow row(i % 3 ? "ORDERS" : "LINES");
       row.addLong("ID", static_cast<std::int32_t>(number * 1000 + i))
           .addVarchar("NOTE", std::string(static_cast<std::size_t>(i % 7) * 30, 'x'), 4);
       EXPECT_EQ(0, t->insertRecord(status, nullptr, nullptr, &row));
-      if (i % 5 == 4) {
-        EXPECT_EQ(0, t->deleteRecord(status, nullptr, nullptr, &row));
-      }
+      EXPECT_EQ(0, i % 5 == 4 ? t->deleteRecord(status, nullptr, nullptr, &row) : 0);
     }
     EXPECT_EQ(0, t->executeSql(status, "update counters set n = n + 1", 7));
     EXPECT_EQ(0, t->commit(status));
@@ -120,19 +68,14 @@ class SinksTest : public ::testing::Test {
   }
 
   // Every event of every log in the directory, by identity, as fbcdc dump prints it.
-  std::map<std::string, std::string> expected() {
-    const pid_t pid =
-        spawn({FBCDC_CLI_PATH, "dump", dir / "logs"}, dir / "dump.jsonl", dir / "dump.err");
-    EXPECT_EQ(0, wait(pid));
-    std::map<std::string, std::string> events;
-    std::istringstream in(text(dir / "dump.jsonl"));
+  Events expected() {
+    EXPECT_EQ(0,
+              waitFor(spawn({FBCDC_CLI_PATH, "dump", logs}, dir / "dump.jsonl", dir / "dump.err")));
+    Events events;
+    std::istringstream in(readText(dir / "dump.jsonl"));
     for (std::string line; std::getline(in, line);) events[identity(line)] = masked(line);
     return events;
   }
-
-  TempDir dir;
-  FbStatus status;
-  Firebird::IReplPlugin* plugin = nullptr;
 };
 
 // Reads every message of the topics back; returns them by topic.
@@ -184,18 +127,15 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
   const std::string checkpoint = dir / "checkpoint";
   auto follow = [&](const std::string& err) {
     // One message per request, so that an injected error falls in the middle of a log.
-    const std::vector<std::string> args = {FBCDC_CLI_PATH, "follow",       dir / "logs",
-                                           "--once",       "--sink",       "kafka",
-                                           "--brokers",    brokers,        "--checkpoint",
-                                           checkpoint,     "--tombstones", "--transactions",
-                                           "--key",        "ORDERS=ID",    "-X",
-                                           "linger.ms=0",  "-X",           "batch.num.messages=1"};
-    return wait(spawn(args, dir / "follow.out", err));
+    return waitFor(spawn({FBCDC_CLI_PATH, "follow", logs, "--once", "--sink", "kafka", "--brokers",
+                          brokers, "--checkpoint", checkpoint, "--tombstones", "--transactions",
+                          "--key", "ORDERS=ID", "-X", "linger.ms=0", "-X", "batch.num.messages=1"},
+                         dir / "follow.out", err));
   };
   publish(1, 20);
   publish(2, 10);
-  ASSERT_EQ(0, follow(dir / "err1.txt")) << text(dir / "err1.txt");
-  const std::string before = text(checkpoint);
+  ASSERT_EQ(0, follow(dir / "err1.txt")) << readText(dir / "err1.txt");
+  const std::string before = readText(checkpoint);
   EXPECT_NE(std::string::npos, before.find("_0000000000000002.fbl"));
 
   publish(3, 30);
@@ -204,26 +144,21 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
       RD_KAFKA_RESP_ERR_NO_ERROR, RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED,
       RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED, RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED);
   EXPECT_EQ(1, follow(dir / "err2.txt"));
-  EXPECT_NE(std::string::npos, text(dir / "err2.txt").find("_0000000000000003.fbl"))
-      << text(dir / "err2.txt");
-  EXPECT_EQ(before, text(checkpoint)) << "the checkpoint stays before the failed log";
-  ASSERT_EQ(0, follow(dir / "err3.txt")) << text(dir / "err3.txt");
+  EXPECT_NE(std::string::npos, readText(dir / "err2.txt").find("_0000000000000003.fbl"))
+      << readText(dir / "err2.txt");
+  EXPECT_EQ(before, readText(checkpoint)) << "the checkpoint stays before the failed log";
+  ASSERT_EQ(0, follow(dir / "err3.txt")) << readText(dir / "err3.txt");
 
   const auto topics = consume(brokers, {"fbcdc.ORDERS", "fbcdc.LINES", "fbcdc.transaction"});
-  std::map<std::string, std::string> arrived;
+  Events arrived;
   std::size_t tombstones = 0, markers = 0;
   for (const auto& [topic, messages] : topics) {
     for (const auto& [key, value] : messages) {
-      if (value == "null") {
-        ++tombstones;
+      if (value == "null" || value.find("\"status\":") != std::string::npos) {
+        ++(value == "null" ? tombstones : markers);
         continue;
       }
-      if (value.find("\"status\":") != std::string::npos) {
-        ++markers;
-        continue;
-      }
-      const std::string id = identity(value);
-      arrived[id] = masked(value);
+      arrived[identity(value)] = masked(value);
       if (topic == "fbcdc.ORDERS") {
         EXPECT_EQ(0u, key.find("{\"ID\":")) << key;
         EXPECT_EQ(std::string::npos, key.find("NOTE")) << "only the named key";
@@ -257,15 +192,12 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
     ::usleep(50000);
     redis = redisConnect("127.0.0.1", port);
   }
-  ASSERT_TRUE(redis && !redis->err) << "redis-server did not start: " << text(dir / "redis.err");
+  ASSERT_TRUE(redis && !redis->err)
+      << "redis-server did not start: " << readText(dir / "redis.err");
 
-  const std::vector<std::string> follow = {FBCDC_CLI_PATH,
-                                           "follow",
-                                           dir / "logs",
-                                           "--sink",
-                                           "redis",
-                                           "--redis",
-                                           "127.0.0.1:" + std::to_string(port)};
+  const std::string redisAddress = "127.0.0.1:" + std::to_string(port);
+  std::vector<std::string> follow = {FBCDC_CLI_PATH, "follow",  logs,        "--sink",
+                                     "redis",        "--redis", redisAddress};
   std::mt19937 random(3);
   std::uint64_t number = 1;
   for (int round = 0; round < 6; ++round) {
@@ -274,15 +206,13 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
       publish(number++, 1 + static_cast<int>(random() % 300));
       ::usleep(random() % 20000);
     }
-    ::kill(pid, SIGKILL);
-    wait(pid);
+    stop(pid, SIGKILL);
   }
-  std::vector<std::string> once = follow;
-  once.push_back("--once");
-  ASSERT_EQ(0, wait(spawn(once, dir / "follow.out", dir / "follow.err")))
-      << text(dir / "follow.err");
+  follow.push_back("--once");
+  ASSERT_EQ(0, waitFor(spawn(follow, dir / "follow.out", dir / "follow.err")))
+      << readText(dir / "follow.err");
 
-  std::map<std::string, std::string> arrived;
+  Events arrived;
   std::size_t duplicates = 0;
   for (const char* stream : {"fbcdc:ORDERS", "fbcdc:LINES", "fbcdc:transaction"}) {
     auto* reply = static_cast<redisReply*>(redisCommand(redis, "XRANGE %s - +", stream));
@@ -298,8 +228,7 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
   EXPECT_EQ(0u, duplicates);
   EXPECT_EQ("", compare(expected(), arrived));
   redisFree(redis);
-  ::kill(server, SIGTERM);
-  wait(server);
+  stop(server, SIGTERM);
 }
 
 }  // namespace

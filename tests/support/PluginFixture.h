@@ -29,9 +29,8 @@ class PluginFixture : public ::testing::Test {
 
   ReplTransaction* begin(std::uint64_t number = 1);
 
-  // Runs body in a fresh transaction, commits, disposes, and returns the published stream between
-  // header and commit marker, after checking the whole file against its container. Empty when
-  // nothing was published.
+  // Runs body in a fresh transaction, commits, disposes, checks the published file against its
+  // container and returns its stream between header and commit marker (empty when none).
   Bytes recordStream(const std::function<void(ReplTransaction*)>& body);
 
   // The one published file's path ("" when none).

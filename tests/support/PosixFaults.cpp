@@ -68,10 +68,14 @@ bool inject(Call call, long* limit = nullptr) {
   return false;
 }
 
-// Passes a call on unless a rule fails it.
+// Passes a call on unless a rule fails it; one that succeeds is recorded with its paths, its
+// descriptor and its offset (only while recording: nothing is built otherwise).
 template <typename Real, typename... Args>
-auto passOrFail(Call call, Real real, Args... args) -> decltype(real(args...)) {
-  return inject(call) ? -1 : real(args...);
+int passOrFail(Call call, const char* path, const char* path2, int fd, long long offset, Real real,
+               Args... args) {
+  const int r = inject(call) ? -1 : real(args...);
+  if (r == 0 && recording) record({call, path, path2, fd, offset, ""});
+  return r;
 }
 
 }  // namespace
@@ -192,39 +196,23 @@ int __wrap_close(int fd) {
 }
 
 off64_t __wrap_lseek64(int fd, off64_t offset, int whence) {
-  return passOrFail(kLseek64, __real_lseek64, fd, offset, whence);
+  return inject(kLseek64) ? -1 : __real_lseek64(fd, offset, whence);
 }
 // The calls below change the file system or sync it; a successful one is recorded.
 int __wrap_ftruncate64(int fd, off64_t length) {
-  const int r = passOrFail(kFtruncate64, __real_ftruncate64, fd, length);
-  if (r == 0 && recording) record({kFtruncate64, "", "", fd, length, ""});
-  return r;
+  return passOrFail(kFtruncate64, "", "", fd, length, __real_ftruncate64, fd, length);
 }
 int __wrap_rename(const char* from, const char* to) {
-  const int r = passOrFail(kRename, __real_rename, from, to);
-  if (r == 0 && recording) record({kRename, from, to, -1, 0, ""});
-  return r;
+  return passOrFail(kRename, from, to, -1, 0, __real_rename, from, to);
 }
 int __wrap_remove(const char* path) {
-  const int r = passOrFail(kRemove, __real_remove, path);
-  if (r == 0 && recording) record({kRemove, path, "", -1, 0, ""});
-  return r;
+  return passOrFail(kRemove, path, "", -1, 0, __real_remove, path);
 }
 int __wrap_mkdir(const char* path, mode_t mode) {
-  const int r = passOrFail(kMkdir, __real_mkdir, path, mode);
-  if (r == 0 && recording) record({kMkdir, path, "", -1, 0, ""});
-  return r;
+  return passOrFail(kMkdir, path, "", -1, 0, __real_mkdir, path, mode);
 }
-int __wrap_fsync(int fd) {
-  const int r = passOrFail(kFsync, __real_fsync, fd);
-  if (r == 0 && recording) record({kFsync, "", "", fd, 0, ""});
-  return r;
-}
-int __wrap_fdatasync(int fd) {
-  const int r = passOrFail(kFdatasync, __real_fdatasync, fd);
-  if (r == 0 && recording) record({kFdatasync, "", "", fd, 0, ""});
-  return r;
-}
+int __wrap_fsync(int fd) { return passOrFail(kFsync, "", "", fd, 0, __real_fsync, fd); }
+int __wrap_fdatasync(int fd) { return passOrFail(kFdatasync, "", "", fd, 0, __real_fdatasync, fd); }
 
 time_t __wrap_time(time_t* t) {
   const time_t fixed = fixedTime;

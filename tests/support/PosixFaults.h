@@ -1,10 +1,6 @@
-// Fault injection for the POSIX calls of the library, by linker interposition (--wrap) on the test
-// binary: the library itself calls open, write, read, lseek64, ftruncate64, close, rename, remove,
-// mkdir and time directly, and the wrappers decide per call whether to pass it on, fail it with a
-// chosen errno, or let it transfer fewer bytes.
-//
-// Calls are counted from the last reset(). A rule fires at the nth counted call of its kind, once
-// or at every call from the nth on.
+// Fault injection for the library's POSIX calls by linker interposition (--wrap): per call the
+// wrappers pass it on, fail it with a chosen errno, or let it transfer fewer bytes. Calls are
+// counted from the last reset(); a rule fires at the nth call of its kind, once or from then on.
 #pragma once
 
 #include <ctime>

@@ -42,8 +42,17 @@ Bytes readFile(const std::string& path) {
   return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
+std::string readText(const std::string& path) {
+  const Bytes b = readFile(path);
+  return std::string(b.begin(), b.end());
+}
+
 void writeFile(const std::string& path, const std::string& text) {
   std::ofstream(path, std::ios::binary) << text;
+}
+
+void writeFile(const std::string& path, const Bytes& bytes) {
+  writeFile(path, std::string(bytes.begin(), bytes.end()));
 }
 
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }

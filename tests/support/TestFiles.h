@@ -30,7 +30,9 @@ class TempDir {
 Strings listDirectory(const std::string& path);
 bool fileExists(const std::string& path);
 Bytes readFile(const std::string& path);
+std::string readText(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
+void writeFile(const std::string& path, const Bytes& bytes);
 Bytes bytesOf(const std::string& text);
 std::string hex(const Bytes& bytes);
 // n bytes of a fixed pseudo-random sequence.

@@ -1,0 +1,37 @@
+#include "Processes.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+
+#include <csignal>
+#include <cstring>
+
+extern char** environ;
+
+pid_t spawn(std::vector<std::string> args, const std::string& out, const std::string& err) {
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  posix_spawn_file_actions_init(&actions);
+  posix_spawn_file_actions_addopen(&actions, 1, out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  posix_spawn_file_actions_addopen(&actions, 2, err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  pid_t pid = -1;
+  const int error = posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+  posix_spawn_file_actions_destroy(&actions);
+  if (error != 0) ADD_FAILURE() << "cannot start " << args[0] << ": " << std::strerror(error);
+  return error == 0 ? pid : -1;
+}
+
+int waitFor(pid_t pid) {
+  int status = 0;
+  if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+int stop(pid_t pid, int signal) {
+  if (pid > 0) ::kill(pid, signal);
+  return waitFor(pid);
+}
