@@ -16,14 +16,21 @@ TEST(CrashSafetyTest, KilledWritersLeaveOnlyWholeLogs) {
   TempDir dir;
   const std::string logs = dir / "logs/";
   writeFile(dir / "plugin.conf", "OutputDirectory = " + logs + "\n");
-  const int kills = std::getenv("FBCDC_KILLS") ? std::atoi(std::getenv("FBCDC_KILLS")) : 300;
+#ifdef FBCDC_SANITIZED
+  const int defaultKills = 80;
+#else
+  const int defaultKills = 300;
+#endif
+  const int kills =
+      std::getenv("FBCDC_KILLS") ? std::atoi(std::getenv("FBCDC_KILLS")) : defaultKills;
   std::mt19937 random(2026);
   std::size_t published = 0, complete = 0, incomplete = 0;
   for (int kill = 0; kill < kills; ++kill) {
     const pid_t pid =
         spawn({FBCDC_CRASH_WRITER, FBCDC_PLUGIN_PATH, dir / "plugin.conf", std::to_string(kill)},
-              "/dev/null", "/dev/null");
+              dir / "ready", "/dev/null");
     ASSERT_GT(pid, 0);
+    for (int wait = 0; wait < 3000 && readText(dir / "ready").empty(); ++wait) ::usleep(10000);
     ::usleep(2000 + random() % 25000);
     ASSERT_EQ(-1, stop(pid, SIGKILL)) << "the writer ended by itself";
     for (const std::string& name : listDirectory(logs)) {

@@ -95,8 +95,9 @@ class CrashStateTest : public ::testing::Test {
  protected:
   // Records a run of transactions: small, several blocks, a rollback into a block on disk, one
   // given up, one that records nothing.
-  Recording record(bool durable) {
-    const std::string logs = dir / (durable ? "durable/" : "plain/");
+  // Each run has a directory of its own: runs in different seconds publish under other names.
+  Recording record(bool durable, const std::string& name) {
+    const std::string logs = dir / (name + "/");
     FbStatus status;
     PosixFaults::startRecording();
     Firebird::IReplPlugin* plugin =
@@ -144,7 +145,8 @@ TEST_F(CrashStateTest, EveryCrashStateKeepsItsPromises) {
   for (const auto& [durable, ordered] :
        {std::pair{true, false}, std::pair{true, true}, std::pair{false, true}}) {
     SCOPED_TRACE(std::string(durable ? "durable" : "default") + (ordered ? ", ordered" : ", any"));
-    const Recording run = record(durable);
+    const Recording run = record(
+        durable, std::string(durable ? "durable" : "default") + (ordered ? "-ordered" : "-any"));
     const std::vector<Op>& ops = run.ops;
     for (std::size_t end = 0; end <= ops.size(); ++end) {
       // What a sync before the crash has made safe: data of a synced file, and every change of

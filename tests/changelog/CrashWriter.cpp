@@ -28,6 +28,9 @@ int main(int argc, char** argv) {
   Firebird::IConfig* config = master->getPluginManager()->getConfig(&wrapper, argv[2]);
   Firebird::IReplPlugin* plugin = config ? entry(status, 30, config) : nullptr;
   if (!plugin) return 1;
+  // Ready: the killer's clock starts now, not while the process and the library load.
+  std::fputs("ready\n", stdout);
+  std::fflush(stdout);
   std::mt19937 random(static_cast<unsigned>(std::atoi(argv[3])));
   // Numbers no other run of this writer uses.
   std::uint64_t number = static_cast<std::uint64_t>(::getpid()) << 24;
