@@ -8,8 +8,9 @@
 #include "LogFormatError.h"
 #include "ReplException.h"
 
-// The record parser is instantiated for both readers; inlined whole, the in-place reader keeps its
-// pointer in a register across a record.
+// The record parser is instantiated for both readers and inlined whole into next(), which is
+// therefore defined below it: called instead, it would take the in-place reader's address, and every
+// byte it stores would force the reader's pointer back to memory.
 #define FBCDC_INLINE inline __attribute__((always_inline))
 
 namespace {
@@ -203,52 +204,6 @@ void LogDecoder::startEvent() {
   event_.sqlNumber = 0;
 }
 
-const ChangeEvent& LogDecoder::next() {
-  if (finished_) throw std::logic_error("LogDecoder::next: no log open, or its end was read");
-  event_.index = nextIndex_;
-  event_.position = file_.getPosition();
-  startEvent();
-  // Most records lie whole in the loaded block and are read in place.
-  if (file_.available() > 0) {
-    InBlock in(*this, file_.peek(), file_.available());
-    try {
-      const std::uint8_t tag = in.byte(kTagExpected);
-      if (tag != kCommitMarker) {
-        readRecord(in, tag);
-        file_.consume(in.used());
-        ++nextIndex_;
-        return event_;
-      }
-    } catch (const InBlock::GiveUp&) {
-      startEvent();
-    }
-  }
-  try {
-    AcrossBlocks in(*this);
-    const std::uint8_t tag = in.byte(kTagExpected);
-    if (tag == kCommitMarker) {
-      // A published log always holds a record, and its stream ends with the marker.
-      if (nextIndex_ == 0)
-        fail(event_.position, "the log holds no record before its commit marker");
-      if (!file_.atEnd()) fail(file_.getPosition(), "bytes follow the commit marker");
-      event_.kind = ChangeEvent::Kind::kEnd;
-      finished_ = true;
-      return event_;
-    }
-    readRecord(in, tag);
-    resolveViews();
-  } catch (const ReplException& e) {
-    // The block reader's failures: a damaged block, a block too short, a failed read.
-    finished_ = true;
-    fail(file_.getPosition(), std::string(e.first()) + ": " + e.second());
-  } catch (...) {
-    finished_ = true;
-    throw;
-  }
-  ++nextIndex_;
-  return event_;
-}
-
 template <typename In>
 FBCDC_INLINE void LogDecoder::readRecord(In& in, std::uint8_t tag) {
   switch (tag) {
@@ -392,6 +347,52 @@ FBCDC_INLINE void LogDecoder::readValue(In& in, std::size_t field, Slot slot) {
     default:
       in.failByte(kTypeExpected, type);
   }
+}
+
+const ChangeEvent& LogDecoder::next() {
+  if (finished_) throw std::logic_error("LogDecoder::next: no log open, or its end was read");
+  event_.index = nextIndex_;
+  event_.position = file_.getPosition();
+  startEvent();
+  // Most records lie whole in the loaded block and are read in place.
+  if (file_.available() > 0) {
+    InBlock in(*this, file_.peek(), file_.available());
+    try {
+      const std::uint8_t tag = in.byte(kTagExpected);
+      if (tag != kCommitMarker) {
+        readRecord(in, tag);
+        file_.consume(in.used());
+        ++nextIndex_;
+        return event_;
+      }
+    } catch (const InBlock::GiveUp&) {
+      startEvent();
+    }
+  }
+  try {
+    AcrossBlocks in(*this);
+    const std::uint8_t tag = in.byte(kTagExpected);
+    if (tag == kCommitMarker) {
+      // A published log always holds a record, and its stream ends with the marker.
+      if (nextIndex_ == 0)
+        fail(event_.position, "the log holds no record before its commit marker");
+      if (!file_.atEnd()) fail(file_.getPosition(), "bytes follow the commit marker");
+      event_.kind = ChangeEvent::Kind::kEnd;
+      finished_ = true;
+      return event_;
+    }
+    readRecord(in, tag);
+    resolveViews();
+  } catch (const ReplException& e) {
+    // The block reader's failures: a damaged block, a block too short, a failed read.
+    finished_ = true;
+    fail(file_.getPosition(), std::string(e.first()) + ": " + e.second());
+  } catch (...) {
+    finished_ = true;
+    throw;
+  }
+  ++nextIndex_;
+  return event_;
 }
 
 void LogDecoder::readPieces(FieldValue& value, std::size_t field, Slot slot) {
