@@ -9,8 +9,8 @@
 #include "ReplException.h"
 
 // The record parser is instantiated for both readers and inlined whole into next(), which is
-// therefore defined below it: called instead, it would take the in-place reader's address, and every
-// byte it stores would force the reader's pointer back to memory.
+// therefore defined below it: called instead, it would take the in-place reader's address, and
+// every byte it stores would force the reader's pointer back to memory.
 #define FBCDC_INLINE inline __attribute__((always_inline))
 
 namespace {
