@@ -2,8 +2,10 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/inotify.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,6 +21,27 @@ namespace {
 std::atomic<bool> stopFlag{false};
 // Written by requestStop so that a follower waiting in poll wakes up.
 int stopPipe[2] = {-1, -1};
+// Where SIGINT and SIGTERM arrive once stopOnSignals has blocked them; -1 before.
+int signalFd = -1;
+
+sigset_t stopSignals() {
+  sigset_t set;
+  sigemptyset(&set);
+  sigaddset(&set, SIGINT);
+  sigaddset(&set, SIGTERM);
+  return set;
+}
+
+// Takes a pending stop signal, if one arrived. After the first, the signals are unblocked in this
+// thread again: a second one ends the process at once, as a user pressing Ctrl-C twice expects.
+bool takeSignal() {
+  if (signalFd < 0) return false;
+  signalfd_siginfo info;
+  if (::read(signalFd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return false;
+  const sigset_t set = stopSignals();
+  ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+  return true;
+}
 
 void ensureStopPipe() {
   static const bool made = [] {
@@ -28,8 +51,6 @@ void ensureStopPipe() {
   }();
   (void)made;
 }
-
-void onSignal(int) { LogFollower::requestStop(); }
 
 }  // namespace
 
@@ -50,7 +71,10 @@ void LogFollower::requestStop() {
   }
 }
 
-bool LogFollower::stopRequested() { return stopFlag.load(); }
+bool LogFollower::stopRequested() {
+  if (!stopFlag.load() && takeSignal()) stopFlag.store(true);
+  return stopFlag.load();
+}
 
 void LogFollower::clearStop() {
   stopFlag.store(false);
@@ -60,12 +84,12 @@ void LogFollower::clearStop() {
 }
 
 void LogFollower::stopOnSignals() {
-  ensureStopPipe();
-  struct sigaction action {};
-  action.sa_handler = onSignal;
-  sigemptyset(&action.sa_mask);
-  ::sigaction(SIGINT, &action, nullptr);
-  ::sigaction(SIGTERM, &action, nullptr);
+  if (signalFd >= 0) return;
+  const sigset_t set = stopSignals();
+  ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  signalFd = ::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (signalFd < 0)
+    throw std::runtime_error(std::string("cannot take signals: ") + std::strerror(errno));
 }
 
 void LogFollower::enqueue(std::vector<LogFile> logs, const FollowPosition& position) {
@@ -83,8 +107,8 @@ void LogFollower::rescan(const FollowPosition& position) {
 }
 
 void LogFollower::wait(const FollowPosition& position) {
-  pollfd fds[2] = {{inotify_, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
-  const int ready = ::poll(fds, 2, kRescanSeconds * 1000);
+  pollfd fds[3] = {{inotify_, POLLIN, 0}, {stopPipe[0], POLLIN, 0}, {signalFd, POLLIN, 0}};
+  const int ready = ::poll(fds, 3, kRescanSeconds * 1000);
   if (ready < 0 && errno != EINTR)
     throw std::runtime_error(std::string("cannot wait for new logs: ") + std::strerror(errno));
   if (ready <= 0) {

@@ -27,7 +27,8 @@ KafkaSink::KafkaSink(const Options& options, const EventFormat& format)
     if (rd_kafka_conf_set(conf, name.c_str(), value.c_str(), error, sizeof error) !=
         RD_KAFKA_CONF_OK) {
       rd_kafka_conf_destroy(conf);
-      throw std::runtime_error("Kafka setting " + name + "=" + value + ": " + error);
+      // A setting librdkafka does not take is the user's wrong argument, not a failure.
+      throw std::invalid_argument("Kafka setting " + name + "=" + value + ": " + error);
     }
   };
   set("bootstrap.servers", options.brokers);

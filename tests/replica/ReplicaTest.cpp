@@ -1,6 +1,7 @@
 // Capture and replay on real databases: captured workloads applied to a replica, also by an applier
 // killed halfway, leave it equal to the source; logs of one second apply in the order of
 // publication; conflicts stop the applier or are resolved as asked.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
@@ -104,6 +105,15 @@ TEST(ReplicaTest, ApplierKilledHalfwayAndRunAgain) {
     }
   }
   EXPECT_EQ("", difference(dir));
+  // Following, with nothing left to apply, it stops as a user stops it, attachment and all.
+  for (int signal : {SIGINT, SIGTERM}) {
+    const pid_t pid = spawn(
+        {FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb", "--follow", dir / "logs"},
+        dir / "out.txt", dir / "err.txt");
+    ::sleep(1);
+    EXPECT_EQ(0, stop(pid, signal)) << readText(dir / "err.txt");
+    EXPECT_THAT(readText(dir / "out.txt"), ::testing::HasSubstr("apply: 0 logs"));
+  }
 }
 
 // A replica with one table, and a plugin writing logs for it with a fixed clock.

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstring>
@@ -32,6 +33,19 @@ int waitFor(pid_t pid) {
 }
 
 int stop(pid_t pid, int signal) {
-  if (pid > 0) ::kill(pid, signal);
-  return waitFor(pid);
+  if (pid <= 0) return -1;
+  ::kill(pid, signal);
+  // A process that does not end within a minute of the signal hangs: the test fails, and the
+  // process is killed rather than left to hold the test up.
+  for (int waited = 0; waited < 6000; ++waited) {
+    int status = 0;
+    const pid_t ended = ::waitpid(pid, &status, WNOHANG);
+    if (ended == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (ended < 0) return -1;
+    ::usleep(10000);
+  }
+  ADD_FAILURE() << "process " << pid << " still runs a minute after signal " << signal;
+  ::kill(pid, SIGKILL);
+  waitFor(pid);
+  return -2;
 }

@@ -11,5 +11,6 @@
 pid_t spawn(std::vector<std::string> args, const std::string& out, const std::string& err);
 // Waits for pid: its exit status, or -1 when a signal ended it.
 int waitFor(pid_t pid);
-// Sends signal to pid (never to a pid that spawn did not return) and waits for it, as waitFor.
+// Sends signal to pid (never to a pid that spawn did not return) and waits for it, as waitFor; a
+// process still running a minute later is a test failure, killed, and gives -2.
 int stop(pid_t pid, int signal);

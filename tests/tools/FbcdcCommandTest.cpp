@@ -81,6 +81,11 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
       {{"dump", "--until", "2000-01-01", logs}, 0, "", ""},
       {{"verify", logs}, 0, "1 published logs: 1 valid", ""},
       {{"follow", dir / "none"}, 1, "", "not a directory"},
+      {{"follow", logs, "--once", "--sink", "kafka", "--brokers", "localhost:1", "-X", "no.such=1"},
+       2,
+       "",
+       "Kafka setting no.such=1"},
+      {{"dump", dir / "."}, 0, "", "no published logs there"},
   };
   for (const auto& [args, exitStatus, out, err] : cases) {
     SCOPED_TRACE(::testing::PrintToString(args));

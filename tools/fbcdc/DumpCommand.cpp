@@ -26,6 +26,7 @@ int dumpCommand(int argc, char** argv) {
   try {
     range = ranges.range();
     logs = expandPaths(paths, false);
+    if (logs.empty()) complain("dump", "no published logs there");  // a note; nothing failed
   } catch (const CLI::ValidationError& e) {
     complain("dump", e.what());
     return kExitUsage;

@@ -139,6 +139,8 @@ int followCommand(int argc, char** argv) {
   }
 
   try {
+    // Before the sink starts its threads, so that they inherit the blocked signals.
+    LogFollower::stopOnSignals();
     sink = makeSink(sinkArguments, output, writer);
     CheckpointFile checkpoint(checkpointPath);
     FollowPosition position;
@@ -150,7 +152,6 @@ int followCommand(int argc, char** argv) {
     } catch (const std::runtime_error& e) {
       throw std::runtime_error(std::string("the stored position is damaged: ") + e.what());
     }
-    LogFollower::stopOnSignals();
     LogFollower follower(directory, range);
     follower.run(
         position,
@@ -167,6 +168,9 @@ int followCommand(int argc, char** argv) {
         },
         once);
   } catch (const CLI::ValidationError& e) {
+    complain("follow", e.what());
+    return kExitUsage;
+  } catch (const std::invalid_argument& e) {  // a -X setting the Kafka client refused
     complain("follow", e.what());
     return kExitUsage;
   } catch (const std::exception& e) {

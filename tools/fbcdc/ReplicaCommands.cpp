@@ -1,10 +1,10 @@
 // fbcdc capture, apply, compare and demo: the plugin driven over a real database, and the logs
 // replayed into a replica.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 #include "CaptureDriver.h"
@@ -25,25 +25,37 @@ using Clock = std::chrono::steady_clock;
 
 double mib(std::uint64_t bytes) { return static_cast<double>(bytes) / 1048576.0; }
 
-// The plugin library beside this program: build/libfbcdc.so for build/tools/fbcdc, and
-// lib/libfbcdc.so for an installed bin/fbcdc.
-std::string defaultPluginLibrary() {
+// The directory of this program's executable, or "" when it cannot be found.
+std::string programDirectory() {
   char self[4096];
   const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
-  if (n > 0) {
-    self[n] = '\0';
-    std::string dir(self);
-    dir = dir.substr(0, dir.find_last_of('/'));
+  if (n <= 0) return "";
+  self[n] = '\0';
+  const std::string path(self);
+  return path.substr(0, path.find_last_of('/'));
+}
+
+// The plugin library that goes with this program: beside it, then build/libfbcdc.so for
+// build/tools/fbcdc, then lib/libfbcdc.so for an installed bin/fbcdc; else the loader's search.
+std::string defaultPluginLibrary() {
+  const std::string dir = programDirectory();
+  if (!dir.empty()) {
     const std::string up = dir.substr(0, dir.find_last_of('/'));
-    for (const std::string& candidate : {up + "/libfbcdc.so", up + "/lib/libfbcdc.so"})
+    for (const std::string& candidate :
+         {dir + "/libfbcdc.so", up + "/libfbcdc.so", up + "/lib/libfbcdc.so"})
       if (::access(candidate.c_str(), R_OK) == 0) return candidate;
   }
   return "libfbcdc.so";
 }
 
 // A Firebird configuration file naming the output directory, for a capture given none.
+// It goes beside the output directory, whose parent is made when missing: the plugin itself makes
+// only the directory's last component.
 std::string writeConfig(const std::string& directory) {
   const std::string path = directory.substr(0, directory.find_last_not_of('/') + 1) + ".conf";
+  const std::filesystem::path parent = std::filesystem::path(path).parent_path();
+  std::error_code ignored;  // a parent that cannot be made shows in the write below
+  if (!parent.empty()) std::filesystem::create_directories(parent, ignored);
   std::ofstream out(path);
   out << "# written by fbcdc capture\nOutputDirectory = " << directory << "\n";
   out.close();
@@ -85,7 +97,7 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
                                   const std::string& directory) {
   FollowPosition position = applier.position();
   Progress progress("apply", logs.size());
-  for (std::size_t i = 0; i < logs.size(); ++i) {
+  for (std::size_t i = 0; i < logs.size() && !(follow && LogFollower::stopRequested()); ++i) {
     if (position.isDone(logs[i])) continue;
     progress.update(i, logs[i].name);
     FollowPosition after = position;
@@ -93,8 +105,7 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
     applier.apply(logs[i], after);
     position = after;
   }
-  if (follow) {
-    LogFollower::stopOnSignals();
+  if (follow && !LogFollower::stopRequested()) {
     LogFollower follower(directory, LogRange());
     follower.run(
         position,
@@ -180,6 +191,8 @@ int applyCommand(int argc, char** argv) {
   }
   try {
     const std::vector<LogFile> logs = expandPaths(paths, false);
+    // Before the attachment starts the engine's threads, so that they inherit the blocked signals.
+    if (follow) LogFollower::stopOnSignals();
     Database replica(database, false);
     ReplicaApplier applier(replica, conflictsOf(conflicts));
     applier.onWarning([](const std::string& w) { complain("apply", "warning: " + w); });
@@ -242,7 +255,10 @@ int demoCommand(int argc, char** argv) {
     const std::string replicaPath = dir + "/replica.fdb";
     const std::string logs = dir + "/logs";
     for (const std::string& old : {source, replicaPath}) ::unlink(old.c_str());
-    ::mkdir(dir.c_str(), 0770);
+    std::error_code error;
+    std::filesystem::create_directories(dir, error);
+    if (error)
+      throw std::runtime_error("cannot make the directory " + dir + ": " + error.message());
     if (LogDirectory::isDirectory(logs)) {
       for (const LogFile& log : LogDirectory::list(logs, LogDirectory::Which::kBoth))
         ::unlink(log.path.c_str());
@@ -281,9 +297,9 @@ int demoCommand(int argc, char** argv) {
     Database sourceDb(source, false);
     const DatabaseComparer::Result r =
         DatabaseComparer::compare(sourceDb, replica, {ReplicaApplier::kPositionTable});
-    std::printf(
-        "\nthe logs are in %s; print them with: build/tools/fbcdc dump --format text %s\n\n",
-        logs.c_str(), logs.c_str());
+    const std::string program = programDirectory();
+    std::printf("\nthe logs are in %s; print them with: %s dump --format text %s\n\n", logs.c_str(),
+                program.empty() ? "fbcdc" : (program + "/fbcdc").c_str(), logs.c_str());
     const bool ok = r.equal && valid == published.size();
     std::printf(
         "%s: %llu transactions (%llu committed), %llu rows in %llu tables, %.1f MiB of "

@@ -23,6 +23,7 @@ int verifyCommand(int argc, char** argv) {
   std::vector<LogFile> logs;
   try {
     logs = expandPaths(paths, true);
+    if (logs.empty()) complain("verify", "no logs there");  // a note; nothing failed
   } catch (const std::exception& e) {
     complain("verify", e.what());
     return kExitFailed;
