@@ -27,6 +27,15 @@ std::string FollowPosition::serialize() const {
   return text + "\n";
 }
 
+namespace {
+
+// A damaged position may be anything, a huge file even: a complaint quotes only its beginning.
+std::string shown(const std::string& text) {
+  return text.size() <= 80 ? text : text.substr(0, 80) + "...";
+}
+
+}  // namespace
+
 FollowPosition FollowPosition::parse(const std::string& text) {
   FollowPosition position;
   std::istringstream in(text);
@@ -38,11 +47,11 @@ FollowPosition FollowPosition::parse(const std::string& text) {
   } catch (const std::exception&) {
     used = 0;
   }
-  if (used != time.size()) throw std::runtime_error("not a log time: \"" + time + "\"");
+  if (used != time.size()) throw std::runtime_error("not a log time: \"" + shown(time) + "\"");
   for (std::string name; in >> name;) {
     LogName parsed;
     if (!LogName::parse(name, parsed) || !parsed.published)
-      throw std::runtime_error("not a log name: \"" + name + "\"");
+      throw std::runtime_error("not a log name: \"" + shown(name) + "\"");
     position.names_.push_back(name);
   }
   if (position.names_.empty()) throw std::runtime_error("no log name after the time");

@@ -5,7 +5,6 @@
 #include <pthread.h>
 #include <signal.h>
 #include <sys/inotify.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -21,9 +20,6 @@ namespace {
 std::atomic<bool> stopFlag{false};
 // Written by requestStop so that a follower waiting in poll wakes up.
 int stopPipe[2] = {-1, -1};
-// Where SIGINT and SIGTERM arrive once stopOnSignals has blocked them; -1 before.
-int signalFd = -1;
-
 sigset_t stopSignals() {
   sigset_t set;
   sigemptyset(&set);
@@ -32,15 +28,21 @@ sigset_t stopSignals() {
   return set;
 }
 
-// Takes a pending stop signal, if one arrived. After the first, the signals are unblocked in this
-// thread again: a second one ends the process at once, as a user pressing Ctrl-C twice expects.
-bool takeSignal() {
-  if (signalFd < 0) return false;
-  signalfd_siginfo info;
-  if (::read(signalFd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return false;
+// Waits for the stop signals, which every other thread blocks: the first requests a stop, the
+// next ends the process with the signal's default action, as a user pressing Ctrl-C twice expects
+// (also when the first cannot be acted on, say with the output blocked).
+void* takeSignals(void*) {
   const sigset_t set = stopSignals();
+  int signal = 0;
+  while (::sigwait(&set, &signal) != 0) {
+  }
+  LogFollower::requestStop();
+  while (::sigwait(&set, &signal) != 0) {
+  }
+  ::signal(signal, SIG_DFL);
   ::pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-  return true;
+  ::raise(signal);
+  return nullptr;
 }
 
 void ensureStopPipe() {
@@ -71,10 +73,7 @@ void LogFollower::requestStop() {
   }
 }
 
-bool LogFollower::stopRequested() {
-  if (!stopFlag.load() && takeSignal()) stopFlag.store(true);
-  return stopFlag.load();
-}
+bool LogFollower::stopRequested() { return stopFlag.load(); }
 
 void LogFollower::clearStop() {
   stopFlag.store(false);
@@ -84,12 +83,16 @@ void LogFollower::clearStop() {
 }
 
 void LogFollower::stopOnSignals() {
-  if (signalFd >= 0) return;
+  static bool started = false;
+  if (started) return;
+  ensureStopPipe();
   const sigset_t set = stopSignals();
   ::pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signalFd = ::signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-  if (signalFd < 0)
-    throw std::runtime_error(std::string("cannot take signals: ") + std::strerror(errno));
+  pthread_t thread;
+  if (const int error = ::pthread_create(&thread, nullptr, takeSignals, nullptr))
+    throw std::runtime_error(std::string("cannot start a thread: ") + std::strerror(error));
+  ::pthread_detach(thread);
+  started = true;
 }
 
 void LogFollower::enqueue(std::vector<LogFile> logs, const FollowPosition& position) {
@@ -107,8 +110,8 @@ void LogFollower::rescan(const FollowPosition& position) {
 }
 
 void LogFollower::wait(const FollowPosition& position) {
-  pollfd fds[3] = {{inotify_, POLLIN, 0}, {stopPipe[0], POLLIN, 0}, {signalFd, POLLIN, 0}};
-  const int ready = ::poll(fds, 3, kRescanSeconds * 1000);
+  pollfd fds[2] = {{inotify_, POLLIN, 0}, {stopPipe[0], POLLIN, 0}};
+  const int ready = ::poll(fds, 2, kRescanSeconds * 1000);
   if (ready < 0 && errno != EINTR)
     throw std::runtime_error(std::string("cannot wait for new logs: ") + std::strerror(errno));
   if (ready <= 0) {
@@ -125,6 +128,9 @@ void LogFollower::wait(const FollowPosition& position) {
       const auto* event = reinterpret_cast<const inotify_event*>(p);
       p += sizeof(inotify_event) + event->len;
       if (event->mask & IN_Q_OVERFLOW) overflow = true;
+      // Nothing will ever be published where the directory was watched: waiting on would hang.
+      if (event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED))
+        throw std::runtime_error("the directory " + directory_ + " was removed or moved away");
       if (event->len == 0) continue;
       // Reports come in the order of the renames; each is queued as it comes.
       LogFile log;
@@ -141,7 +147,8 @@ void LogFollower::run(FollowPosition& position, const Handler& handle, const Com
     // Watching starts before the first scan, so that nothing published in between is missed.
     inotify_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (inotify_ < 0 || ::inotify_add_watch(inotify_, directory_.c_str(),
-                                            IN_MOVED_TO | IN_CLOSE_WRITE | IN_ONLYDIR) < 0)
+                                            IN_MOVED_TO | IN_CLOSE_WRITE | IN_DELETE_SELF |
+                                                IN_MOVE_SELF | IN_ONLYDIR) < 0)
       throw std::runtime_error("cannot watch directory " + directory_ + ": " +
                                std::strerror(errno));
   }

@@ -37,10 +37,10 @@ class LogFollower {
 
   // Makes every running follower stop after its current log; safe in a signal handler.
   static void requestStop();
-  // From now on SIGINT and SIGTERM request a stop. They are blocked and taken from a signalfd
-  // between logs and while waiting, never by a handler: after a handler has run, the embedded
-  // Firebird engine spins forever in its detach. Call it before other threads start (a database
-  // attachment, a Kafka producer) so that they inherit the block and no signal reaches them.
+  // From now on SIGINT and SIGTERM request a stop, and a second one ends the process. They are
+  // blocked and taken by a thread of their own with sigwait, never by a handler: after a handler
+  // has run, the embedded Firebird engine spins forever in its detach. Call it before other threads
+  // start (a database attachment, a Kafka producer) so that they inherit the block.
   static void stopOnSignals();
   static bool stopRequested();
   // Forgets a stop request (for a new run in the same process).

@@ -34,8 +34,11 @@ bool LogRange::parseTime(const std::string& text, std::int64_t& seconds) {
     rest += 1 + more;
   }
   if (*rest == 'Z') ++rest;
-  if (*rest != '\0' || month < 1 || month > 12 || day < 1 || day > 31 || hour > 23 || minute > 59 ||
-      second > 60)
+  // Days past the month's end (2026-02-30) are refused rather than carried into the next month.
+  static const int kDays[] = {31, 29, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+  const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+  if (*rest != '\0' || month < 1 || month > 12 || day < 1 || day > kDays[month - 1] ||
+      (month == 2 && day == 29 && !leap) || hour > 23 || minute > 59 || second > 60)
     return false;
   seconds =
       ValueText::daysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) *

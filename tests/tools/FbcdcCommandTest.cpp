@@ -63,7 +63,7 @@ class FbcdcCommandTest : public PluginFixture {
 };
 
 TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
-  publish(1, 3);
+  writeFile(dir / "plain.fbl", readFile(publish(1, 3)));
   // Arguments, exit status, texts expected in stdout and in stderr.
   const std::tuple<std::vector<std::string>, int, const char*, const char*> cases[] = {
       {{}, 2, "", "usage: fbcdc COMMAND"},
@@ -86,6 +86,11 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
        "",
        "Kafka setting no.such=1"},
       {{"dump", dir / "."}, 0, "", "no published logs there"},
+      {{"dump", "--since", "2026-02-30", logs}, 2, "", "is not a time"},
+      {{"apply", "--database", dir / "none.fdb", dir / "plain.fbl"},
+       2,
+       "",
+       "not named as a published log"},
   };
   for (const auto& [args, exitStatus, out, err] : cases) {
     SCOPED_TRACE(::testing::PrintToString(args));
@@ -195,6 +200,15 @@ TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
   for (const auto& [file, n] : counts)
     EXPECT_EQ(static_cast<std::size_t>(n), seen[file].size()) << file;
   EXPECT_EQ(counts.size(), seen.size());
+
+  // A follower whose directory goes away says so and ends, rather than wait for nothing.
+  const std::string gone = dir / "gone";
+  ::mkdir(gone.c_str(), 0700);
+  const pid_t orphan = start({"follow", gone}, dir / "gone.jsonl", dir / "gone.txt");
+  ::usleep(300000);
+  ::rmdir(gone.c_str());
+  EXPECT_EQ(1, stop(orphan, 0));  // no signal: it must end by itself
+  EXPECT_THAT(readText(dir / "gone.txt"), HasSubstr("was removed or moved away"));
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // replayed into a replica.
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -12,6 +13,7 @@
 #include "DatabaseComparer.h"
 #include "LogDirectory.h"
 #include "LogFollower.h"
+#include "LogName.h"
 #include "LogVerifier.h"
 #include "Progress.h"
 #include "ReplicaApplier.h"
@@ -98,7 +100,13 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
   FollowPosition position = applier.position();
   Progress progress("apply", logs.size());
   for (std::size_t i = 0; i < logs.size() && !(follow && LogFollower::stopRequested()); ++i) {
-    if (position.isDone(logs[i])) continue;
+    if (position.isDone(logs[i])) {
+      // In a directory, what the replica has already is passed over quietly; a log named on its
+      // own is reported, since it may have been meant to be applied.
+      if (!LogDirectory::isDirectory(directory))
+        complain("apply", logs[i].path + ": skipped, at or before the replica's position");
+      continue;
+    }
     progress.update(i, logs[i].name);
     FollowPosition after = position;
     after.advance(logs[i]);
@@ -189,8 +197,28 @@ int applyCommand(int argc, char** argv) {
     complain("apply", "--follow takes exactly one directory");
     return kExitUsage;
   }
+  std::vector<LogFile> logs;
   try {
-    const std::vector<LogFile> logs = expandPaths(paths, false);
+    logs = expandPaths(paths, false);
+  } catch (const std::exception& e) {
+    complain("apply", e.what());
+    return kExitFailed;
+  }
+  // The replica's position records log names, and a position that names something else could
+  // never be read back: a file named otherwise (a copy, a temporary log) is refused up front.
+  for (const LogFile& log : logs) {
+    LogName name;
+    if (!LogName::parse(log.name, name) || !name.published) {
+      complain("apply", log.path + ": not named as a published log (<time>_<transaction>.fbl)");
+      return kExitUsage;
+    }
+  }
+  // Logs named one by one are applied in publication order, whatever the order of the arguments.
+  std::sort(logs.begin(), logs.end());
+  logs.erase(std::unique(logs.begin(), logs.end(),
+                         [](const LogFile& a, const LogFile& b) { return a.path == b.path; }),
+             logs.end());
+  try {
     // Before the attachment starts the engine's threads, so that they inherit the blocked signals.
     if (follow) LogFollower::stopOnSignals();
     Database replica(database, false);

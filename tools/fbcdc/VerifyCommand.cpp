@@ -1,5 +1,7 @@
 // fbcdc verify: checks logs block by block and record by record.
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include "Command.h"
 #include "LogVerifier.h"
@@ -58,6 +60,11 @@ int verifyCommand(int argc, char** argv) {
         "%zu published logs: %zu valid, %zu damaged; %zu temporary: %zu complete but "
         "never published, %zu incomplete\n",
         counts[0] + counts[1], counts[0], damaged, counts[2] + counts[3], counts[2], counts[3]);
+  }
+  // A report that did not reach its reader is no verdict.
+  if (std::fflush(stdout) != 0 || std::ferror(stdout)) {
+    complain("verify", std::string("cannot write the output: ") + std::strerror(errno));
+    return kExitFailed;
   }
   return damaged == 0 ? kExitOk : kExitFailed;
 }
