@@ -4,17 +4,20 @@
 #include <sstream>
 #include <stdexcept>
 
-bool FollowPosition::isDone(const LogFile& log) const {
-  if (names_.empty()) return false;
-  if (log.changeTime != changeTime_) return log.changeTime < changeTime_;
-  return std::find(names_.begin(), names_.end(), log.name) != names_.end();
+FollowPosition::Verdict FollowPosition::check(const LogFile& log) const {
+  if (names_.empty()) return Verdict::kNotDone;
+  if (std::find(names_.begin(), names_.end(), log.name) != names_.end()) return Verdict::kDone;
+  if (!log.fromName) return log.publishedAt < publishedAt_ ? Verdict::kDone : Verdict::kNotDone;
+  if (log.publishedAt + LogFile::kPublishWindow <= publishedAt_) return Verdict::kDone;
+  if (log.publishedAt >= publishedAt_) return Verdict::kNotDone;
+  return Verdict::kUnknown;
 }
 
 void FollowPosition::advance(const LogFile& log) {
-  if (names_.empty() || log.changeTime > changeTime_) {
-    changeTime_ = log.changeTime;
+  if (names_.empty() || log.publishedAt > publishedAt_) {
+    publishedAt_ = log.publishedAt;
     names_.assign(1, log.name);
-  } else if (log.changeTime == changeTime_) {
+  } else if (log.publishedAt == publishedAt_) {
     names_.push_back(log.name);
   }
   // A log with an earlier time (the clock went back) is already counted as done.
@@ -22,7 +25,7 @@ void FollowPosition::advance(const LogFile& log) {
 
 std::string FollowPosition::serialize() const {
   if (names_.empty()) return "";
-  std::string text = std::to_string(changeTime_);
+  std::string text = std::to_string(publishedAt_);
   for (const std::string& name : names_) text += " " + name;
   return text + "\n";
 }
@@ -43,7 +46,7 @@ FollowPosition FollowPosition::parse(const std::string& text) {
   if (!(in >> time)) return position;  // empty: nothing done yet
   std::size_t used = 0;
   try {
-    position.changeTime_ = std::stoll(time, &used);
+    position.publishedAt_ = std::stoll(time, &used);
   } catch (const std::exception&) {
     used = 0;
   }

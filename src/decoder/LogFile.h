@@ -10,16 +10,22 @@ struct LogFile {
   std::string path;  // as found: the directory joined with the name
   std::string name;  // the last component
   LogName parsed;
-  // The file's status-change time in nanoseconds. Publishing is a rename, which sets it, so it
-  // orders logs by publication more finely than the second in their names.
-  std::int64_t changeTime = 0;
+  // When the log was published, in nanoseconds. Publishing is a rename, which sets the file's
+  // status-change time: finer than the second in the name. A status-change time that the rename
+  // cannot have set, outside the two seconds from the name's second on (after a chmod, a copy, a
+  // restore), tells nothing of publication: the name's second stands in, and fromName is set.
+  std::int64_t publishedAt = 0;
+  bool fromName = false;
 
-  // Publication order: by status-change time, then by name (time of publication, then
-  // transaction number). Two logs published within one tick of the file system's clock (a few
-  // milliseconds) fall back to the name.
+  // Publication order: by publication time, then by name (time of publication, then transaction
+  // number). Two logs published within one tick of the file system's clock (a few milliseconds),
+  // or two whose times come from their names within one second, fall back to the name.
   bool operator<(const LogFile& other) const {
-    return changeTime != other.changeTime ? changeTime < other.changeTime : name < other.name;
+    return publishedAt != other.publishedAt ? publishedAt < other.publishedAt : name < other.name;
   }
+
+  // The window after the name's second in which a publishing rename sets the status-change time.
+  static constexpr std::int64_t kPublishWindow = 2000000000;
 
   // Fills a LogFile for path; false when it cannot be examined or is not a log's name.
   static bool examine(const std::string& path, LogFile& log);

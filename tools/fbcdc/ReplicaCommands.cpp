@@ -94,13 +94,36 @@ int printSummary(const CaptureSummary& s) {
 }
 
 // Applies the logs not yet applied; with follow, goes on as new ones are published.
+// Whether log is still to be applied after position. A log moved in time by a change of its
+// metadata (chmod, a copy, a restore) may lie too close to the position to tell: applying it might
+// apply it twice and skipping it might lose it, so the applier stops and says why, unless the log
+// was named on its own, which says that it is to be applied.
+bool needsApplying(const FollowPosition& position, const LogFile& log, bool named) {
+  switch (position.check(log)) {
+    case FollowPosition::Verdict::kDone:
+      return false;
+    case FollowPosition::Verdict::kNotDone:
+      return true;
+    case FollowPosition::Verdict::kUnknown:
+      if (named) return true;
+      break;
+  }
+  throw std::runtime_error(
+      log.path +
+      ": the file was changed after publication (chmod, a copy, a restore), losing the "
+      "time that orders it, and lies within two seconds of the replica's position " +
+      position.lastName() +
+      ": whether it was applied cannot be told. If the replica lacks its changes, apply it by "
+      "naming it alone; then move it out of the directory");
+}
+
 ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
                                   const std::vector<LogFile>& logs, bool follow,
                                   const std::string& directory) {
   FollowPosition position = applier.position();
   Progress progress("apply", logs.size());
   for (std::size_t i = 0; i < logs.size() && !(follow && LogFollower::stopRequested()); ++i) {
-    if (position.isDone(logs[i])) {
+    if (!needsApplying(position, logs[i], !LogDirectory::isDirectory(directory))) {
       // In a directory, what the replica has already is passed over quietly; a log named on its
       // own is reported, since it may have been meant to be applied.
       if (!LogDirectory::isDirectory(directory))
@@ -118,6 +141,7 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
     follower.run(
         position,
         [&](const LogFile& log) {
+          if (!needsApplying(position, log, false)) return;
           FollowPosition after = position;
           after.advance(log);
           applier.apply(log, after);
