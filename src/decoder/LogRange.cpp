@@ -17,6 +17,15 @@ bool LogRange::endsBefore(const LogFile& log) const {
   return (until && log.parsed.time >= *until) || (to && log.name > *to);
 }
 
+bool LogRange::closedAt(std::int64_t now) const {
+  if (until && now >= *until) return true;
+  if (!to) return false;
+  // Every name of that second or later sorts after the second's 16 hex digits alone.
+  char prefix[24];
+  std::snprintf(prefix, sizeof prefix, "%016llx", static_cast<unsigned long long>(now));
+  return *to < prefix;
+}
+
 bool LogRange::parseTime(const std::string& text, std::int64_t& seconds) {
   if (!text.empty() && text[0] == '@') {
     char* end = nullptr;

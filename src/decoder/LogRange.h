@@ -17,6 +17,9 @@ struct LogRange {
   bool contains(const LogFile& log) const;
   // Whether no later log can be in the range (used to stop following).
   bool endsBefore(const LogFile& log) const;
+  // Whether no log published from the second now on can be in the range: its name will carry that
+  // second or a later one (used to stop waiting for logs that cannot come).
+  bool closedAt(std::int64_t now) const;
 
   // Reads "2023-11-14T22:13:23Z", "2023-11-14 22:13:23", "2023-11-14" (UTC) or "@1700000003";
   // false when the text is none of these.
