@@ -1,7 +1,10 @@
 // fbcdc verify: checks logs block by block and record by record.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <stdexcept>
 
 #include "Command.h"
 #include "LogVerifier.h"
@@ -26,6 +29,13 @@ int verifyCommand(int argc, char** argv) {
   try {
     logs = expandPaths(paths, true);
     if (logs.empty()) complain("verify", "no logs there");  // a note; nothing failed
+    // A verdict speaks of a file at rest: a pipe would be read once and found short, a device
+    // such as /dev/zero never ends.
+    for (const LogFile& log : logs) {
+      struct stat st;
+      if (::stat(log.path.c_str(), &st) == 0 && !S_ISREG(st.st_mode))
+        throw std::runtime_error(log.path + ": not a regular file");
+    }
   } catch (const std::exception& e) {
     complain("verify", e.what());
     return kExitFailed;
