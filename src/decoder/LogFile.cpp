@@ -8,10 +8,15 @@ bool LogFile::examine(const std::string& path, LogFile& log) {
   if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   log.path = path;
   log.name = LogName::baseName(path);
-  const std::int64_t changed =
-      static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
-  const std::int64_t named = log.parsed.time * 1000000000;
-  log.fromName = changed < named || changed >= named + kPublishWindow;
-  log.publishedAt = log.fromName ? named : changed;
+  log.changed = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
+  log.publishedAt = log.changed;
+  log.fromName = false;
+  // A name's second far outside any clock's range says nothing either (and would overflow).
+  constexpr std::int64_t kFar = 9000000000;
+  if (log.parsed.time > -kFar && log.parsed.time < kFar) {
+    const std::int64_t named = log.parsed.time * 1000000000;
+    log.fromName = log.changed < named || log.changed >= named + kPublishWindow;
+    if (log.fromName) log.publishedAt = named;
+  }
   return true;
 }

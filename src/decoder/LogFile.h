@@ -12,10 +12,11 @@ struct LogFile {
   LogName parsed;
   // When the log was published, in nanoseconds. Publishing is a rename, which sets the file's
   // status-change time: finer than the second in the name. A status-change time that the rename
-  // cannot have set, outside the two seconds from the name's second on (after a chmod, a copy, a
+  // cannot have set, outside the minute from the name's second on (after a chmod, a copy, a
   // restore), tells nothing of publication: the name's second stands in, and fromName is set.
   std::int64_t publishedAt = 0;
   bool fromName = false;
+  std::int64_t changed = 0;  // the status-change time itself
 
   // Publication order: by publication time, then by name (time of publication, then transaction
   // number). Two logs published within one tick of the file system's clock (a few milliseconds),
@@ -24,8 +25,10 @@ struct LogFile {
     return publishedAt != other.publishedAt ? publishedAt < other.publishedAt : name < other.name;
   }
 
-  // The window after the name's second in which a publishing rename sets the status-change time.
-  static constexpr std::int64_t kPublishWindow = 2000000000;
+  // How long after the second in its name a log's publishing rename may set its status-change
+  // time: the name is formed just before the rename, but a rename may stall under load, and a log
+  // taken for changed when it is new could be passed over. Generous, so that never happens.
+  static constexpr std::int64_t kPublishWindow = 60 * std::int64_t{1000000000};
 
   // Fills a LogFile for path; false when it cannot be examined or is not a log's name.
   static bool examine(const std::string& path, LogFile& log);

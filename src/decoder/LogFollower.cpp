@@ -100,9 +100,12 @@ void LogFollower::enqueue(std::vector<LogFile> logs, const FollowPosition& posit
   std::sort(logs.begin(), logs.end());
   for (LogFile& log : logs) {
     if (position.isDone(log) || !range_.contains(log)) continue;
-    const bool queued = std::any_of(queue_.begin(), queue_.end(),
-                                    [&](const LogFile& q) { return q.name == log.name; });
-    if (!queued) queue_.push_back(std::move(log));
+    const auto queued = std::find_if(queue_.begin(), queue_.end(),
+                                     [&](const LogFile& q) { return q.name == log.name; });
+    if (queued == queue_.end())
+      queue_.push_back(std::move(log));
+    else if (!log.fromName)
+      *queued = std::move(log);  // its rename's report, after a scan found it
   }
 }
 
@@ -135,8 +138,13 @@ void LogFollower::wait(const FollowPosition& position) {
       if (event->len == 0) continue;
       // Reports come in the order of the renames; each is queued as it comes.
       LogFile log;
-      if (LogFile::examine(directory_ + event->name, log) && log.parsed.published)
+      // A log reported by its rename was published just now, however long after its name was
+      // formed: its status-change time is the publication's.
+      if (LogFile::examine(directory_ + event->name, log) && log.parsed.published) {
+        log.publishedAt = log.changed;
+        log.fromName = false;
         enqueue({log}, position);
+      }
     }
   }
   if (overflow) rescan(position);
@@ -161,13 +169,21 @@ void LogFollower::run(FollowPosition& position, const Handler& handle, const Com
       queue_.erase(queue_.begin());
       if (range_.endsBefore(log)) return;
       // A log may have gone since it was queued, or been handled under a report and a rescan.
-      if (position.isDone(log) || !LogFile::examine(log.path, log)) continue;
+      // It keeps the time it was queued with: a report's is the finer one.
+      LogFile still;
+      if (position.isDone(log) || !LogFile::examine(log.path, still)) continue;
       handle(log);
       position.advance(log);
       committed(position);
     }
-    // The clock of the writer may run a little ahead of this one: two seconds to spare.
-    if (once || stopRequested() || range_.closedAt(std::time(nullptr) - 2)) return;
+    if (once || stopRequested()) return;
+    // Once no log still to come can be in the range, what is there is taken, and that is all. A
+    // rename may come late after its name was formed: the same window to spare.
+    if (range_.closedAt(std::time(nullptr) - LogFile::kPublishWindow / 1000000000)) {
+      rescan(position);
+      if (queue_.empty()) return;
+      continue;
+    }
     wait(position);
   }
 }

@@ -34,19 +34,21 @@ TEST(FollowPositionTest, VerdictsAroundThePosition) {
   position.advance(logAt(100, 7, 100 * kSecond + 300000000, false));
   position.advance(logAt(100, 3, 100 * kSecond + 300000000, false));
   const std::int64_t at = 100 * kSecond + 300000000;
+  const std::int64_t w = LogFile::kPublishWindow / kSecond;  // seconds
   // Name second, transaction, publication time, taken from the name, verdict.
   const std::tuple<std::int64_t, std::uint64_t, std::int64_t, bool, V> cases[] = {
-      {100, 5, at - 1, false, V::kDone},           // published just before
-      {100, 5, at, false, V::kNotDone},            // same instant, not among the names
-      {100, 3, at, false, V::kDone},               // same instant, among the names
-      {100, 9, at + 1, false, V::kNotDone},        // just after
-      {100, 7, 500 * kSecond, false, V::kDone},    // a name finished, its file touched since
-      {97, 2, 97 * kSecond, true, V::kDone},       // changed since: published by 99 s at the latest
-      {98, 2, 98 * kSecond, true, V::kDone},       // by 100 s at the latest
-      {99, 2, 99 * kSecond, true, V::kUnknown},    // 99 s to 101 s: either side of 100.3 s
-      {100, 2, 100 * kSecond, true, V::kUnknown},  // 100 s to 102 s
-      {101, 2, 101 * kSecond, true, V::kNotDone},  // from 101 s on
-      {100, 7, 100 * kSecond, true, V::kDone},     // among the names
+      {100, 5, at - 1, false, V::kDone},         // published just before
+      {100, 5, at, false, V::kNotDone},          // same instant, not among the names
+      {100, 3, at, false, V::kDone},             // same instant, among the names
+      {100, 9, at + 1, false, V::kNotDone},      // just after
+      {100, 7, 500 * kSecond, false, V::kDone},  // a name finished, its file touched since
+      // Changed since publication: published somewhere in the window after the name's second.
+      {100 - w - 1, 2, (100 - w - 1) * kSecond, true, V::kDone},  // by 99 s at the latest
+      {100 - w, 2, (100 - w) * kSecond, true, V::kDone},          // by 100 s at the latest
+      {101 - w, 2, (101 - w) * kSecond, true, V::kUnknown},       // either side of 100.3 s
+      {100, 2, 100 * kSecond, true, V::kUnknown},                 // 100 s to 100 s + w
+      {101, 2, 101 * kSecond, true, V::kNotDone},                 // from 101 s on
+      {100, 7, 100 * kSecond, true, V::kDone},                    // among the names
   };
   for (const auto& [second, transaction, publishedAt, fromName, verdict] : cases) {
     SCOPED_TRACE(std::to_string(second) + " " + std::to_string(transaction) + " " +
@@ -64,10 +66,15 @@ TEST(FollowPositionTest, VerdictsAroundThePosition) {
 TEST(FollowPositionTest, PublicationTimeOfAFile) {
   TempDir dir;
   const std::time_t now = std::time(nullptr);
+  const std::int64_t w = LogFile::kPublishWindow / kSecond;
+  // Names far outside any clock's range keep the status-change time.
   for (const auto& [nameSecond, fromName] : {std::pair<std::int64_t, bool>{now, false},
                                              {now - 1, false},
-                                             {now - 60, true},
-                                             {now + 60, true}}) {
+                                             {now - w + 5, false},
+                                             {now - w - 1, true},
+                                             {now + 5, true},
+                                             {-1, true},
+                                             {std::int64_t{1} << 62, false}}) {
     char name[64];
     std::snprintf(name, sizeof name, "%016llx_0000000000000001.fbl",
                   static_cast<long long>(nameSecond));
@@ -76,9 +83,7 @@ TEST(FollowPositionTest, PublicationTimeOfAFile) {
     LogFile log;
     ASSERT_TRUE(LogFile::examine(path, log));
     EXPECT_EQ(fromName, log.fromName) << nameSecond - now;
-    if (fromName) {
-      EXPECT_EQ(nameSecond * kSecond, log.publishedAt);
-    }
+    EXPECT_EQ(fromName ? nameSecond * kSecond : log.changed, log.publishedAt);
     ::unlink(path.c_str());
   }
 }

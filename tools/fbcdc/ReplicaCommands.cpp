@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "CaptureDriver.h"
 #include "Command.h"
@@ -111,23 +112,25 @@ bool needsApplying(const FollowPosition& position, const LogFile& log, bool name
   throw std::runtime_error(
       log.path +
       ": the file was changed after publication (chmod, a copy, a restore), losing the "
-      "time that orders it, and lies within two seconds of the replica's position " +
+      "time that orders it, and lies within a minute of the replica's position " +
       position.lastName() +
       ": whether it was applied cannot be told. If the replica lacks its changes, apply it by "
       "naming it alone; then move it out of the directory");
 }
 
+// named: the names of the logs given one by one rather than found in a directory.
 ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
                                   const std::vector<LogFile>& logs, bool follow,
-                                  const std::string& directory) {
+                                  const std::string& directory,
+                                  const std::set<std::string>& named = {}) {
   FollowPosition position = applier.position();
   Progress progress("apply", logs.size());
   for (std::size_t i = 0; i < logs.size() && !(follow && LogFollower::stopRequested()); ++i) {
-    if (!needsApplying(position, logs[i], !LogDirectory::isDirectory(directory))) {
+    const bool alone = named.count(logs[i].name) != 0;
+    if (!needsApplying(position, logs[i], alone)) {
       // In a directory, what the replica has already is passed over quietly; a log named on its
       // own is reported, since it may have been meant to be applied.
-      if (!LogDirectory::isDirectory(directory))
-        complain("apply", logs[i].path + ": skipped, at or before the replica's position");
+      if (alone) complain("apply", logs[i].path + ": skipped, at or before the replica's position");
       continue;
     }
     progress.update(i, logs[i].name);
@@ -237,10 +240,15 @@ int applyCommand(int argc, char** argv) {
       return kExitUsage;
     }
   }
-  // Logs named one by one are applied in publication order, whatever the order of the arguments.
+  // Logs named one by one are applied in publication order, whatever the order of the arguments,
+  // and each log once, however many ways it was named.
+  std::set<std::string> named;
+  for (const std::string& path : paths)
+    if (!LogDirectory::isDirectory(path)) named.insert(LogName::baseName(path));
   std::sort(logs.begin(), logs.end());
-  logs.erase(std::unique(logs.begin(), logs.end(),
-                         [](const LogFile& a, const LogFile& b) { return a.path == b.path; }),
+  std::set<std::string> seen;
+  logs.erase(std::remove_if(logs.begin(), logs.end(),
+                            [&](const LogFile& log) { return !seen.insert(log.name).second; }),
              logs.end());
   try {
     // Before the attachment starts the engine's threads, so that they inherit the blocked signals.
@@ -249,7 +257,7 @@ int applyCommand(int argc, char** argv) {
     ReplicaApplier applier(replica, conflictsOf(conflicts));
     applier.onWarning([](const std::string& w) { complain("apply", "warning: " + w); });
     const auto start = Clock::now();
-    const ReplicaApplier::Summary s = applyLogs(replica, applier, logs, follow, paths[0]);
+    const ReplicaApplier::Summary s = applyLogs(replica, applier, logs, follow, paths[0], named);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::printf(
         "apply: %llu logs, %llu rows, %llu statements in %.1f s (%.0f rows/s); %llu "
