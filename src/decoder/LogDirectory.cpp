@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <sys/stat.h>
+#include <time.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,7 +19,12 @@ bool LogDirectory::isDirectory(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-std::vector<LogFile> LogDirectory::list(const std::string& directory, Which which) {
+std::vector<LogFile> LogDirectory::list(const std::string& directory, Which which, bool settled) {
+  // The file system stamps times from the coarse clock: a rename after this moment gets a later
+  // tick or this one, and a log of this very tick is told from the others by its name.
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  const std::int64_t began = static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
   DIR* dir = ::opendir(directory.c_str());
   if (!dir)
     throw std::runtime_error("cannot read directory " + directory + ": " + std::strerror(errno));
@@ -29,7 +35,7 @@ std::vector<LogFile> LogDirectory::list(const std::string& directory, Which whic
     if (!LogFile::examine(prefix + entry->d_name, log)) continue;
     const bool wanted =
         which == Which::kBoth || (which == Which::kPublished) == log.parsed.published;
-    if (wanted) logs.push_back(std::move(log));
+    if (wanted && !(settled && log.changed > began)) logs.push_back(std::move(log));
   }
   ::closedir(dir);
   std::sort(logs.begin(), logs.end());

@@ -12,7 +12,12 @@ class LogDirectory {
 
   // The logs of directory, sorted in publication order; throws std::runtime_error when the
   // directory cannot be read. Entries that vanish while they are listed are left out.
-  static std::vector<LogFile> list(const std::string& directory, Which which = Which::kPublished);
+  //
+  // A directory read while renames go on may miss a log renamed early in it and return one renamed
+  // later; a consumer that moved its position past the later one would never take the first. With
+  // settled, logs renamed in after the read began are left out too, for the next look to find.
+  static std::vector<LogFile> list(const std::string& directory, Which which = Which::kPublished,
+                                   bool settled = false);
 
   // directory with exactly one "/" at its end.
   static std::string withSlash(const std::string& directory);

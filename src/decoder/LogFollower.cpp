@@ -110,7 +110,12 @@ void LogFollower::enqueue(std::vector<LogFile> logs, const FollowPosition& posit
 }
 
 void LogFollower::rescan(const FollowPosition& position) {
-  enqueue(LogDirectory::list(directory_), position);
+  // What was renamed in during the scan is reported, and takes its place among what was found;
+  // reports lost to an overflow mean another scan.
+  do {
+    enqueue(LogDirectory::list(directory_, LogDirectory::Which::kPublished, true), position);
+  } while (inotify_ >= 0 && readReports(position));
+  std::sort(queue_.begin(), queue_.end());
 }
 
 void LogFollower::wait(const FollowPosition& position) {
@@ -122,7 +127,10 @@ void LogFollower::wait(const FollowPosition& position) {
     rescan(position);
     return;
   }
-  if (!(fds[0].revents & POLLIN)) return;
+  if ((fds[0].revents & POLLIN) && readReports(position)) rescan(position);
+}
+
+bool LogFollower::readReports(const FollowPosition& position) {
   alignas(inotify_event) char buffer[16384];
   bool overflow = false;
   for (;;) {
@@ -147,7 +155,7 @@ void LogFollower::wait(const FollowPosition& position) {
       }
     }
   }
-  if (overflow) rescan(position);
+  return overflow;
 }
 
 void LogFollower::run(FollowPosition& position, const Handler& handle, const Committed& committed,

@@ -55,6 +55,8 @@ class LogFollower {
   void rescan(const FollowPosition& position);
   // Waits for reports or a stop; queues what was reported.
   void wait(const FollowPosition& position);
+  // Queues what inotify has reported so far, without waiting; true when reports were lost.
+  bool readReports(const FollowPosition& position);
 
   std::string directory_;
   LogRange range_;

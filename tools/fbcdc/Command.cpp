@@ -73,13 +73,14 @@ void addRangeOptions(CLI::App& app, RangeOptions& o) {
   app.add_option("--to", o.to, "only logs whose name sorts at or before this name");
 }
 
-std::vector<LogFile> expandPaths(const std::vector<std::string>& paths, bool withTemporary) {
+std::vector<LogFile> expandPaths(const std::vector<std::string>& paths, bool withTemporary,
+                                 bool settled) {
   std::vector<LogFile> logs;
   for (const std::string& path : paths) {
     if (LogDirectory::isDirectory(path)) {
       const auto which =
           withTemporary ? LogDirectory::Which::kBoth : LogDirectory::Which::kPublished;
-      for (LogFile& log : LogDirectory::list(path, which)) logs.push_back(std::move(log));
+      for (LogFile& log : LogDirectory::list(path, which, settled)) logs.push_back(std::move(log));
       continue;
     }
     LogFile log;

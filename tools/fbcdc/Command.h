@@ -55,9 +55,11 @@ struct RangeOptions {
 void addRangeOptions(CLI::App& app, RangeOptions& options);
 
 // The logs named on the command line: a file as it is, a directory as its published logs in
-// publication order (with temporary ones as well when asked). Throws std::runtime_error for a path
-// that does not exist.
-std::vector<LogFile> expandPaths(const std::vector<std::string>& paths, bool withTemporary);
+// publication order (with temporary ones as well when asked; only those renamed in before the read
+// began with settled, see LogDirectory::list). Throws std::runtime_error for a path that does not
+// exist.
+std::vector<LogFile> expandPaths(const std::vector<std::string>& paths, bool withTemporary,
+                                 bool settled = false);
 
 // Prints "fbcdc NAME: text" on stderr.
 void complain(const char* command, const std::string& text);

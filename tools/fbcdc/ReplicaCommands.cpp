@@ -226,7 +226,8 @@ int applyCommand(int argc, char** argv) {
   }
   std::vector<LogFile> logs;
   try {
-    logs = expandPaths(paths, false);
+    // Settled: a position must never move past a log that a directory read going on missed.
+    logs = expandPaths(paths, false, true);
   } catch (const std::exception& e) {
     complain("apply", e.what());
     return kExitFailed;
