@@ -15,6 +15,7 @@
 #include "EmbeddedDatabase.h"
 #include "LiteralRow.h"
 #include "LogDirectory.h"
+#include "LogName.h"
 #include "PluginFixture.h"
 #include "Processes.h"
 #include "ReplicaApplier.h"
@@ -161,13 +162,28 @@ class ApplyCases : public PluginFixture {
 // A key deleted by one transaction and inserted again by the next, published within the same
 // second, the second with the lower number: LogDirectory lists logs in the order of publication;
 // by name the insert would come first and fail.
+// Named one by one, in the wrong order and one of them twice, they are applied in publication
+// order, each once; named again, a log is skipped with a note.
 TEST_F(ApplyCases, PublicationOrderWithinOneSecond) {
   // Both names carry this second; the renames set the real times that tell the order.
   PosixFaults::setTime(::time(nullptr));
   publish(20, 'D', "T", 1, 10);
+  const std::string deletion = logs + listDirectory(logs)[0];
   publish(10, 'I', "T", 1, 11);
   PosixFaults::setTime(0);
-  applyAll(dir, ReplicaApplier::Conflicts::kError);
+  std::string insertion;
+  for (const std::string& name : listDirectory(logs))
+    if (logs + name != deletion) insertion = logs + name;
+  auto apply = [&](std::vector<std::string> paths) {
+    std::vector<std::string> args = {FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb"};
+    args.insert(args.end(), paths.begin(), paths.end());
+    return waitFor(spawn(args, dir / "out.txt", dir / "err.txt"));
+  };
+  EXPECT_EQ(0, apply({insertion, deletion, logs + "./" + LogName::baseName(deletion)}))
+      << readText(dir / "err.txt");
+  EXPECT_EQ("1=11 ", rows());
+  EXPECT_EQ(0, apply({deletion}));
+  EXPECT_THAT(readText(dir / "err.txt"), ::testing::HasSubstr("skipped, at or before"));
   EXPECT_EQ("1=11 ", rows());
 }
 
