@@ -19,6 +19,7 @@
 #include "FollowPosition.h"
 #include "LogDecoder.h"
 #include "PluginFixture.h"
+#include "PosixFaults.h"
 #include "Processes.h"
 
 namespace {
@@ -212,6 +213,18 @@ TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
   ::rmdir(gone.c_str());
   EXPECT_EQ(1, stop(orphan, 0));  // no signal: it must end by itself
   EXPECT_THAT(readText(dir / "gone.txt"), HasSubstr("was removed or moved away"));
+
+  // A rename that comes long after its name was formed (a stalled writer) is still a new log: the
+  // running follower takes it, although its name's second lies before the position.
+  const pid_t late = start({"follow", logs, "--checkpoint", checkpoint, "--format", "text"},
+                           dir / "late.txt", dir / "err.txt");
+  ::sleep(1);
+  PosixFaults::setTime(::time(nullptr) - 600);
+  const std::string stalled = LogName::baseName(publish(9999, 3));
+  PosixFaults::setTime(0);
+  ::sleep(1);
+  EXPECT_EQ(0, stop(late, SIGTERM)) << readText(dir / "err.txt");
+  EXPECT_THAT(readText(dir / "late.txt"), HasSubstr(stalled));
 }
 
 }  // namespace
