@@ -20,10 +20,12 @@ bool LogDirectory::isDirectory(const std::string& path) {
 }
 
 std::vector<LogFile> LogDirectory::list(const std::string& directory, Which which, bool settled) {
-  // The file system stamps times from the coarse clock: a rename after this moment gets a later
-  // tick or this one, and a log of this very tick is told from the others by its name.
+  // Read from the fine clock: every rename before this moment has a time at or before it, whether
+  // the file system stamps from the coarse clock or (as recent kernels do) from the fine one. A
+  // rename during the read may still get an earlier coarse tick: ties in one tick are told apart
+  // by name, as everywhere.
   timespec now{};
-  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  ::clock_gettime(CLOCK_REALTIME, &now);
   const std::int64_t began = static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
   DIR* dir = ::opendir(directory.c_str());
   if (!dir)
