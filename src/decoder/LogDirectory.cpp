@@ -25,7 +25,7 @@ std::vector<LogFile> LogDirectory::list(const std::string& directory, Which whic
   // rename during the read may still get an earlier coarse tick: ties in one tick are told apart
   // by name, as everywhere.
   timespec now{};
-  ::clock_gettime(CLOCK_REALTIME, &now);
+  if (settled) ::clock_gettime(CLOCK_REALTIME, &now);
   const std::int64_t began = static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
   DIR* dir = ::opendir(directory.c_str());
   if (!dir)

@@ -76,13 +76,6 @@ void LogFollower::requestStop() {
 
 bool LogFollower::stopRequested() { return stopFlag.load(); }
 
-void LogFollower::clearStop() {
-  stopFlag.store(false);
-  char drain[64];
-  while (stopPipe[0] >= 0 && ::read(stopPipe[0], drain, sizeof drain) > 0) {
-  }
-}
-
 void LogFollower::stopOnSignals() {
   static bool started = false;
   if (started) return;

@@ -43,8 +43,6 @@ class LogFollower {
   // start (a database attachment, a Kafka producer) so that they inherit the block.
   static void stopOnSignals();
   static bool stopRequested();
-  // Forgets a stop request (for a new run in the same process).
-  static void clearStop();
 
   // Seconds between rescans while waiting; a rescan finds logs whose report was lost.
   static constexpr int kRescanSeconds = 5;

@@ -94,7 +94,6 @@ int printSummary(const CaptureSummary& s) {
   return kExitOk;
 }
 
-// Applies the logs not yet applied; with follow, goes on as new ones are published.
 // Whether log is still to be applied after position. A log moved in time by a change of its
 // metadata (chmod, a copy, a restore) may lie too close to the position to tell: applying it might
 // apply it twice and skipping it might lose it, so the applier stops and says why, unless the log
@@ -118,12 +117,20 @@ bool needsApplying(const FollowPosition& position, const LogFile& log, bool name
       "naming it alone; then move it out of the directory");
 }
 
-// named: the names of the logs given one by one rather than found in a directory.
+// Applies the logs not yet applied; with follow, goes on as new ones are published. named: the
+// names of the logs given one by one rather than found in a directory.
 ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
                                   const std::vector<LogFile>& logs, bool follow,
                                   const std::string& directory,
                                   const std::set<std::string>& named = {}) {
   FollowPosition position = applier.position();
+  // The log's changes and the position after it go into the replica in one transaction.
+  auto applyOne = [&](const LogFile& log) {
+    FollowPosition after = position;
+    after.advance(log);
+    applier.apply(log, after);
+    return after;
+  };
   Progress progress("apply", logs.size());
   for (std::size_t i = 0; i < logs.size() && !(follow && LogFollower::stopRequested()); ++i) {
     const bool alone = named.count(logs[i].name) != 0;
@@ -134,20 +141,15 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
       continue;
     }
     progress.update(i, logs[i].name);
-    FollowPosition after = position;
-    after.advance(logs[i]);
-    applier.apply(logs[i], after);
-    position = after;
+    position = applyOne(logs[i]);
   }
   if (follow && !LogFollower::stopRequested()) {
+    // The follower advances position itself after each log it hands over.
     LogFollower follower(directory, LogRange());
     follower.run(
         position,
         [&](const LogFile& log) {
-          if (!needsApplying(position, log, false)) return;
-          FollowPosition after = position;
-          after.advance(log);
-          applier.apply(log, after);
+          if (needsApplying(position, log, false)) applyOne(log);
         },
         [](const FollowPosition&) {}, false);
   }
