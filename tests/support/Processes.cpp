@@ -26,10 +26,16 @@ pid_t spawn(std::vector<std::string> args, const std::string& out, const std::st
   return error == 0 ? pid : -1;
 }
 
+namespace {
+
+int exitStatus(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -1; }
+
+}  // namespace
+
 int waitFor(pid_t pid) {
   int status = 0;
   if (pid < 0 || ::waitpid(pid, &status, 0) != pid) return -1;
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return exitStatus(status);
 }
 
 int stop(pid_t pid, int signal) {
@@ -40,7 +46,7 @@ int stop(pid_t pid, int signal) {
   for (int waited = 0; waited < 6000; ++waited) {
     int status = 0;
     const pid_t ended = ::waitpid(pid, &status, WNOHANG);
-    if (ended == pid) return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    if (ended == pid) return exitStatus(status);
     if (ended < 0) return -1;
     ::usleep(10000);
   }
