@@ -9,8 +9,8 @@
 #include "ReplException.h"
 
 // The record parser is instantiated for both readers and inlined whole into next(), which is
-// therefore defined below it: called instead, it would take the in-place reader's address, and
-// every byte it stores would force the reader's pointer back to memory.
+// therefore defined below it, and so is every operation of the in-place reader: with one of them
+// called instead, the reader's address would escape and its position would live in memory.
 #define FBCDC_INLINE inline __attribute__((always_inline))
 
 namespace {
@@ -45,23 +45,30 @@ std::string hexByte(std::uint8_t b) {
 
 // Reads a record from the bytes of the loaded block alone. Running out of bytes, or meeting
 // anything unusual (damage, a blob of several pieces), gives up; the record is then read again
-// across blocks, which also words every complaint.
+// across blocks, which also words every complaint. Giving up is a flag, not an exception: the
+// record crossing each block's edge gives up, and a throw costs more than decoding the block's
+// other records together.
 class LogDecoder::InBlock {
  public:
-  struct GiveUp {};
+  InBlock(const LogDecoder& decoder, const std::uint8_t* p, std::int32_t n)
+      : start_(p),
+        p_(p),
+        end_(p + n),
+        streamThreshold_(decoder.receiver_ ? decoder.streamThreshold_
+                                           : std::numeric_limits<std::uint64_t>::max()) {}
 
-  InBlock(LogDecoder& decoder, const std::uint8_t* p, std::int32_t n)
-      : d_(decoder), start_(p), p_(p), end_(p + n) {}
-
+  // False once the reader gave up. Past that point every read yields zeros, which the parser takes
+  // for a bad name length and so stops.
+  bool ok() const { return ok_; }
   std::int32_t used() const { return static_cast<std::int32_t>(p_ - start_); }
 
-  std::uint8_t byte(const char*) {
-    if (p_ == end_) throw GiveUp();
+  FBCDC_INLINE std::uint8_t byte(const char*) {
+    if (p_ == end_) return giveUp();
     return *p_++;
   }
   template <int N>
-  std::uint64_t number(const char*) {
-    if (end_ - p_ < N) throw GiveUp();
+  FBCDC_INLINE std::uint64_t number(const char*) {
+    if (end_ - p_ < N) return giveUp();
     std::uint64_t value = 0;
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
     std::memcpy(&value, p_, N);  // the machine's own order is the log's
@@ -71,47 +78,43 @@ class LogDecoder::InBlock {
     p_ += N;
     return value;
   }
-  void text(std::size_t n, const char*, std::size_t field, Slot slot) {
-    if (static_cast<std::size_t>(end_ - p_) < n) throw GiveUp();
-    view(field, slot) = std::string_view(reinterpret_cast<const char*>(p_), n);
+  FBCDC_INLINE void text(std::size_t n, const char*, std::string_view& view, std::size_t, Slot) {
+    if (static_cast<std::size_t>(end_ - p_) < n) {
+      giveUp();
+      return;
+    }
+    view = std::string_view(reinterpret_cast<const char*>(p_), n);
     p_ += n;
   }
   // A blob of one piece lies whole in the block; more pieces are reassembled across blocks.
-  void pieces(FieldValue& value, std::size_t field, Slot slot) {
+  FBCDC_INLINE void pieces(FieldValue& value, std::size_t field, Slot slot) {
     const auto length = static_cast<std::size_t>(number<2>(nullptr));
-    if (length != 0) {
-      if (d_.receiver_ && length > d_.streamThreshold_) throw GiveUp();
-      text(length, nullptr, field, slot);
-      value.pieces = 1;
-      value.size = length;
-      if (number<2>(nullptr) != 0) throw GiveUp();
+    if (length == 0) return;
+    if (length > streamThreshold_) {
+      giveUp();
+      return;
     }
+    text(length, nullptr, value.bytes, field, slot);
+    value.pieces = 1;
+    value.size = length;
+    if (number<2>(nullptr) != 0) giveUp();
   }
-  [[noreturn]] void failByte(const char*, std::uint8_t) { throw GiveUp(); }
-  [[noreturn]] void fail(const std::string&) { throw GiveUp(); }
+  FBCDC_INLINE void failByte(const char*, std::uint8_t) { giveUp(); }
+  FBCDC_INLINE void failLength(const char*, std::uint8_t, std::uint8_t) { giveUp(); }
+  FBCDC_INLINE void fail(const char*) { giveUp(); }
 
  private:
-  std::string_view& view(std::size_t field, Slot slot) {
-    ChangeEvent& e = d_.event_;
-    switch (slot) {
-      case Slot::kName:
-        return d_.field(field).name;
-      case Slot::kBefore:
-        return d_.field(field).before.bytes;
-      case Slot::kAfter:
-        return d_.field(field).after.bytes;
-      case Slot::kRelation:
-        return e.relation;
-      case Slot::kStatement:
-        break;
-    }
-    return e.sqlText;
+  FBCDC_INLINE std::uint8_t giveUp() {
+    ok_ = false;
+    p_ = end_;
+    return 0;
   }
 
-  LogDecoder& d_;
   const std::uint8_t* start_;
   const std::uint8_t* p_;
   const std::uint8_t* end_;
+  std::uint64_t streamThreshold_;
+  bool ok_ = true;
 };
 
 // Reads a record through the block reader, loading (and verifying) blocks as it goes, and copies
@@ -127,7 +130,7 @@ class LogDecoder::AcrossBlocks {
     for (int i = 0; i < N; ++i) value |= static_cast<std::uint64_t>(d_.byte(what)) << (8 * i);
     return value;
   }
-  void text(std::size_t n, const char* what, std::size_t field, Slot slot) {
+  void text(std::size_t n, const char* what, std::string_view&, std::size_t field, Slot slot) {
     span(field, slot) = d_.readBytes(n, what);
   }
   void pieces(FieldValue& value, std::size_t field, Slot slot) {
@@ -135,6 +138,10 @@ class LogDecoder::AcrossBlocks {
   }
   [[noreturn]] void failByte(const char* expected, std::uint8_t found) {
     d_.failByte(expected, found);
+  }
+  [[noreturn]] void failLength(const char* what, std::uint8_t maxLength, std::uint8_t length) {
+    fail(std::string("expected the length of ") + what + " (at most " + std::to_string(maxLength) +
+         " bytes), found " + hexByte(length));
   }
   [[noreturn]] void fail(const std::string& reason) { d_.fail(d_.lastBytePosition(), reason); }
 
@@ -179,8 +186,9 @@ void LogDecoder::open(const std::string& path) {
 
 FBCDC_INLINE std::size_t LogDecoder::addField() {
   const std::size_t i = event_.fields.size_;
-  if (i == storage_.size()) {
+  if (storage_.data() + i == storage_.data() + storage_.size()) {
     storage_.emplace_back();
+    event_.fields.data_ = storage_.data();
   } else {
     // All bytes zero is the value a new field starts with (absent values, empty views). Cleared
     // in pieces small enough to become a few vector stores rather than a string instruction.
@@ -190,7 +198,6 @@ FBCDC_INLINE std::size_t LogDecoder::addField() {
     std::memset(static_cast<void*>(&f.before), 0, sizeof(FieldValue));
     std::memset(static_cast<void*>(&f.after), 0, sizeof(FieldValue));
   }
-  event_.fields.data_ = storage_.data();
   event_.fields.size_ = i + 1;
   return i;
 }
@@ -204,6 +211,8 @@ void LogDecoder::startEvent() {
   event_.sqlNumber = 0;
 }
 
+// Every complaint is followed by a return: the block reader's complaints throw, and the in-place
+// reader's end the parse that way.
 template <typename In>
 FBCDC_INLINE void LogDecoder::readRecord(In& in, std::uint8_t tag) {
   switch (tag) {
@@ -220,24 +229,24 @@ FBCDC_INLINE void LogDecoder::readRecord(In& in, std::uint8_t tag) {
       event_.kind = ChangeEvent::Kind::kSql;
       break;
     default:
-      in.failByte(kTagExpected, tag);
+      return in.failByte(kTagExpected, tag);
   }
   const std::uint8_t zero = in.byte("the 00 byte behind the record tag");
-  if (zero != 0) in.failByte("the 00 byte behind the record tag", zero);
+  if (zero != 0) return in.failByte("the 00 byte behind the record tag", zero);
   const bool sql = event_.kind == ChangeEvent::Kind::kSql;
   const char* what = sql ? "the statement text" : "the relation name";
   const std::uint8_t length = in.byte(what);
   const std::uint8_t maxLength = sql ? kMaxStatement : kMaxName;
-  if (length > maxLength) {
-    in.fail(std::string("expected the length of ") + what + " (at most " +
-            std::to_string(maxLength) + " bytes), found " + hexByte(length));
-  }
-  in.text(length, what, 0, sql ? Slot::kStatement : Slot::kRelation);
+  if (length > maxLength) return in.failLength(what, maxLength, length);
+  if (sql)
+    in.text(length, what, event_.sqlText, 0, Slot::kStatement);
+  else
+    in.text(length, what, event_.relation, 0, Slot::kRelation);
   if (!sql) return readFields(in, event_.kind);
   const std::uint8_t type = in.byte("the statement number's type code 13");
-  if (type != kInt64Type) in.failByte("the statement number's type code 13", type);
+  if (type != kInt64Type) return in.failByte("the statement number's type code 13", type);
   if (in.template number<2>("the statement number's scale") != 0)
-    in.fail("expected the statement number's scale 0000");
+    return in.fail("expected the statement number's scale 0000");
   event_.sqlNumber = static_cast<std::int64_t>(in.template number<8>("the statement number"));
 }
 
@@ -251,36 +260,36 @@ FBCDC_INLINE void LogDecoder::readFields(In& in, ChangeEvent::Kind kind) {
         pending >= 0 ? static_cast<std::uint8_t>(pending) : in.byte(kNameExpected);
     pending = -1;
     if (length == kEndOfRecord) return;
-    if (length == 0 || length > kMaxName) in.failByte(kNameExpected, length);
+    if (length == 0 || length > kMaxName) return in.failByte(kNameExpected, length);
     const std::size_t field = addField();
-    in.text(length, "a field name", field, Slot::kName);
+    FieldChange& f = storage_[field];
+    in.text(length, "a field name", f.name, field, Slot::kName);
 
     std::uint8_t marker = in.byte("a value marker");
     if (kind == ChangeEvent::Kind::kInsert) {
-      if (marker != kNewValue) in.failByte("the new value marker FD of an insert", marker);
-      readValue(in, field, Slot::kAfter);
+      if (marker != kNewValue) return in.failByte("the new value marker FD of an insert", marker);
+      readValue(in, f.after, field, Slot::kAfter);
       continue;
     }
     if (marker == kOldValue) {
-      readValue(in, field, Slot::kBefore);
+      readValue(in, f.before, field, Slot::kBefore);
       if (kind == ChangeEvent::Kind::kDelete) continue;
       marker = in.byte("the new value marker FD");
     }
     if (kind == ChangeEvent::Kind::kUpdate) {
-      if (marker != kNewValue) in.failByte("the new value marker FD of an update", marker);
-      readValue(in, field, Slot::kAfter);
+      if (marker != kNewValue) return in.failByte("the new value marker FD of an update", marker);
+      readValue(in, f.after, field, Slot::kAfter);
       continue;
     }
     // A delete entry without a value: the byte read is the next name's length or the end byte.
-    if (marker == kNewValue) in.failByte("the old value marker FE of a delete", marker);
+    if (marker == kNewValue) return in.failByte("the old value marker FE of a delete", marker);
     pending = marker;
   }
 }
 
 template <typename In>
-FBCDC_INLINE void LogDecoder::readValue(In& in, std::size_t field, Slot slot) {
+FBCDC_INLINE void LogDecoder::readValue(In& in, FieldValue& value, std::size_t field, Slot slot) {
   using Kind = FieldValue::Kind;
-  FieldValue& value = slot == Slot::kBefore ? storage_[field].before : storage_[field].after;
   const std::uint8_t type = in.byte(kTypeExpected);
   if (type == kNull) {
     value.kind = Kind::kNull;
@@ -294,7 +303,7 @@ FBCDC_INLINE void LogDecoder::readValue(In& in, std::size_t field, Slot slot) {
       value.kind = Kind::kText;
       value.charSet = in.byte("a text's character set");
       const auto length = static_cast<std::size_t>(in.template number<2>("a text's length"));
-      in.text(length, "a text's bytes", field, slot);
+      in.text(length, "a text's bytes", value.bytes, field, slot);
       return;
     }
     case 8:
@@ -340,12 +349,12 @@ FBCDC_INLINE void LogDecoder::readValue(In& in, std::size_t field, Slot slot) {
     case 18:
       // The writer never records an old blob or array value.
       if (slot == Slot::kBefore)
-        in.failByte("an old value's type code (a blob or array has none)", type);
+        return in.failByte("an old value's type code (a blob or array has none)", type);
       value.kind = type == 17 ? Kind::kBlob : Kind::kArray;
       in.pieces(value, field, slot);
       return;
     default:
-      in.failByte(kTypeExpected, type);
+      return in.failByte(kTypeExpected, type);
   }
 }
 
@@ -355,19 +364,15 @@ const ChangeEvent& LogDecoder::next() {
   event_.position = file_.getPosition();
   startEvent();
   // Most records lie whole in the loaded block and are read in place.
-  if (file_.available() > 0) {
+  if (file_.available() > 0 && *file_.peek() != kCommitMarker) {
     InBlock in(*this, file_.peek(), file_.available());
-    try {
-      const std::uint8_t tag = in.byte(kTagExpected);
-      if (tag != kCommitMarker) {
-        readRecord(in, tag);
-        file_.consume(in.used());
-        ++nextIndex_;
-        return event_;
-      }
-    } catch (const InBlock::GiveUp&) {
-      startEvent();
+    readRecord(in, in.byte(kTagExpected));
+    if (in.ok()) {
+      file_.consume(in.used());
+      ++nextIndex_;
+      return event_;
     }
+    startEvent();
   }
   try {
     AcrossBlocks in(*this);

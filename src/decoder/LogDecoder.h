@@ -75,7 +75,7 @@ class LogDecoder {
   template <typename In>
   void readFields(In& in, ChangeEvent::Kind kind);
   template <typename In>
-  void readValue(In& in, std::size_t field, Slot slot);
+  void readValue(In& in, FieldValue& value, std::size_t field, Slot slot);
 
   void startEvent();
   // Appends a field to the event; the storage only grows, and each field is reset on reuse.
