@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "EventDescription.h"
+#include "FuzzFile.h"
 #include "IReplPlugin.h"
 #include "IReplTransaction.h"
 #include "LiteralRow.h"
@@ -38,7 +39,7 @@ struct Plugin {
   FbStatus status;
   Firebird::IReplPlugin* plugin;
   Plugin() {
-    directory = "/dev/shm/fbcdc-fuzz-record-" + std::to_string(::getpid()) + "/";
+    directory = fuzzDirectory() + "fbcdc-fuzz-record-" + std::to_string(::getpid()) + "/";
     writeFile(directory.substr(0, directory.size() - 1) + ".conf",
               "OutputDirectory = " + directory + "\n");
     Firebird::IConfig* config = loadConfig(directory.substr(0, directory.size() - 1) + ".conf");

@@ -15,6 +15,10 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_CXX_COMPILER=clang++ -DCMAKE_BUILD_TYP
   -DFBCDC_FUZZ=ON -DFBCDC_TESTS=OFF -DFBCDC_BENCH=OFF >/dev/null
 # shellcheck disable=SC2086
 cmake --build build-fuzz -j "$(nproc 2>/dev/null || echo 2)" --target $targets
+# The targets' scratch files, removed however a run ends.
+FBCDC_FUZZ_DIR=$(mktemp -d /dev/shm/fbcdc-fuzz.XXXXXX 2>/dev/null || mktemp -d)
+export FBCDC_FUZZ_DIR
+trap 'rm -rf "$FBCDC_FUZZ_DIR"' EXIT
 export UBSAN_OPTIONS="halt_on_error=1:print_stacktrace=1:suppressions=$(pwd)/fuzz/ubsan.supp"
 export ASAN_OPTIONS="detect_leaks=1"
 export LSAN_OPTIONS="suppressions=$(pwd)/tests/lsan.supp"
