@@ -6,7 +6,7 @@
 // the commit marker "{".
 //
 // Member definitions are grouped by concern: lifecycle in ReplTransaction.cpp, the record layouts
-// in ChangeRecords.cpp, field values in FieldValueEncoder.cpp, savepoints in Savepoints.cpp.
+// and their field values in ChangeRecords.cpp, savepoints in Savepoints.cpp.
 #pragma once
 
 #include <cstdint>
@@ -73,8 +73,17 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
   bool writeFieldValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
                        Firebird::ITransaction* transaction, Firebird::IReplField* cursor,
                        std::uint32_t type, bool old);
-  class ValueBytes;
-  void put(const ValueBytes& value);
+  // The same near the end of a block, where the value's fixed part is gathered first.
+  bool writeGatheredValue(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                          Firebird::ITransaction* transaction, Firebird::IReplField* cursor,
+                          std::uint32_t type, bool old);
+  // Where a value's fixed part is stored: in the block buffer, or gathered on the stack.
+  class InPlace;
+  class Gathered;
+  template <typename Out>
+  bool encodeValue(Out& value, Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                   Firebird::ITransaction* transaction, Firebird::IReplField* cursor,
+                   std::uint32_t type, bool old);
   // Copies the contents of the blob or array with this 8-byte id as a segment list.
   void copyBlob(Firebird::IStatus* status, Firebird::IAttachment* attachment,
                 Firebird::ITransaction* transaction, const void* id);
