@@ -119,7 +119,8 @@ class ReplTransaction::InPlace {
  public:
   static constexpr std::int32_t kLargest = 16;
 
-  explicit InPlace(std::uint8_t* room) : start_(room), p_(room) {}
+  // Stores from room + used on; the used bytes count as stored.
+  InPlace(std::uint8_t* room, std::size_t used) : start_(room), p_(room + used) {}
   void byte(std::uint8_t b) { *p_++ = b; }
   // The low Width bytes of v, least significant first.
   template <int Width>
@@ -159,13 +160,19 @@ FBCDC_INLINE bool ReplTransaction::encodeValue(Out& value, Firebird::IStatus* st
                                                Firebird::ITransaction* transaction,
                                                Firebird::IReplField* cursor, std::uint32_t type,
                                                bool old) {
-  value.byte(old ? kOldValue : kNewValue);
+  // The marker and type byte are stored after the calls that come before them: the position in
+  // the block buffer then need not be kept across those calls.
+  const std::uint8_t marker = old ? kOldValue : kNewValue;
   if (cursor->isNull()) {
+    value.byte(marker);
     value.byte(kNull);
     value.put(*this);
     return false;
   }
-  value.byte(static_cast<std::uint8_t>(type));
+  auto head = [&] {
+    value.byte(marker);
+    value.byte(static_cast<std::uint8_t>(type));
+  };
 
   // A text is its character set, a 16-bit length and the bytes. One too long for that length is
   // refused after its marker and type rather than written with a length that disagrees with it.
@@ -190,6 +197,7 @@ FBCDC_INLINE bool ReplTransaction::encodeValue(Out& value, Firebird::IStatus* st
     return true;
   };
   if (type > 21 || ((1u << type) & kRefusedTypes)) {
+    head();
     value.put(*this);
     const intptr_t vector[] = {isc_arg_gds, static_cast<intptr_t>(kUnrecordableType),
                                isc_arg_number, static_cast<intptr_t>(type)};
@@ -198,7 +206,10 @@ FBCDC_INLINE bool ReplTransaction::encodeValue(Out& value, Firebird::IStatus* st
   }
   // An empty fixed-length text needs no bytes; every other value does.
   const void* data = cursor->getData();
-  if (!data && type != 1) return refuse(kNoData);
+  if (!data && type != 1) {
+    head();
+    return refuse(kNoData);
+  }
 
   switch (type) {
     case 1: {  // fixed-length text: trailing pad bytes of its character set are dropped
@@ -206,6 +217,7 @@ FBCDC_INLINE bool ReplTransaction::encodeValue(Out& value, Firebird::IStatus* st
       const std::uint8_t pad = charSet == 1 ? 0x00 : 0x20;
       const auto* bytes = static_cast<const std::uint8_t*>(data);
       const std::int32_t length = cursor->getLength();  // only fixed-length text needs it
+      head();
       if (length < 0) return refuse("CDC error: Fixed-length text with a negative length");
       std::size_t n = static_cast<std::size_t>(length);
       if (n > 0 && !bytes) return refuse(kNoData);
@@ -214,43 +226,60 @@ FBCDC_INLINE bool ReplTransaction::encodeValue(Out& value, Firebird::IStatus* st
     }
     case 2: {  // zero-terminated text
       const std::int32_t charSet = cursor->getCharSet();
+      head();
       const char* text = static_cast<const char*>(data);
       return putText(charSet, text, std::strlen(text));
     }
     case 3: {  // varying text: its own 2-byte length, then the bytes; no pad is removed
       const std::int32_t charSet = cursor->getCharSet();
+      head();
       const auto* bytes = static_cast<const std::uint8_t*>(data);
       return putText(charSet, bytes + 2, load<std::uint16_t>(bytes));
     }
-    case 8:
-      value.template number<2>(static_cast<std::uint16_t>(cursor->getScale()));
+    case 8: {
+      const std::int32_t scale = cursor->getScale();
+      head();
+      value.template number<2>(static_cast<std::uint16_t>(scale));
       value.template number<2>(load<std::uint16_t>(data));
       break;
-    case 9:
-      value.template number<2>(static_cast<std::uint16_t>(cursor->getScale()));
+    }
+    case 9: {
+      const std::int32_t scale = cursor->getScale();
+      head();
+      value.template number<2>(static_cast<std::uint16_t>(scale));
       value.template number<4>(load<std::uint32_t>(data));
       break;
+    }
     case 11:
+      head();
       value.template number<8>(bitsOf(static_cast<double>(load<float>(data))));
       break;
     case 12:
+      head();
       value.template number<8>(load<std::uint64_t>(data));
       break;
     case 14:
     case 15:
+      head();
       value.template number<4>(load<std::uint32_t>(data));
       break;
     case 16:  // date, then time, as the server holds them
+      head();
       value.template number<8>(load<std::uint64_t>(data));
       break;
-    case 19:
-      value.template number<2>(static_cast<std::uint16_t>(cursor->getScale()));
+    case 19: {
+      const std::int32_t scale = cursor->getScale();
+      head();
+      value.template number<2>(static_cast<std::uint16_t>(scale));
       value.template number<8>(load<std::uint64_t>(data));
       break;
+    }
     case 21:
+      head();
       value.byte(*static_cast<const std::uint8_t*>(data));
       break;
     default:  // 17 and 18: blob and array contents, read back from the server
+      head();
       if (!attachment || !transaction)
         return refuse("CDC error: Blob or array value without attachment or transaction");
       value.put(*this);
@@ -270,7 +299,7 @@ FBCDC_INLINE bool ReplTransaction::writeFieldValue(Firebird::IStatus* status,
   // Only new blob and array contents are recorded; an old one leaves no trace at all.
   if (isBlobType(type) && old) return false;
   if (std::uint8_t* here = room(InPlace::kLargest)) {
-    InPlace value(here);
+    InPlace value(here, 0);
     return encodeValue(value, status, attachment, transaction, cursor, type, old);
   }
   return writeGatheredValue(status, attachment, transaction, cursor, type, old);
@@ -353,18 +382,7 @@ std::int32_t ReplTransaction::executeSql(Firebird::IStatus* status, const char* 
   }
 }
 
-FBCDC_INLINE ReplTransaction::NameResult ReplTransaction::writeFieldName(const char* name) {
-  if (!name || !*name) return NameResult::kEmpty;
-  // Measured and copied in one pass, right in the block buffer. A name found too long leaves
-  // nothing behind: the bytes copied so far lie beyond the write position and are never counted.
-  if (std::uint8_t* out = room(static_cast<std::int32_t>(kMaxNameLength + kNameSlack) + 2)) {
-    const std::size_t n = copyName(name, out + 1);
-    if (n > kMaxNameLength) return NameResult::kTooLong;
-    out[0] = static_cast<std::uint8_t>(n);
-    advance(static_cast<std::int32_t>(n) + 1);
-    return NameResult::kWritten;
-  }
-  // Near the end of a block the name goes through the put operations, which flush on the way.
+ReplTransaction::NameResult ReplTransaction::writeFieldName(const char* name) {
   const std::size_t n = std::strlen(name);
   if (n > kMaxNameLength) return NameResult::kTooLong;
   putByte(static_cast<std::uint8_t>(n));
@@ -372,25 +390,40 @@ FBCDC_INLINE ReplTransaction::NameResult ReplTransaction::writeFieldName(const c
   return NameResult::kWritten;
 }
 
-std::int32_t ReplTransaction::insertRecord(Firebird::IStatus* status,
-                                           Firebird::IAttachment* attachment,
-                                           Firebird::ITransaction* transaction,
-                                           Firebird::IReplRecord* record) {
-  return writeRowRecord(status, attachment, transaction, record, kInsertTag, false);
+FBCDC_INLINE ReplTransaction::NameResult ReplTransaction::writeFieldEntry(
+    Firebird::IStatus* status, Firebird::IAttachment* attachment,
+    Firebird::ITransaction* transaction, const char* name, Firebird::IReplField* cursor,
+    std::uint32_t type, bool old, bool& touched) {
+  touched = false;
+  if (!name || !*name) return NameResult::kEmpty;
+  std::uint8_t* here =
+      room(static_cast<std::int32_t>(kMaxNameLength + kNameSlack + 2 + InPlace::kLargest));
+  if (!here) {
+    // Near the end of a block the entry goes through the put operations, which flush on the way.
+    const NameResult named = writeFieldName(name);
+    if (named == NameResult::kWritten && cursor)
+      touched = writeFieldValue(status, attachment, transaction, cursor, type, old);
+    return named;
+  }
+  // The name is measured while it is copied; one found too long leaves nothing behind: the bytes
+  // copied so far lie beyond the write position and are never counted.
+  const std::size_t n = copyName(name, here + 1);
+  if (n > kMaxNameLength) return NameResult::kTooLong;
+  here[0] = static_cast<std::uint8_t>(n);
+  InPlace entry(here, n + 1);
+  // Only new blob and array contents are recorded; an old one leaves no trace at all.
+  if (!cursor || type == 0 || (isBlobType(type) && old))
+    entry.put(*this);
+  else
+    touched = encodeValue(entry, status, attachment, transaction, cursor, type, old);
+  return NameResult::kWritten;
 }
 
-std::int32_t ReplTransaction::deleteRecord(Firebird::IStatus* status,
-                                           Firebird::IAttachment* attachment,
-                                           Firebird::ITransaction* transaction,
-                                           Firebird::IReplRecord* record) {
-  return writeRowRecord(status, attachment, transaction, record, kDeleteTag, true);
-}
-
+template <bool old>
 std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
                                              Firebird::IAttachment* attachment,
                                              Firebird::ITransaction* transaction,
-                                             Firebird::IReplRecord* record, std::uint8_t tag,
-                                             bool old) {
+                                             Firebird::IReplRecord* record, std::uint8_t tag) {
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
   if (!record) return ReplStatus::reportText(status, kNoRowImage);
   const char* relation = record->getName();
@@ -409,10 +442,11 @@ std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
       if (type == 0) continue;
       // A name too long is found before anything of its entry is written; the record stays
       // unfinished. A field without a name leaves no bytes at all.
-      const NameResult named = writeFieldName(cursor->getName());
+      bool touched;
+      const NameResult named = writeFieldEntry(status, attachment, transaction, cursor->getName(),
+                                               cursor, type, old, touched);
       if (named == NameResult::kTooLong) return ReplStatus::reportText(status, kLongField);
       if (named == NameResult::kEmpty) continue;
-      const bool touched = writeFieldValue(status, attachment, transaction, cursor, type, old);
       if (errorAfterField(status, touched, tested)) return ReplStatus::firstErrorCode(status);
     }
     putByte(kEndOfRecord);
@@ -420,6 +454,20 @@ std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
   } catch (const ReplException& e) {
     return ReplStatus::reportException(status, e);
   }
+}
+
+std::int32_t ReplTransaction::insertRecord(Firebird::IStatus* status,
+                                           Firebird::IAttachment* attachment,
+                                           Firebird::ITransaction* transaction,
+                                           Firebird::IReplRecord* record) {
+  return writeRowRecord<false>(status, attachment, transaction, record, kInsertTag);
+}
+
+std::int32_t ReplTransaction::deleteRecord(Firebird::IStatus* status,
+                                           Firebird::IAttachment* attachment,
+                                           Firebird::ITransaction* transaction,
+                                           Firebird::IReplRecord* record) {
+  return writeRowRecord<true>(status, attachment, transaction, record, kDeleteTag);
 }
 
 std::int32_t ReplTransaction::updateRecord(Firebird::IStatus* status,
@@ -447,12 +495,14 @@ std::int32_t ReplTransaction::updateRecord(Firebird::IStatus* status,
       if (++fields > kMaxFields) return ReplStatus::reportText(status, kTooManyFields);
       const std::uint32_t type = newCursor->getType();
       if (type == 0) continue;
-      const NameResult named = writeFieldName(newCursor->getName());
+      const char* name = newCursor->getName();
+      if (!name || !*name) continue;
+      // The name and the old value form one entry; an old image that ended early gives none.
+      Firebird::IReplField* oldField = oldCursor->isValid() ? oldCursor : nullptr;
+      bool touched;
+      const NameResult named = writeFieldEntry(status, attachment, transaction, name, oldField,
+                                               oldField ? oldField->getType() : 0, true, touched);
       if (named == NameResult::kTooLong) return ReplStatus::reportText(status, kLongField);
-      if (named == NameResult::kEmpty) continue;
-      const bool touched =
-          oldCursor->isValid() &&
-          writeFieldValue(status, attachment, transaction, oldCursor, oldCursor->getType(), true);
       if (errorAfterField(status, touched, tested)) return ReplStatus::firstErrorCode(status);
       const bool newTouched =
           writeFieldValue(status, attachment, transaction, newCursor, type, false);

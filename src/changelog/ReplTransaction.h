@@ -58,15 +58,23 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
   void formatName(char* out, std::size_t size, const char* suffix) const;
 
   // The insert and delete layouts differ only in their tag and in the kind of value.
+  template <bool old>
   std::int32_t writeRowRecord(Firebird::IStatus* status, Firebird::IAttachment* attachment,
                               Firebird::ITransaction* transaction, Firebird::IReplRecord* record,
-                              std::uint8_t tag, bool old);
+                              std::uint8_t tag);
   // Writes 00, then text (null or length bytes) as a short text; the caller has checked length.
   void writeRecordName(const char* text, std::size_t length);
-  // Writes a field name as a short text. Nothing is written for a null or empty name, nor for one
-  // longer than the longest name a length byte may announce.
+  // Writes a field name as a short text through the put operations, unless it is longer than the
+  // longest name a length byte may announce.
   enum class NameResult { kWritten, kEmpty, kTooLong };
   NameResult writeFieldName(const char* name);
+  // Writes a field's entry: its name, then the cursor's value of the given type (nothing more for
+  // a null cursor or type 0). Nothing is written for a null or empty name, nor for a name too long.
+  // touched as for writeFieldValue.
+  NameResult writeFieldEntry(Firebird::IStatus* status, Firebird::IAttachment* attachment,
+                             Firebird::ITransaction* transaction, const char* name,
+                             Firebird::IReplField* cursor, std::uint32_t type, bool old,
+                             bool& touched);
   // Writes one value of the cursor's field, whose type code the caller has read already. Returns
   // true when it called into the server or put an error into the status, the only ways in which
   // the status can change while a record is written.
