@@ -427,13 +427,24 @@ std::int32_t ReplTransaction::writeRowRecord(Firebird::IStatus* status,
   if (committed) return ReplStatus::reportText(status, kAlreadyCommitted);
   if (!record) return ReplStatus::reportText(status, kNoRowImage);
   const char* relation = record->getName();
-  const std::size_t length = lengthOf(relation);
+  // The tag and the name go right into the block buffer where they fit, the name measured while
+  // it is copied; nothing counts as written before the checks below have passed.
+  std::uint8_t* here =
+      relation ? room(static_cast<std::int32_t>(kMaxNameLength + kNameSlack) + 3) : nullptr;
+  const std::size_t length = here ? copyName(relation, here + 3) : lengthOf(relation);
   if (length > kMaxNameLength) return ReplStatus::reportText(status, kLongRelation);
   Firebird::IReplField* cursor = record->getFields();
   if (!cursor) return ReplStatus::reportText(status, kNoCursor);
   try {
-    putByte(tag);
-    writeRecordName(relation, length);
+    if (here) {
+      here[0] = tag;
+      here[1] = 0x00;
+      here[2] = static_cast<std::uint8_t>(length);
+      advance(static_cast<std::int32_t>(length) + 3);
+    } else {
+      putByte(tag);
+      writeRecordName(relation, length);
+    }
     bool tested = false;
     std::uint32_t fields = 0;
     for (; cursor->isValid(); cursor->moveNext()) {
