@@ -3,6 +3,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -39,6 +40,34 @@ struct PluginUnderTest {
   Firebird::IReplPlugin* plugin = nullptr;
 };
 PluginUnderTest& pluginUnderTest();
+
+// Times two pieces of work in turns, each first in every other round, and adds up each side's
+// seconds: on a shared machine whose speed drifts from one benchmark to the next, both sides of a
+// ratio then see the same drift. Targets are judged on such pairs.
+class InTurns {
+ public:
+  template <typename First, typename Second>
+  void round(First&& first, Second&& second) {
+    for (int turn = 0; turn < 2; ++turn) {
+      const bool runFirst = (turn == 0) != swapped_;
+      const auto start = std::chrono::steady_clock::now();
+      if (runFirst) {
+        first();
+      } else {
+        second();
+      }
+      const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+      seconds_[runFirst ? 0 : 1] += took.count();
+    }
+    swapped_ = !swapped_;
+  }
+  double firstSeconds() const { return seconds_[0]; }
+  double secondSeconds() const { return seconds_[1]; }
+
+ private:
+  double seconds_[2] = {0, 0};
+  bool swapped_ = false;
+};
 
 // Publishes a log of `events` inserts of the ten-field row as transaction `number`.
 LogFile publishInserts(std::uint64_t number, std::int64_t events);

@@ -1,7 +1,6 @@
 // CRC-32C against Intel ISA-L's crc32_iscsi on the same buffers: a whole block, and short runs.
 #include <isa-l/crc.h>
 
-#include <chrono>
 #include <cstdlib>
 #include <random>
 #include <vector>
@@ -63,27 +62,20 @@ void sizes(benchmark::internal::Benchmark* b) {
 void Crc32cBlockInTurnsWithIsal(benchmark::State& state) {
   constexpr int kBlock = 32764, kRounds = 64;
   std::uint8_t* data = buffer().data();
-  double ours = 0, isal = 0;
-  bool oursFirst = true;
+  bench::InTurns turns;
   for (auto _ : state) {
-    for (int side = 0; side < 2; ++side) {
-      const bool runOurs = (side == 0) == oursFirst;
-      const auto start = std::chrono::steady_clock::now();
-      for (int r = 0; r < kRounds; ++r) {
-        if (runOurs) {
-          benchmark::DoNotOptimize(crc32c(data, kBlock));
-        } else {
-          benchmark::DoNotOptimize(crc32_iscsi(data, kBlock, 0xFFFFFFFF));
-        }
-      }
-      const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-      (runOurs ? ours : isal) += took.count();
-    }
-    oursFirst = !oursFirst;
+    turns.round(
+        [&] {
+          for (int r = 0; r < kRounds; ++r) benchmark::DoNotOptimize(crc32c(data, kBlock));
+        },
+        [&] {
+          for (int r = 0; r < kRounds; ++r)
+            benchmark::DoNotOptimize(crc32_iscsi(data, kBlock, 0xFFFFFFFF));
+        });
   }
   const double bytes = static_cast<double>(state.iterations()) * kRounds * kBlock;
-  state.counters["ours_bytes_per_second"] = bytes / ours;
-  state.counters["isal_bytes_per_second"] = bytes / isal;
+  state.counters["ours_bytes_per_second"] = bytes / turns.firstSeconds();
+  state.counters["isal_bytes_per_second"] = bytes / turns.secondSeconds();
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // Reading logs back: the decoder over a log of 10-field inserts against TReadFile reading the
 // same bytes, and the JSON output of fbcdc dump for the same log.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
 #include "AllocationFaults.h"
 #include "BenchSupport.h"
@@ -30,21 +32,35 @@ const InsertLog& insertLog() {
   return l;
 }
 
+// Decodes the whole log; the number of events must come out right.
+void decodeAll(LogDecoder& decoder, const InsertLog& l) {
+  decoder.open(l.log.path);
+  std::int64_t n = 0;
+  while (decoder.next().kind != ChangeEvent::Kind::kEnd) ++n;
+  if (n != l.events) std::abort();
+}
+
+// The floor: the same file through TReadFile's bulk copy, with CRC checking.
+void readAll(const InsertLog& l, std::vector<std::uint8_t>& out) {
+  TReadFile reader;
+  reader.open(l.log.path.c_str(), true);
+  while (!reader.atEnd()) {
+    const std::int32_t n = std::min<std::int32_t>(reader.available(), 1 << 16);
+    std::memcpy(out.data(), reader.peek(), static_cast<std::size_t>(n));
+    reader.consume(n);
+  }
+  benchmark::DoNotOptimize(out.data());
+}
+
 void DecodeInserts(benchmark::State& state) {
   const InsertLog& l = insertLog();
   LogDecoder decoder;
-  auto decodeAll = [&] {
-    decoder.open(l.log.path);
-    std::int64_t n = 0;
-    while (decoder.next().kind != ChangeEvent::Kind::kEnd) ++n;
-    if (n != l.events) std::abort();
-  };
-  decodeAll();  // the arena and field table reach their size once
+  decodeAll(decoder, l);  // the arena and field table reach their size once
   // Counted around the decoding alone: the benchmark library allocates between iterations.
   long allocations = 0;
   for (auto _ : state) {
     const long before = AllocationFaults::count();
-    decodeAll();
+    decodeAll(decoder, l);
     allocations += AllocationFaults::count() - before;
   }
   state.counters["allocations_per_event"] = static_cast<double>(allocations) /
@@ -54,21 +70,23 @@ void DecodeInserts(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * l.events);
 }
 
-// The floor: the same file through TReadFile's bulk copy, with CRC checking.
 void ReadSameBytes(benchmark::State& state) {
   const InsertLog& l = insertLog();
   std::vector<std::uint8_t> out(1 << 16);
-  for (auto _ : state) {
-    TReadFile reader;
-    reader.open(l.log.path.c_str(), true);
-    while (!reader.atEnd()) {
-      const std::int32_t n = std::min<std::int32_t>(reader.available(), 1 << 16);
-      std::memcpy(out.data(), reader.peek(), static_cast<std::size_t>(n));
-      reader.consume(n);
-    }
-    benchmark::DoNotOptimize(out.data());
-  }
+  for (auto _ : state) readAll(l, out);
   state.SetBytesProcessed(state.iterations() * l.bytes);
+}
+
+// The two above, timed in turns on the same file.
+void DecodeInTurnsWithRead(benchmark::State& state) {
+  const InsertLog& l = insertLog();
+  LogDecoder decoder;
+  std::vector<std::uint8_t> out(1 << 16);
+  bench::InTurns turns;
+  for (auto _ : state) turns.round([&] { decodeAll(decoder, l); }, [&] { readAll(l, out); });
+  const double bytes = static_cast<double>(state.iterations()) * static_cast<double>(l.bytes);
+  state.counters["decode_bytes_per_second"] = bytes / turns.firstSeconds();
+  state.counters["read_bytes_per_second"] = bytes / turns.secondSeconds();
 }
 
 // What a reader written for exactly this record takes: the same fields through the get
@@ -125,6 +143,83 @@ void WalkSameFields(benchmark::State& state) {
   state.SetBytesProcessed(state.iterations() * l.bytes);
 }
 
+// Steps over one insert record of the benchmark's log lying in [p, end) and returns its length,
+// or 0 when it runs past end.
+std::size_t stepOverInsert(const std::uint8_t* p, const std::uint8_t* end) {
+  const std::uint8_t* q = p;
+  auto has = [&](std::size_t n) { return static_cast<std::size_t>(end - q) >= n; };
+  if (!has(3)) return 0;
+  std::size_t n = q[2];  // behind the tag and 00: the relation name's length
+  q += 3;
+  if (!has(n)) return 0;
+  q += n;
+  for (;;) {
+    if (!has(1)) return 0;
+    n = *q++;
+    if (n == 0xFF) return static_cast<std::size_t>(q - p);
+    if (!has(n + 2)) return 0;
+    q += n + 1;  // the name and the value marker
+    switch (*q++) {
+      case 3:
+        if (!has(3)) return 0;
+        n = 3 + (q[1] | q[2] << 8);
+        break;
+      case 8:
+      case 14:
+        n = 4;
+        break;
+      case 9:
+        n = 6;
+        break;
+      case 12:
+      case 16:
+        n = 8;
+        break;
+      case 19:
+        n = 10;
+        break;
+      case 21:
+        n = 1;
+        break;
+      default:  // null
+        n = 0;
+    }
+    if (!has(n)) return 0;
+    q += n;
+  }
+}
+
+// The least a decoder must do: step over every record of the same file field by field, reading
+// each length and type code where it lies and keeping nothing. A record that the block edge cuts
+// is gathered first.
+void StepOverRecords(benchmark::State& state) {
+  const InsertLog& l = insertLog();
+  std::uint8_t gathered[1024];
+  for (auto _ : state) {
+    TReadFile r;
+    r.open(l.log.path.c_str(), true);
+    r.skip(5);
+    for (std::int64_t e = 0; e < l.events; ++e) {
+      const std::int32_t available = r.available();
+      const std::size_t n = stepOverInsert(r.peek(), r.peek() + available);
+      if (n) {
+        r.consume(static_cast<std::int32_t>(n));
+        continue;
+      }
+      std::memcpy(gathered, r.peek(), static_cast<std::size_t>(available));
+      r.consume(available);
+      if (r.atEnd()) std::abort();
+      const std::int32_t more = std::min<std::int32_t>(r.available(), 512);
+      std::memcpy(gathered + available, r.peek(), static_cast<std::size_t>(more));
+      const std::size_t whole = stepOverInsert(gathered, gathered + available + more);
+      if (whole == 0) std::abort();
+      r.consume(static_cast<std::int32_t>(whole) - available);
+    }
+    if (r.getByte() != 0x7B) std::abort();  // the walk ends at the commit marker
+  }
+  state.SetBytesProcessed(state.iterations() * l.bytes);
+}
+
 // fbcdc dump --format json to /dev/null: the decoder, the JSON writer and the stream, as the
 // command runs them.
 void DumpJson(benchmark::State& state) {
@@ -146,5 +241,7 @@ void DumpJson(benchmark::State& state) {
 
 BENCHMARK(DecodeInserts)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(ReadSameBytes)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(DecodeInTurnsWithRead)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(WalkSameFields)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(StepOverRecords)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(DumpJson)->Unit(benchmark::kMillisecond)->UseRealTime();
