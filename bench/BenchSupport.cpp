@@ -175,6 +175,7 @@ void printTable(const std::map<std::string, std::map<std::string, double>>& figu
 
 std::int64_t streamBytes() { return mibFromEnvironment("FBCDC_BENCH_MIB", 1024); }
 std::int64_t blobBytes() { return mibFromEnvironment("FBCDC_BENCH_BLOB_MIB", 64); }
+double pairSeconds() { return streamBytes() >= (std::int64_t{256} << 20) ? 3 : 0.01; }
 
 const std::string& scratchDirectory() {
   static const std::string directory = [] {

@@ -69,6 +69,10 @@ class InTurns {
   bool swapped_ = false;
 };
 
+// How long a pair timed in turns runs at least: three seconds at full size, where a target is
+// judged on it, and next to nothing in the short run of the test command.
+double pairSeconds();
+
 // Publishes a log of `events` inserts of the ten-field row as transaction `number`.
 LogFile publishInserts(std::uint64_t number, std::int64_t events);
 

@@ -230,5 +230,5 @@ void handEncodeRecords(long n) {
 
 BENCHMARK(InsertRecord);
 BENCHMARK(HandEncoderBench)->Name("HandEncoder");
-BENCHMARK(InsertRecordInTurnsWithHand)->UseRealTime();
+BENCHMARK(InsertRecordInTurnsWithHand)->UseRealTime()->MinTime(bench::pairSeconds());
 BENCHMARK(RowImageWalk);
