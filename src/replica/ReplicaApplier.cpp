@@ -183,23 +183,64 @@ struct ReplicaApplier::Binder {
   std::map<std::string, Firebird::IMessageMetadata*> metadata;
 };
 
+namespace {
+
+// No primary key: an applier killed while it creates the table can leave the key's index behind
+// in the engine's pages, and every later attempt to create the table then fails on it. The table
+// holds a single row, which MATCHING (ID) keeps single.
+const char kCreatePositionTable[] =
+    "CREATE TABLE FBCDC_APPLIED (ID INTEGER NOT NULL, "
+    "LAST_LOGS VARCHAR(32000) CHARACTER SET NONE NOT NULL)";
+const char kReadPosition[] = "SELECT LAST_LOGS FROM FBCDC_APPLIED WHERE ID = 1";
+
+}  // namespace
+
 ReplicaApplier::ReplicaApplier(Database& replica, Conflicts conflicts)
     : db_(replica), conflicts_(conflicts), binder_(std::make_unique<Binder>(replica)) {
-  Firebird::IStatement* s =
-      db_.prepare("SELECT COUNT(*) FROM RDB$RELATIONS WHERE RDB$RELATION_NAME = 'FBCDC_APPLIED'");
+  if (count("SELECT COUNT(*) FROM RDB$RELATIONS WHERE RDB$RELATION_NAME = 'FBCDC_APPLIED'") == 0)
+    db_.executeAlone(kCreatePositionTable);
+  if (positionTableUsable()) return;
+  // An applier killed while it created the table can leave it listed with columns the engine
+  // does not know. Such a table is empty (a position is stored with the changes of its log, which
+  // needs the columns), and is made again; one that holds rows is somebody else's.
+  std::int32_t rows = 0;
+  try {
+    rows = count("SELECT COUNT(*) FROM FBCDC_APPLIED");
+  } catch (const Firebird::FbException&) {
+    db_.rollback();  // not even counted: nothing in it can be read either
+  }
+  if (rows != 0)
+    throw ApplyError(
+        "the replica's table FBCDC_APPLIED holds rows but not the columns ID and LAST_LOGS in "
+        "which the applier keeps its position; rename or drop it");
+  db_.executeAlone("DROP TABLE FBCDC_APPLIED");
+  db_.executeAlone(kCreatePositionTable);
+  if (!positionTableUsable())
+    throw ApplyError("the replica's FBCDC_APPLIED was made again and still cannot be read");
+}
+
+std::int32_t ReplicaApplier::count(const char* sql) {
+  Firebird::IStatement* s = db_.prepare(sql);
   Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
   std::vector<unsigned char> row(out->getMessageLength(db_.status()));
   s->execute(db_.status(), db_.transaction(), nullptr, nullptr, out, row.data());
-  std::int32_t count = 0;
-  std::memcpy(&count, row.data() + out->getOffset(db_.status(), 0), 4);
+  std::int32_t n = 0;
+  std::memcpy(&n, row.data() + out->getOffset(db_.status(), 0), 4);
   out->release();
   s->free(db_.status());
   db_.commit();
-  if (count == 0) {
-    db_.executeAlone(
-        "CREATE TABLE FBCDC_APPLIED (ID INTEGER NOT NULL PRIMARY KEY, "
-        "LAST_LOGS VARCHAR(32000) CHARACTER SET NONE NOT NULL)");
+  return n;
+}
+
+bool ReplicaApplier::positionTableUsable() {
+  bool usable = true;
+  try {
+    db_.prepare(kReadPosition)->free(db_.status());
+  } catch (const Firebird::FbException&) {
+    usable = false;
   }
+  db_.rollback();
+  return usable;
 }
 
 ReplicaApplier::~ReplicaApplier() {
@@ -213,7 +254,7 @@ ReplicaApplier::~ReplicaApplier() {
 }
 
 FollowPosition ReplicaApplier::position() {
-  Firebird::IStatement* s = statement("SELECT LAST_LOGS FROM FBCDC_APPLIED WHERE ID = 1");
+  Firebird::IStatement* s = statement(kReadPosition);
   Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
   std::vector<unsigned char> row(out->getMessageLength(db_.status()));
   Firebird::IResultSet* rows =
@@ -266,8 +307,11 @@ const ReplicaApplier::TableInfo& ReplicaApplier::table(std::string_view name) {
 }
 
 Firebird::IStatement* ReplicaApplier::statement(const std::string& sql) {
-  Firebird::IStatement*& s = statements_[sql];
-  if (!s) s = db_.prepare(sql);
+  auto found = statements_.find(sql);
+  if (found != statements_.end()) return found->second;
+  // Kept only once prepared: a statement the replica refuses leaves nothing to free.
+  Firebird::IStatement* s = db_.prepare(sql);
+  statements_.emplace(sql, s);
   return s;
 }
 

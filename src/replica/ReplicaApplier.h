@@ -66,6 +66,10 @@ class ReplicaApplier {
     std::vector<std::string> primaryKey;  // empty: rows are found by all their old values
   };
 
+  // The number a SELECT COUNT(*) returns, in a transaction of its own.
+  std::int32_t count(const char* sql);
+  // Whether the engine can read a position from FBCDC_APPLIED.
+  bool positionTableUsable();
   const TableInfo& table(std::string_view name);
   Firebird::IStatement* statement(const std::string& sql);
   // Runs sql with the values of the fields; returns the number of rows it changed.

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "Command.h"
+#include "Database.h"
 
 namespace {
 
@@ -50,7 +51,14 @@ int runCommand(const Command& command, int argc, char** argv) {
   // The command sees "fbcdc NAME" as its program name.
   std::string program = std::string("fbcdc ") + command.name;
   argv[0] = &program[0];
-  return command.run(argc, argv);
+  try {
+    return command.run(argc, argv);
+  } catch (const Firebird::FbException& e) {
+    // A database error that no command turned into words of its own still ends in one line and
+    // the failure status, never in an abort.
+    fbcdc::complain(command.name, Database::describe(e));
+    return fbcdc::kExitFailed;
+  }
 }
 
 }  // namespace
