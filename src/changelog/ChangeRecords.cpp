@@ -45,11 +45,11 @@ constexpr std::size_t kNameSlack = 8;
 // Copies the name up to its terminator to out and returns its length, or stops once it is longer
 // than kMaxNameLength and returns a larger number. Eight bytes at a time where a read of eight
 // cannot cross into the next page (the smallest page is 4 KiB), so it never touches memory past
-// the terminator's page, as the C library's string functions read; the address sanitizer cannot
-// tell such a read from an overrun and is kept out of this function. Stores up to kNameSlack bytes
-// past the end of the name.
-__attribute__((no_sanitize("address"))) inline std::size_t copyName(const char* name,
-                                                                    std::uint8_t* out) {
+// the terminator's page, as the C library's string functions read; the address and thread
+// sanitizers cannot tell such a read from an overrun or a race and are kept out of this function.
+// Stores up to kNameSlack bytes past the end of the name.
+__attribute__((no_sanitize("address", "thread"))) inline std::size_t copyName(const char* name,
+                                                                              std::uint8_t* out) {
   std::size_t n = 0;
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
   constexpr std::uint64_t kOnes = 0x0101010101010101u;
