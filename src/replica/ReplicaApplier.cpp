@@ -1,5 +1,6 @@
 #include "ReplicaApplier.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 
@@ -13,10 +14,15 @@ namespace {
 constexpr intptr_t kUniqueKeyViolation = 335544665;  // isc_unique_key_violation
 constexpr intptr_t kDuplicateInIndex = 335544349;    // isc_no_dup
 
-bool isDuplicate(const Firebird::FbException& e) {
+// The codes the engine gives when a statement names a column or a table it does not know.
+constexpr intptr_t kColumnUnknown = 335544578;  // isc_dsql_field_err
+constexpr intptr_t kTableUnknown = 335544580;   // isc_dsql_relation_err
+
+// Whether the failure's status vector carries one of the codes.
+bool reports(const Firebird::FbException& e, std::initializer_list<intptr_t> codes) {
   const intptr_t* v = e.getStatus()->getErrors();
-  for (; v[0] != isc_arg_end; v += 2)
-    if (v[0] == isc_arg_gds && (v[1] == kUniqueKeyViolation || v[1] == kDuplicateInIndex))
+  for (; v[0] != isc_arg_end; v += v[0] == isc_arg_cstring ? 3 : 2)
+    if (v[0] == isc_arg_gds && std::find(codes.begin(), codes.end(), v[1]) != codes.end())
       return true;
   return false;
 }
@@ -199,33 +205,41 @@ ReplicaApplier::ReplicaApplier(Database& replica, Conflicts conflicts)
     : db_(replica), conflicts_(conflicts), binder_(std::make_unique<Binder>(replica)) {
   if (count("SELECT COUNT(*) FROM RDB$RELATIONS WHERE RDB$RELATION_NAME = 'FBCDC_APPLIED'") == 0)
     db_.executeAlone(kCreatePositionTable);
-  if (positionTableUsable()) return;
-  // An applier killed while it created the table can leave it listed with columns the engine
-  // does not know. Such a table is empty (a position is stored with the changes of its log, which
-  // needs the columns), and is made again; one that holds rows is somebody else's.
-  std::int32_t rows = 0;
-  try {
-    rows = count("SELECT COUNT(*) FROM FBCDC_APPLIED");
-  } catch (const Firebird::FbException&) {
-    db_.rollback();  // not even counted: nothing in it can be read either
+  if (!positionTableUsable()) {
+    // An applier killed while it created the table can leave it listed with columns the engine
+    // does not know. Such a table is empty (a position is stored with the changes of its log,
+    // which needs the columns), and is made again; one that holds rows is somebody else's.
+    if (count("SELECT COUNT(*) FROM FBCDC_APPLIED") != 0)
+      throw ApplyError(
+          "the replica's table FBCDC_APPLIED holds rows but not the columns ID and LAST_LOGS in "
+          "which the applier keeps its position; rename or drop it");
+    db_.executeAlone("DROP TABLE FBCDC_APPLIED");
+    db_.executeAlone(kCreatePositionTable);
+    if (!positionTableUsable())
+      throw ApplyError("the replica's FBCDC_APPLIED was made again and still cannot be read");
   }
-  if (rows != 0)
-    throw ApplyError(
-        "the replica's table FBCDC_APPLIED holds rows but not the columns ID and LAST_LOGS in "
-        "which the applier keeps its position; rename or drop it");
-  db_.executeAlone("DROP TABLE FBCDC_APPLIED");
-  db_.executeAlone(kCreatePositionTable);
-  if (!positionTableUsable())
-    throw ApplyError("the replica's FBCDC_APPLIED was made again and still cannot be read");
+  // The row is there before any log is applied, so that two appliers that record their first
+  // positions at once both update it, and one of them meets the other's change and fails, rather
+  // than each inserting a row of its own and both applying the same log.
+  if (count("SELECT COUNT(*) FROM FBCDC_APPLIED") == 0)
+    db_.executeAlone("INSERT INTO FBCDC_APPLIED (ID, LAST_LOGS) VALUES (1, '')");
 }
 
 std::int32_t ReplicaApplier::count(const char* sql) {
   Firebird::IStatement* s = db_.prepare(sql);
-  Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
-  std::vector<unsigned char> row(out->getMessageLength(db_.status()));
-  s->execute(db_.status(), db_.transaction(), nullptr, nullptr, out, row.data());
+  Firebird::IMessageMetadata* out = nullptr;
   std::int32_t n = 0;
-  std::memcpy(&n, row.data() + out->getOffset(db_.status(), 0), 4);
+  try {
+    out = s->getOutputMetadata(db_.status());
+    std::vector<unsigned char> row(out->getMessageLength(db_.status()));
+    s->execute(db_.status(), db_.transaction(), nullptr, nullptr, out, row.data());
+    std::memcpy(&n, row.data() + out->getOffset(db_.status(), 0), 4);
+  } catch (...) {
+    if (out) out->release();
+    s->release();
+    db_.rollback();
+    throw;
+  }
   out->release();
   s->free(db_.status());
   db_.commit();
@@ -236,7 +250,11 @@ bool ReplicaApplier::positionTableUsable() {
   bool usable = true;
   try {
     db_.prepare(kReadPosition)->free(db_.status());
-  } catch (const Firebird::FbException&) {
+  } catch (const Firebird::FbException& e) {
+    // Only an engine that does not know the table's columns (or the table) says it is unusable;
+    // any other failure is the one to report.
+    db_.rollback();
+    if (!reports(e, {kColumnUnknown, kTableUnknown})) throw;
     usable = false;
   }
   db_.rollback();
@@ -344,7 +362,8 @@ void ReplicaApplier::insert(const ChangeEvent& e) {
   try {
     run(sql, *binder_);
   } catch (const Firebird::FbException& x) {
-    if (conflicts_ != Conflicts::kUpsert || !isDuplicate(x)) throw;
+    if (conflicts_ != Conflicts::kUpsert || !reports(x, {kUniqueKeyViolation, kDuplicateInIndex}))
+      throw;
     // The row is there already: it takes the new values, found by the new key.
     conflict("insert of an existing row, applied as an update");
     change(e.relation, e.fields, false, true);

@@ -255,4 +255,25 @@ TEST_F(ApplyCases, PositionTableLeftUnfinished) {
   }
 }
 
+// Two appliers recording their first positions at once: the row is there from the start, so the
+// second meets the first's change and fails rather than inserting a row of its own (and applying
+// the same log again).
+TEST_F(ApplyCases, FirstPositionsRecordedAtOnceConflict) {
+  {
+    Database replica(dir / "replica.fdb", false);
+    ReplicaApplier applier(replica, ReplicaApplier::Conflicts::kError);
+  }
+  const std::string record =
+      "UPDATE OR INSERT INTO FBCDC_APPLIED (ID, LAST_LOGS) VALUES (1, 'x') MATCHING (ID)";
+  Database first(dir / "replica.fdb", false), second(dir / "replica.fdb", false);
+  second.transaction();  // its snapshot is taken before the first's change
+  first.execute(record);
+  first.commit();
+  EXPECT_THROW(second.execute(record), Firebird::FbException);
+  second.rollback();
+  int rows = 0;
+  forEachRow(first, "SELECT ID FROM FBCDC_APPLIED", [&](Message&) { ++rows; });
+  EXPECT_EQ(1, rows);
+}
+
 }  // namespace

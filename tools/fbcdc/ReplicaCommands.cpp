@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <set>
 
 #include "CaptureDriver.h"
@@ -256,11 +257,25 @@ int applyCommand(int argc, char** argv) {
   try {
     // Before the attachment starts the engine's threads, so that they inherit the blocked signals.
     if (follow) LogFollower::stopOnSignals();
-    Database replica(database, false);
-    ReplicaApplier applier(replica, conflictsOf(conflicts));
-    applier.onWarning([](const std::string& w) { complain("apply", "warning: " + w); });
+    // An applier killed while the embedded engine created its position table can leave the table
+    // half-made; the first attachment that meets it may fail on it where the next one finds it
+    // whole or gone (and the applier makes it again). The replica is opened once more before such
+    // a failure counts.
+    std::unique_ptr<Database> replica;
+    std::unique_ptr<ReplicaApplier> applier;
+    for (int attempt = 0; !applier; ++attempt) {
+      try {
+        replica = std::make_unique<Database>(database, false);
+        applier = std::make_unique<ReplicaApplier>(*replica, conflictsOf(conflicts));
+      } catch (const std::exception&) {
+        if (attempt > 0) throw;
+      } catch (const Firebird::FbException&) {
+        if (attempt > 0) throw;
+      }
+    }
+    applier->onWarning([](const std::string& w) { complain("apply", "warning: " + w); });
     const auto start = Clock::now();
-    const ReplicaApplier::Summary s = applyLogs(replica, applier, logs, follow, paths[0], named);
+    const ReplicaApplier::Summary s = applyLogs(*replica, *applier, logs, follow, paths[0], named);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::printf(
         "apply: %llu logs, %llu rows, %llu statements in %.1f s (%.0f rows/s); %llu "
