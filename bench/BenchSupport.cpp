@@ -242,6 +242,10 @@ int runAndReport(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&reporter);
   benchmark::Shutdown();
   printTable(reporter.figures());
+  return removeScratchDirectory();
+}
+
+int removeScratchDirectory() {
   const std::string rm = "rm -rf '" + scratchDirectory() + "'";
   return std::system(rm.c_str()) == 0 ? 0 : 1;
 }

@@ -94,4 +94,8 @@ struct Ratio {
 // Runs every registered benchmark and prints the table of ratios and checked counters.
 int runAndReport(int argc, char** argv);
 
+// Removes the scratch directory and all in it; 0 on success. Every way out of the program
+// calls it, or each run would leave a directory in memory.
+int removeScratchDirectory();
+
 }  // namespace bench

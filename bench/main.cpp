@@ -16,11 +16,11 @@ void handEncodeRecords(long n);
 int main(int argc, char** argv) {
   if (argc == 2 && std::strncmp(argv[1], "--records=", 10) == 0) {
     bench::insertRecords(std::atol(argv[1] + 10));
-    return 0;
+    return bench::removeScratchDirectory();
   }
   if (argc == 2 && std::strncmp(argv[1], "--hand-records=", 15) == 0) {
     bench::handEncodeRecords(std::atol(argv[1] + 15));
-    return 0;
+    return bench::removeScratchDirectory();
   }
   return bench::runAndReport(argc, argv);
 }
