@@ -193,7 +193,7 @@ namespace {
 
 // No primary key: an applier killed while it creates the table can leave the key's index behind
 // in the engine's pages, and every later attempt to create the table then fails on it. The table
-// holds a single row, which MATCHING (ID) keeps single.
+// holds a single row, made before the first log is applied (see the constructor).
 const char kCreatePositionTable[] =
     "CREATE TABLE FBCDC_APPLIED (ID INTEGER NOT NULL, "
     "LAST_LOGS VARCHAR(32000) CHARACTER SET NONE NOT NULL)";

@@ -265,11 +265,10 @@ int applyCommand(int argc, char** argv) {
     std::unique_ptr<ReplicaApplier> applier;
     for (int attempt = 0; !applier; ++attempt) {
       try {
+        replica.reset();  // the failed attempt's attachment goes before the next one comes
         replica = std::make_unique<Database>(database, false);
         applier = std::make_unique<ReplicaApplier>(*replica, conflictsOf(conflicts));
-      } catch (const std::exception&) {
-        if (attempt > 0) throw;
-      } catch (const Firebird::FbException&) {
+      } catch (...) {
         if (attempt > 0) throw;
       }
     }
