@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
-#include <type_traits>
 
 #include "LogFormatError.h"
 #include "ReplException.h"
@@ -184,22 +183,10 @@ void LogDecoder::open(const std::string& path) {
   finished_ = false;
 }
 
-FBCDC_INLINE std::size_t LogDecoder::addField() {
-  const std::size_t i = event_.fields.size_;
-  if (storage_.data() + i == storage_.data() + storage_.size()) {
-    storage_.emplace_back();
-    event_.fields.data_ = storage_.data();
-  } else {
-    // All bytes zero is the value a new field starts with (absent values, empty views). Cleared
-    // in pieces small enough to become a few vector stores rather than a string instruction.
-    static_assert(std::is_trivially_copyable<FieldValue>::value, "cleared with memset");
-    FieldChange& f = storage_[i];
-    f.name = {};
-    std::memset(static_cast<void*>(&f.before), 0, sizeof(FieldValue));
-    std::memset(static_cast<void*>(&f.after), 0, sizeof(FieldValue));
-  }
-  event_.fields.size_ = i + 1;
-  return i;
+FieldChange* LogDecoder::growFields() {
+  storage_.emplace_back();
+  event_.fields.data_ = storage_.data();
+  return storage_.data();
 }
 
 void LogDecoder::startEvent() {
@@ -211,8 +198,8 @@ void LogDecoder::startEvent() {
   event_.sqlNumber = 0;
 }
 
-// Every complaint is followed by a return: the block reader's complaints throw, and the in-place
-// reader's end the parse that way.
+// Every complaint ends the parse where it stands (a return, or a break out of the field loop): the
+// block reader's complaints throw, and the in-place reader's end the parse that way.
 template <typename In>
 FBCDC_INLINE void LogDecoder::readRecord(In& in, std::uint8_t tag) {
   switch (tag) {
@@ -252,6 +239,12 @@ FBCDC_INLINE void LogDecoder::readRecord(In& in, std::uint8_t tag) {
 
 template <typename In>
 FBCDC_INLINE void LogDecoder::readFields(In& in, ChangeEvent::Kind kind) {
+  // The field table's place and size stay in registers while the record is read: stores into a
+  // field could alias them in memory. A value is read by its kind, so a reused field needs only its
+  // name and the kinds of the values its record does not carry set, never a clearing.
+  FieldChange* fields = storage_.data();
+  std::size_t capacity = storage_.size();
+  std::size_t count = 0;
   // Behind a field's values stands the next field's name length or the end byte; a delete entry of
   // a blob or array field is its name alone, so the byte read after a name may be either.
   int pending = -1;
@@ -259,32 +252,56 @@ FBCDC_INLINE void LogDecoder::readFields(In& in, ChangeEvent::Kind kind) {
     const std::uint8_t length =
         pending >= 0 ? static_cast<std::uint8_t>(pending) : in.byte(kNameExpected);
     pending = -1;
-    if (length == kEndOfRecord) return;
-    if (length == 0 || length > kMaxName) return in.failByte(kNameExpected, length);
-    const std::size_t field = addField();
-    FieldChange& f = storage_[field];
+    if (length == kEndOfRecord) break;
+    if (length == 0 || length > kMaxName) {
+      in.failByte(kNameExpected, length);
+      break;
+    }
+    if (count == capacity) {
+      fields = growFields();
+      capacity = storage_.size();
+    }
+    const std::size_t field = count++;
+    FieldChange& f = fields[field];
     in.text(length, "a field name", f.name, field, Slot::kName);
 
     std::uint8_t marker = in.byte("a value marker");
     if (kind == ChangeEvent::Kind::kInsert) {
-      if (marker != kNewValue) return in.failByte("the new value marker FD of an insert", marker);
+      f.before.kind = FieldValue::Kind::kAbsent;
+      if (marker != kNewValue) {
+        in.failByte("the new value marker FD of an insert", marker);
+        break;
+      }
       readValue(in, f.after, field, Slot::kAfter);
       continue;
     }
     if (marker == kOldValue) {
       readValue(in, f.before, field, Slot::kBefore);
-      if (kind == ChangeEvent::Kind::kDelete) continue;
+      if (kind == ChangeEvent::Kind::kDelete) {
+        f.after.kind = FieldValue::Kind::kAbsent;
+        continue;
+      }
       marker = in.byte("the new value marker FD");
+    } else {
+      f.before.kind = FieldValue::Kind::kAbsent;
     }
     if (kind == ChangeEvent::Kind::kUpdate) {
-      if (marker != kNewValue) return in.failByte("the new value marker FD of an update", marker);
+      if (marker != kNewValue) {
+        in.failByte("the new value marker FD of an update", marker);
+        break;
+      }
       readValue(in, f.after, field, Slot::kAfter);
       continue;
     }
     // A delete entry without a value: the byte read is the next name's length or the end byte.
-    if (marker == kNewValue) return in.failByte("the old value marker FE of a delete", marker);
+    f.after.kind = FieldValue::Kind::kAbsent;
+    if (marker == kNewValue) {
+      in.failByte("the old value marker FE of a delete", marker);
+      break;
+    }
     pending = marker;
   }
+  event_.fields.size_ = count;
 }
 
 template <typename In>
@@ -351,6 +368,10 @@ FBCDC_INLINE void LogDecoder::readValue(In& in, FieldValue& value, std::size_t f
       if (slot == Slot::kBefore)
         return in.failByte("an old value's type code (a blob or array has none)", type);
       value.kind = type == 17 ? Kind::kBlob : Kind::kArray;
+      value.streamed = false;
+      value.bytes = {};
+      value.size = 0;
+      value.pieces = 0;
       in.pieces(value, field, slot);
       return;
     default:

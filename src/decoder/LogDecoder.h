@@ -78,9 +78,8 @@ class LogDecoder {
   void readValue(In& in, FieldValue& value, std::size_t field, Slot slot);
 
   void startEvent();
-  // Appends a field to the event; the storage only grows, and each field is reset on reuse.
-  std::size_t addField();
-  FieldChange& field(std::size_t i) { return storage_[i]; }
+  // One more entry in the field table, which only grows; returns the table's new place.
+  FieldChange* growFields();
   void readPieces(FieldValue& value, std::size_t field, Slot slot);
   Span readBytes(std::size_t n, const char* what);
   void resolveViews();

@@ -307,7 +307,7 @@ TEST_F(LogDecoderTest, StructuralDamageIsReportedWhereItLies) {
 }
 
 // A long blob handed out piece by piece: the receiver gets every byte in order and the event
-// keeps only its size.
+// keeps only its size. The next event reuses the field: nothing of the streamed value stays.
 TEST_F(LogDecoderTest, LargeBlobsAreStreamedPastTheThreshold) {
   EmbeddedDatabase db(dir / "blobs.fdb");
   Bytes data(200000);
@@ -316,6 +316,9 @@ TEST_F(LogDecoderTest, LargeBlobsAreStreamedPastTheThreshold) {
   row.addBlob("B", db.createBlob(data, false, 30000)).addBlob("SMALL", db.createBlob({1, 2}, true));
   ReplTransaction* t = begin();
   ASSERT_EQ(0, t->insertRecord(status, db.attachment(), db.transaction(), &row));
+  LiteralRow small("T");
+  small.addBlob("B", db.createBlob({3}, true));
+  ASSERT_EQ(0, t->insertRecord(status, db.attachment(), db.transaction(), &small));
   ASSERT_EQ(0, t->commit(status));
   t->dispose();
   Bytes received;
@@ -334,6 +337,13 @@ TEST_F(LogDecoderTest, LargeBlobsAreStreamedPastTheThreshold) {
   EXPECT_TRUE(received == data);
   EXPECT_FALSE(e.fields[1].after.streamed);
   EXPECT_EQ(std::string("\1\2", 2), e.fields[1].after.bytes);
+  const ChangeEvent& reused = decoder.next();
+  ASSERT_EQ(1u, reused.fields.size());
+  const FieldValue& v = reused.fields[0].after;
+  EXPECT_FALSE(v.streamed);
+  EXPECT_EQ(1u, v.size);
+  EXPECT_EQ(1u, v.pieces);
+  EXPECT_EQ("\3", v.bytes);
   EXPECT_EQ(ChangeEvent::Kind::kEnd, decoder.next().kind);
 }
 
