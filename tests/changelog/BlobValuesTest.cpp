@@ -219,19 +219,6 @@ TEST_F(BlobValuesTest, ServerErrorsWhileReadingABlob) {
   }
 }
 
-// What the plugin relies on: the engine's successful close gives up the caller's reference, so with
-// one extra reference taken before it, the release after it drops the last one.
-TEST_F(BlobValuesTest, EngineCloseGivesUpTheReference) {
-  ISC_QUAD id = db.createBlob(bytesOf("abc"), false);
-  Firebird::CheckStatusWrapper w(status);
-  Firebird::IBlob* blob = db.attachment()->openBlob(&w, db.transaction(), &id, 0, nullptr);
-  ASSERT_NE(nullptr, blob);
-  blob->addRef();
-  blob->close(&w);
-  ASSERT_FALSE(status.hasErrors()) << status.text();
-  EXPECT_EQ(0, blob->release());
-}
-
 // Unrecorded column types map to a code the plugin refuses (see RefusedTypes). No result set of
 // this server has one, so the client library's builder makes it; an unnamed column is numbered.
 TEST(ResultSetRowTest, UnrecordedTypesAndUnnamedColumns) {

@@ -127,8 +127,8 @@ TEST(FaultSweepTest, EveryCallFailsInTurn) {
                                kind == PosixFaults::kRename || kind == PosixFaults::kRemove ||
                                (kind == PosixFaults::kFsync && s.durable) || shortWrite;
           const bool accepted = kind == PosixFaults::kMkdir && error == EEXIST;  // an existing path
-          EXPECT_TRUE(reported || !fired || ignored || accepted) << "a failure went unreported";
-          EXPECT_FALSE(reported && (!fired || accepted)) << "a failure reported without a fault";
+          // A failed cut, for one, leaves a committed log (its stale tail is checked below).
+          EXPECT_EQ(fired && !ignored && !accepted, reported) << "reported the wrong failures";
 
           Strings names = listDirectory(logs);
           if (nth == 0) {

@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <functional>
 #include <random>
-#include <thread>
 
 #include "LiteralRow.h"
 #include "PluginFixture.h"
@@ -128,26 +127,6 @@ TEST_F(ReplTransactionTest, FileCreationFailsAtCommit) {
   EXPECT_EQ(kStatementLog, hex(readFile(publishedLog())));
 }
 
-// A cut that fails at commit is ignored: the stale blocks of a longer past stay behind the final
-// one, where a reader meets them only after the commit marker.
-TEST_F(SavepointTest, FailedCutKeepsTheStaleTail) {
-  ReplTransaction* t = begin(8);
-  Bytes model = kHeader;
-  statement(t, model, "kept", 1);
-  t->startSavepoint(status, 1);
-  for (int i = 0; i < 300; ++i)
-    ASSERT_EQ(0, t->executeSql(status, std::string(255, 'x').c_str(), i));
-  t->rollbackSavepoint(1);
-  PosixFaults::failAt(PosixFaults::kFtruncate64, 1, EIO);
-  ASSERT_EQ(0, t->commit(status));
-  EXPECT_EQ(1, PosixFaults::fired());
-  t->dispose();
-  const Bytes file = readFile(publishedLog());
-  const Bytes head = committed(model);
-  EXPECT_EQ(2u * 32768, file.size()) << "the length it had before the rollback";
-  EXPECT_EQ(head, Bytes(file.begin(), file.begin() + head.size()));
-}
-
 // A savepoint right after the first block filled (also while it waits for a file that could not be
 // created) starts at the next block: its rollback reads that block back only once it was written.
 TEST_F(SavepointTest, SavepointAtABlockStart) {
@@ -183,34 +162,15 @@ TEST_F(SavepointTest, SavepointAtABlockStart) {
   }
 }
 
-// A rollback whose first lseek fails changes nothing and keeps the savepoint. (Later rewind faults
-// stop the writer, see WriteAndRewindFaults; a stopped writer publishes nothing, see the sweep.)
-TEST_F(SavepointTest, FailedPositioningStopsTheWriter) {
-  ReplTransaction* t = begin(6);
-  Bytes model = kHeader;
-  statement(t, model, "before", 1);
-  t->startSavepoint(status, 1);
-  for (int i = 0; i < 300; ++i)
-    ASSERT_EQ(0, t->executeSql(status, std::string(255, 'r').c_str(), i));
-  PosixFaults::failAt(PosixFaults::kLseek64, 1, EIO);
-  t->rollbackSavepoint(1);
-  EXPECT_EQ(1, PosixFaults::fired());
-  // The rolled-back records are still in the log: it must never be published.
-  EXPECT_EQ(335544382, t->executeSql(status, "after", 2));
-  EXPECT_EQ(335544382, t->commit(status));
-  EXPECT_EQ("CDC error TF::WC-w: Log writer stopped after an earlier write failure", status.text());
-  t->dispose();
-  EXPECT_EQ(0u, listDirectory(logs).size());
-}
-
 // Random records, savepoint starts, releases and rollbacks (numbers repeat, and -1) against a model
 // of the stream. A rollback into a block on disk does two lseeks and one 32768-byte read, and
 // writes nothing. FBCDC_SAVEPOINT_SEQUENCES and FBCDC_SAVEPOINT_SEED choose the run and the seed.
 TEST_F(SavepointTest, RandomSequencesMatchTheModel) {
-  const char* countText = std::getenv("FBCDC_SAVEPOINT_SEQUENCES");
-  const char* seedText = std::getenv("FBCDC_SAVEPOINT_SEED");
-  const int sequences = countText ? std::atoi(countText) : 10000;
-  const unsigned seed = seedText ? static_cast<unsigned>(std::atoi(seedText)) : 20261123u;
+  const auto setting = [](const char* name, int fallback) {
+    return std::getenv(name) ? std::atoi(std::getenv(name)) : fallback;
+  };
+  const int sequences = setting("FBCDC_SAVEPOINT_SEQUENCES", 10000);
+  const auto seed = static_cast<unsigned>(setting("FBCDC_SAVEPOINT_SEED", 20261123));
   std::mt19937 random(seed);
   auto below = [&](unsigned n) { return static_cast<int>(random() % n); };
   const auto calls = [](PosixFaults::Call call) { return PosixFaults::calls(call); };

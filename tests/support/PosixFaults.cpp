@@ -17,7 +17,6 @@ struct Rule {
   int nth = 0;  // 0: disarmed
   int error = 0;
   long bytes = -1;
-  bool persistent = false;
 };
 
 // A few rules per kind, so that a test can shorten one call and fail the next.
@@ -59,7 +58,7 @@ bool inject(Call call, long* limit = nullptr) {
     return true;
   }
   for (const Rule& r : rules[call]) {
-    if (r.nth == 0 || n < r.nth || (n > r.nth && !r.persistent)) continue;
+    if (n != r.nth) continue;
     ++firedCount;
     if (r.error == 0 && limit) *limit = r.bytes;
     if (r.error != 0) errno = r.error;
@@ -80,12 +79,8 @@ int passOrFail(Call call, const char* path, const char* path2, int fd, long long
 
 }  // namespace
 
-void failAt(Call call, int nth, int error, bool persistent) {
-  addRule(call, Rule{nth, error, -1, persistent});
-}
-void limitAt(Call call, int nth, long bytes, bool persistent) {
-  addRule(call, Rule{nth, 0, bytes, persistent});
-}
+void failAt(Call call, int nth, int error) { addRule(call, Rule{nth, error, -1}); }
+void limitAt(Call call, int nth, long bytes) { addRule(call, Rule{nth, 0, bytes}); }
 void failInThisThread(Call call, int nth, int error) {
   threadCall = call;
   threadCountdown = nth;

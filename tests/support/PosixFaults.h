@@ -1,6 +1,6 @@
 // Fault injection for the library's POSIX calls by linker interposition (--wrap): per call the
 // wrappers pass it on, fail it with a chosen errno, or let it transfer fewer bytes. Calls are
-// counted from the last reset(); a rule fires at the nth call of its kind, once or from then on.
+// counted from the last reset(); a rule fires once, at the nth call of its kind.
 #pragma once
 
 #include <ctime>
@@ -27,9 +27,9 @@ constexpr int kCalls = kFdatasync + 1;
 const char* nameOf(Call call);
 
 // The nth call fails with error (errno) and result -1.
-void failAt(Call call, int nth, int error, bool persistent = false);
+void failAt(Call call, int nth, int error);
 // The nth call of write or read transfers at most bytes bytes (0: a write that makes no progress).
-void limitAt(Call call, int nth, long bytes, bool persistent = false);
+void limitAt(Call call, int nth, long bytes);
 // The nth call of this kind made by the calling thread from now on fails with error, once; other
 // threads are not affected.
 void failInThisThread(Call call, int nth, int error);

@@ -79,7 +79,6 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
       {{"dump", "--bogus", logs}, 2, "", "--bogus"},
       {{"dump", dir / "none"}, 1, "", "no such file"},
       {{"dump", logs}, 0, "\"op\":\"sql\"", ""},
-      {{"dump", "--until", "2000-01-01", logs}, 0, "", ""},
       {{"verify", logs}, 0, "1 published logs: 1 valid", ""},
       {{"follow", dir / "none"}, 1, "", "not a directory"},
       {{"follow", logs, "--once", "--sink", "kafka", "--brokers", "localhost:1", "-X", "no.such=1"},
@@ -87,7 +86,6 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
        "",
        "Kafka setting no.such=1"},
       {{"dump", dir / "."}, 0, "", "no published logs there"},
-      {{"dump", "--since", "2026-02-30", logs}, 2, "", "is not a time"},
       {{"verify", "/dev/zero"}, 1, "", "not a regular file"},
       {{"follow", logs, "--until", "2000-01-01"}, 0, "", ""},  // ends: no log can come
       {{"follow", logs, "--to", "0000000000000001_0000000000000000.fbl"}, 0, "", ""},
@@ -106,7 +104,7 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
       EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << "one line: " << r.err;
     }
   }
-  EXPECT_EQ("", run(dir, {"dump", "--until", "2000-01-01", logs}).out);
+  EXPECT_EQ("", run(dir, {"dump", "--until", "2000-01-01", logs}).out) << "every log is later";
 }
 
 // A flipped bit is found in its block; damage under valid CRCs at its position; temporary logs
