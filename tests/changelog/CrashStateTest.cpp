@@ -94,7 +94,7 @@ struct Recording {
 class CrashStateTest : public ::testing::Test {
  protected:
   // Records a run of transactions: small, several blocks, a rollback into a block on disk, one
-  // given up, one that records nothing.
+  // given up, and two that record nothing (one committed, one given up): they publish nothing.
   // Each run has a directory of its own: runs in different seconds publish under other names.
   Recording record(bool durable, const std::string& name) {
     const std::string logs = dir / (name + "/");
@@ -120,6 +120,7 @@ class CrashStateTest : public ::testing::Test {
     transaction(3, 500, 100, true);
     transaction(4, 300, -1, false);
     transaction(5, 0, -1, true);
+    transaction(6, 0, -1, false);
     plugin->dispose();
     Recording run;
     run.ops = resolve(PosixFaults::takeRecording());
@@ -154,10 +155,9 @@ TEST_F(CrashStateTest, EveryCrashStateKeepsItsPromises) {
       std::vector<bool> safe(end, false);
       for (std::size_t j = 0; j < end; ++j) {
         if (!ops[j].barrier) continue;
-        for (std::size_t i = 0; i < j; ++i) {
+        for (std::size_t i = 0; i < j; ++i)
           if (ops[j].inode == -1 ? ops[i].directory : ops[i].data && ops[i].inode == ops[j].inode)
             safe[i] = true;
-        }
       }
       std::vector<std::size_t> open;
       for (std::size_t i = 0; i < end; ++i)
@@ -166,10 +166,8 @@ TEST_F(CrashStateTest, EveryCrashStateKeepsItsPromises) {
           open.size() <= 10 ? (std::size_t{1} << open.size()) : std::size_t{1024};
       for (std::size_t k = 0; k < combinations; ++k) {
         std::vector<bool> kept(end, true);
-        for (std::size_t b = 0; b < open.size(); ++b) {
-          const bool keep = open.size() <= 10 ? (k >> b & 1) : random() % 2;
-          kept[open[b]] = keep;
-        }
+        for (std::size_t b = 0; b < open.size(); ++b)
+          kept[open[b]] = open.size() <= 10 ? (k >> b & 1) : random() % 2;
         if (ordered) {
           // Directory changes keep their order: a dropped one drops every later one; and a rename
           // or removal keeps every earlier write to its file.

@@ -15,8 +15,6 @@
 
 namespace {
 
-using PosixFaults::Call;
-
 struct Scenario {
   const char* name;
   bool durable, publishes;
@@ -34,7 +32,8 @@ bool ok(std::int32_t result, FbStatus& status) {
 }
 
 TEST(FaultSweepTest, EveryCallFailsInTurn) {
-  PosixFaults::Scope faults;
+  using namespace PosixFaults;
+  Scope faults;
   TempDir dir;
   EmbeddedDatabase db(dir / "blobs.fdb");
   const ISC_QUAD blob = db.createBlob(Bytes(70000, 0x5A), false, 20000);
@@ -86,20 +85,17 @@ TEST(FaultSweepTest, EveryCallFailsInTurn) {
     // The clean run gives the log to expect.
     Bytes clean;
     // Each fault: a call kind, the call that fails, its errno (0: a write cut to 100 bytes).
-    for (int k = 0; k < PosixFaults::kCalls; ++k) {
+    for (int k = 0; k < kCalls; ++k) {
       const Call kind = static_cast<Call>(k);
-      for (const int error : kind == PosixFaults::kWrite ? writeErrors : errors) {
+      for (const int error : kind == kWrite ? writeErrors : errors) {
         for (int nth = 0;; ++nth) {  // nth 0: no fault, the clean run, made first
           if (nth == 0 && (k != 0 || error != errors[0])) continue;
           const bool shortWrite = error == 0;
-          SCOPED_TRACE(std::string(s.name) + ": " + PosixFaults::nameOf(kind) + " " +
-                       std::to_string(nth) + " fails with " + std::to_string(error));
+          SCOPED_TRACE(std::string(s.name) + ": " + nameOf(kind) + " " + std::to_string(nth) +
+                       " fails with " + std::to_string(error));
           const std::size_t before = listDirectory("/proc/self/fd").size();
-          PosixFaults::reset();
-          if (nth > 0 && shortWrite)
-            PosixFaults::limitAt(kind, nth, 100);
-          else if (nth > 0)
-            PosixFaults::failAt(kind, nth, error);
+          reset();
+          if (nth > 0) shortWrite ? limitAt(kind, nth, 100) : failAt(kind, nth, error);
           FbStatus status;
           Firebird::IReplPlugin* plugin = startPlugin(status, dir / "plugin.conf", config);
           bool reported = !plugin;
@@ -118,15 +114,14 @@ TEST(FaultSweepTest, EveryCallFailsInTurn) {
             EXPECT_EQ(0u, status.text().rfind("CDC error", 0)) << status.text();
           }
           const bool fired = PosixFaults::fired() > 0;
-          PosixFaults::reset();
+          reset();
           EXPECT_EQ(before, listDirectory("/proc/self/fd").size()) << "a descriptor stayed open";
 
           // A failure the plugin must report: anything but the cleanup calls whose results are
           // ignored, and a write that only came up short.
-          const bool ignored = kind == PosixFaults::kFtruncate64 || kind == PosixFaults::kClose ||
-                               kind == PosixFaults::kRename || kind == PosixFaults::kRemove ||
-                               (kind == PosixFaults::kFsync && s.durable) || shortWrite;
-          const bool accepted = kind == PosixFaults::kMkdir && error == EEXIST;  // an existing path
+          const bool ignored = kind == kFtruncate64 || kind == kClose || kind == kRename ||
+                               kind == kRemove || (kind == kFsync && s.durable) || shortWrite;
+          const bool accepted = kind == kMkdir && error == EEXIST;  // an existing path
           // A failed cut, for one, leaves a committed log (its stale tail is checked below).
           EXPECT_EQ(fired && !ignored && !accepted, reported) << "reported the wrong failures";
 
@@ -139,24 +134,20 @@ TEST(FaultSweepTest, EveryCallFailsInTurn) {
             const Bytes file = readFile(logs + names[0]);
             // A failed rename keeps the whole log under its temporary name, and so does a failed
             // sync of the directory of a durable log.
-            const bool kept = fired && (kind == PosixFaults::kRename ||
-                                        (kind == PosixFaults::kFsync && s.durable));
+            const bool kept = fired && (kind == kRename || (kind == kFsync && s.durable));
             EXPECT_EQ(kept ? ".tmp" : ".fbl", names[0].substr(33));
-            if (fired && kind == PosixFaults::kFtruncate64) {
+            const auto verdict = LogVerifier::verify(logs + names[0]).verdict;
+            if (fired && kind == kFtruncate64) {
               // The failed cut leaves the stale tail, as the writer must: fbcdc verify sees it.
               EXPECT_TRUE(std::equal(clean.begin(), clean.end(), file.begin()));
-              EXPECT_EQ(LogVerifier::Verdict::kDamaged,
-                        LogVerifier::verify(logs + names[0]).verdict);
+              EXPECT_EQ(LogVerifier::Verdict::kDamaged, verdict);
             } else {
               EXPECT_EQ(clean, file);
-              if (!kept) {
-                EXPECT_EQ(LogVerifier::Verdict::kValid,
-                          LogVerifier::verify(logs + names[0]).verdict);
-              }
+              EXPECT_TRUE(kept || verdict == LogVerifier::Verdict::kValid);
             }
           } else {
             // Nothing published; a ".tmp" only where its removal failed.
-            const bool kept = fired && kind == PosixFaults::kRemove;
+            const bool kept = fired && kind == kRemove;
             EXPECT_EQ(kept ? 1u : 0u, names.size());
             for (const std::string& n : names) EXPECT_EQ(".tmp", n.substr(33));
           }
