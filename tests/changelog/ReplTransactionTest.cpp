@@ -78,6 +78,18 @@ TEST_F(ReplTransactionTest, StatementOnlyLogIsPublishedAs24Bytes) {
   EXPECT_EQ(kStatementLog, hex(readFile(publishedLog())));
 }
 
+// Starting, committing and disposing a transaction that recorded nothing touches no file, and
+// neither does one disposed without a commit.
+TEST_F(ReplTransactionTest, NothingRecordedLeavesNothing) {
+  ReplTransaction* committedOne = begin(7);
+  ReplTransaction* abandoned = begin(8);
+  EXPECT_EQ(0, committedOne->commit(status));
+  committedOne->dispose();
+  abandoned->dispose();
+  EXPECT_EQ(Strings{}, listDirectory(logs));
+  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kOpen) + PosixFaults::calls(PosixFaults::kRemove));
+}
+
 // Header 5 + 121 records of 269 + one of 209 + marker 1 = 32764: the marker fills the block, which
 // the put writes itself, and the closing flush writes nothing more.
 TEST_F(ReplTransactionTest, CommitMarkerFillingTheBlockExactly) {

@@ -160,6 +160,9 @@ TEST(CharacterSetsTest, AgreeWithTheServersTable) {
     CharacterSets::appendValidUtf8(out, valid);
     EXPECT_EQ(valid, out) << "set " << cs << " gives invalid UTF-8";
   }
+  std::string win;
+  ASSERT_TRUE(CharacterSets::appendUtf8(53, "\x80\x81", win));
+  EXPECT_EQ("\xE2\x82\xAC\xEF\xBF\xBD", win);  // WIN1252: 80 is the euro sign, 81 undefined
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
-// The decoder against the plugin: random transactions (every type, nulls, partial old images,
-// statements) decode to exactly what was written, and damage under valid CRCs is reported where it
-// lies. Blobs and savepoint rollbacks among such records are ReplicaTest's (a random workload on a
-// real server), and no change of bytes failing the decoder other than with a LogFormatError is
-// LogDecoderFuzz's.
+// The decoder against the plugin: random transactions (every type, nulls, blobs, partial old
+// images, statements, savepoint rollbacks) decode to exactly what was written; damage under valid
+// CRCs is reported where it lies; no change of bytes fails the decoder other than with a
+// LogFormatError.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -20,6 +19,8 @@
 
 namespace {
 
+using Blob = std::pair<ISC_QUAD, std::string>;  // a blob's id and its description
+
 std::string randomText(std::mt19937& r, std::size_t n) {
   std::string s(n, '\0');
   for (char& c : s) c = static_cast<char>(r());
@@ -28,11 +29,12 @@ std::string randomText(std::mt19937& r, std::size_t n) {
 
 // Adds a random field to row and returns the description of its value as the decoder must read it
 // back. skipped tells that the writer makes no entry for it (type 0, or no name); in an old image
-// its value counts all the same.
-std::string addField(std::mt19937& r, LiteralRow& row, const std::string& name, bool& skipped) {
+// its value counts all the same. A blob is one of blobs, when there are any.
+std::string addField(std::mt19937& r, LiteralRow& row, const std::string& name, bool& skipped,
+                     const std::vector<Blob>& blobs) {
   const char* n = name.c_str();
   const auto scale = static_cast<std::int16_t>(-static_cast<int>(r() % 5));
-  const unsigned kind = r() % 15;
+  const unsigned kind = r() % (blobs.empty() ? 15 : 16);
   skipped = kind == 13 || kind == 14;
   const std::string s = " scale " + std::to_string(scale) + " ";
   const auto date = static_cast<std::int32_t>(r() % 100000);
@@ -91,19 +93,32 @@ std::string addField(std::mt19937& r, LiteralRow& row, const std::string& name, 
     case 13:
       row.addRaw(n, 0, "");
       return "absent";
-    default:
+    case 14:
       row.addRaw(nullptr, 9, std::string(4, '\1'));
       return "long scale 0 16843009";
+    default: {
+      const Blob& b = blobs[r() % blobs.size()];
+      row.addBlob(n, b.first);
+      return b.second;
+    }
+  }
+}
+
+// Decodes the whole log at path; a LogFormatError goes to the caller.
+void decodeAll(const std::string& path) {
+  LogDecoder decoder;
+  decoder.open(path);
+  while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
   }
 }
 
 class LogDecoderTest : public PluginFixture {
  protected:
   // Decodes the one log of the output directory (and removes it); empty when there is none.
-  std::vector<std::string> decodePublished(std::size_t* size) {
+  std::vector<std::string> decodePublished(Bytes* file) {
     const std::string path = publishedLog();
     if (path.empty()) return {};
-    *size = readFile(path).size();
+    *file = readFile(path);
     std::vector<std::string> events;
     LogDecoder decoder;
     decoder.open(path);
@@ -117,15 +132,25 @@ class LogDecoderTest : public PluginFixture {
   }
 };
 
-// Random transactions, checked against a model of what their published log must hold.
+// Random transactions, checked against a model of what their published log must hold: the events
+// written, less those of rolled-back savepoints.
 TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
+  EmbeddedDatabase db(dir / "blobs.fdb");
   std::mt19937 random(20261123);
-  std::size_t largest = 0;
+  std::vector<Blob> blobs;
+  for (std::size_t size : {0, 700, 70000}) {  // none, one piece, pieces across a block edge
+    const Bytes data = randomBytes(size, random());
+    blobs.push_back({db.createBlob(data, true), "blob " + std::to_string(size) + " " +
+                                                    std::to_string(slowCrc32c(data.data(), size))});
+  }
+  Bytes largest;
   for (int transaction = 0; transaction < 60; ++transaction) {
     SCOPED_TRACE("transaction " + std::to_string(transaction));
     ReplTransaction* t = begin(transaction + 1);
     ASSERT_NE(nullptr, t);
     std::vector<std::string> expected;
+    std::vector<std::pair<int, std::size_t>> savepoints;  // number, events before it
+    int nextSavepoint = 1;
     const int operations = 1 + static_cast<int>(random() % 300);
     for (int op = 0; op < operations; ++op) {
       const std::string relation = "REL" + std::to_string(random() % 4);
@@ -133,42 +158,79 @@ TEST_F(LogDecoderTest, RandomTransactionsDecodeToWhatWasWritten) {
       const int fields = static_cast<int>(random() % 12);
       const int oldFields = static_cast<int>(random() % (fields + 1));
       std::string entries;
-      const unsigned kind = random() % 7;
+      const unsigned kind = random() % 10;
       for (int f = 0; f < fields; ++f) {
         const std::string name = "F" + std::to_string(f);
-        bool skipped;
-        const std::string after = addField(random, newRow, name, skipped);
-        bool unused;
-        const std::string before =
-            f < oldFields ? addField(random, oldRow, name, unused) : "absent";
+        bool skipped, unused;
+        // A delete's image carries no blob value, so its blobs would read as absent.
+        const std::string after =
+            addField(random, newRow, name, skipped, kind == 2 ? std::vector<Blob>{} : blobs);
+        std::string before = f < oldFields ? addField(random, oldRow, name, unused, blobs) : "";
+        if (before.empty() || before.rfind("blob", 0) == 0) before = "absent";
         if (skipped) continue;
         if (kind <= 1) entries += "|" + name + ":absent>" + after;       // insert
         if (kind == 2) entries += "|" + name + ":" + after + ">absent";  // delete
-        if (kind >= 3) entries += "|" + name + ":" + before + ">" + after;
+        if (kind >= 3 && kind <= 5) entries += "|" + name + ":" + before + ">" + after;
       }
       std::int32_t result = 0;
       if (kind <= 5) {
         const char tag = kind <= 1 ? 'I' : kind == 2 ? 'D' : 'U';
-        result = tag == 'I'   ? t->insertRecord(status, nullptr, nullptr, &newRow)
-                 : tag == 'D' ? t->deleteRecord(status, nullptr, nullptr, &newRow)
-                              : t->updateRecord(status, nullptr, nullptr, &oldRow, &newRow);
+        auto* a = db.attachment();
+        result = tag == 'I'   ? t->insertRecord(status, a, db.transaction(), &newRow)
+                 : tag == 'D' ? t->deleteRecord(status, a, db.transaction(), &newRow)
+                              : t->updateRecord(status, a, db.transaction(), &oldRow, &newRow);
         expected.push_back(tag + ("|" + relation) + entries);
-      } else {
+      } else if (kind == 6) {
         const std::string sql = randomText(random, random() % 256);
         const auto number = static_cast<std::int64_t>(random());
         result = t->executeSql(status, sql.c_str(), number);
         expected.push_back("S|" + std::string(sql.c_str()) + "|" + std::to_string(number));
+      } else if (kind == 7) {
+        t->startSavepoint(status, nextSavepoint);
+        savepoints.emplace_back(nextSavepoint++, expected.size());
+      } else if (kind == 8 && !savepoints.empty()) {
+        const int n = savepoints[random() % savepoints.size()].first;
+        t->releaseSavepoint(status, n);
+        while (!savepoints.empty() && savepoints.back().first >= n) savepoints.pop_back();
+      } else if (kind == 9) {
+        const int n = savepoints.empty() || random() % 8 == 0
+                          ? 0
+                          : savepoints[random() % savepoints.size()].first;
+        t->rollbackSavepoint(n);
+        while (!savepoints.empty() && savepoints.back().first > n) savepoints.pop_back();
+        expected.resize(savepoints.empty() ? 0 : savepoints.back().second);
+        if (!savepoints.empty()) savepoints.pop_back();
       }
       ASSERT_EQ(0, result) << status.text();
     }
     ASSERT_EQ(0, t->commit(status)) << status.text();
     t->dispose();
-    std::size_t size = 0;
-    EXPECT_EQ(expected, decodePublished(&size));
-    largest = std::max(largest, size);
+    Bytes file;
+    EXPECT_EQ(expected, decodePublished(&file));
+    if (file.size() > largest.size()) largest = file;
   }
-  // The model must also be checked across block edges.
-  ASSERT_GT(largest, 3u * 32768) << "the logs should cross several blocks";
+  ASSERT_GT(largest.size(), 3u * 32768) << "the logs should cross several blocks";
+
+  // Any change of the stream, sealed with valid CRCs so that the decoder's own checks are reached,
+  // and any cut of the file: the decoder reads on or stops with a LogFormatError, nothing else.
+  const Bytes stream = streamOf(largest);
+  auto survives = [&](const Bytes& file) {
+    writeFile(dir / "damaged.fbl", file);
+    try {
+      decodeAll(dir / "damaged.fbl");
+    } catch (const LogFormatError&) {
+    }
+  };
+  for (int i = 0; i < 400; ++i) {
+    Bytes changed = stream;
+    for (unsigned k = 0; k < 1 + random() % 3; ++k)
+      changed[random() % changed.size()] = static_cast<std::uint8_t>(random());
+    survives(containerOf(changed));
+  }
+  for (std::size_t cut = 0; cut < largest.size(); cut += 1 + random() % 4000) {
+    survives(Bytes(largest.begin(), largest.begin() + cut));
+    survives(containerOf(Bytes(stream.begin(), stream.begin() + std::min(cut, stream.size()))));
+  }
 }
 
 // Damage that valid CRCs do not reveal: each case names the log position of the byte at fault

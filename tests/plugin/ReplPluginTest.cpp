@@ -47,6 +47,8 @@ TEST(ReplPluginStart, VersionsAndConfigurations) {
       {key(p + "no/such/dir"), 30, "",
        cdcError("CDC error creating output directory " + p +
                 "no/such/dir/: No such file or directory")},
+      {key("/" + std::string(4095, 'a')), 30, "",
+       cdcError("CDC error: Too long output directory name")},
       {key(p + "denied"), 30, "",
        cdcError("CDC error creating output directory " + p + "denied/: Permission denied"), true},
   };

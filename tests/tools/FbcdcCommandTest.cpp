@@ -86,6 +86,7 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
        "",
        "Kafka setting no.such=1"},
       {{"dump", dir / "."}, 0, "", "no published logs there"},
+      {{"dump", "--since", "2026-02-30", logs}, 2, "", "is not a time"},
       {{"verify", "/dev/zero"}, 1, "", "not a regular file"},
       {{"follow", logs, "--until", "2000-01-01"}, 0, "", ""},  // ends: no log can come
       {{"follow", logs, "--to", "0000000000000001_0000000000000000.fbl"}, 0, "", ""},
