@@ -124,11 +124,6 @@ void TReadFile::skip(std::uint32_t count) {
   }
 }
 
-std::int64_t TReadFile::getPosition() const {
-  if (current < end) return filePosition + (current - buffer);
-  return fileOffset + (current - end);
-}
-
 void TReadFile::seek(std::int64_t position) {
   const std::int64_t start = BlockFormat::blockStart(position);
   if (start == filePosition) {

@@ -74,8 +74,10 @@ class TReadFile {
   // (and verifies) the next block otherwise.
   bool atEnd();
 
-  // Log position of the next byte.
-  std::int64_t getPosition() const;
+  // Log position of the next byte. Inline: a decoder asks for it once per record.
+  std::int64_t getPosition() const {
+    return current < end ? filePosition + (current - buffer) : fileOffset + (current - end);
+  }
   // Moves to a log position, loading its block unless it is the one in the buffer. A position with
   // no data byte in its block (a trailer, or behind a short last block) is taken as it is: the next
   // get operation loads the following block.
