@@ -9,7 +9,7 @@
 #include <cstring>
 
 #include "../blockfile/ReplException.h"
-#include "../plugin/ReplStatus.h"
+#include "../status/ReplStatus.h"
 #include "IReplRecord.h"
 #include "ReplTransaction.h"
 

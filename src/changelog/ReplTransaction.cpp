@@ -7,7 +7,7 @@
 #include <ctime>
 
 #include "../blockfile/ReplException.h"
-#include "../plugin/ReplStatus.h"
+#include "../status/ReplStatus.h"
 
 ReplTransaction::ReplTransaction(std::uint64_t number)
     : outputDirectory(nullptr),

@@ -12,7 +12,7 @@
 
 #include "../blockfile/ReplException.h"
 #include "../changelog/ReplTransaction.h"
-#include "ReplStatus.h"
+#include "../status/ReplStatus.h"
 
 namespace {
 

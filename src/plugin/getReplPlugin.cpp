@@ -3,7 +3,7 @@
 
 #include "IReplPlugin.h"
 #include "ReplPlugin.h"
-#include "ReplStatus.h"
+#include "../status/ReplStatus.h"
 
 extern "C" __attribute__((visibility("default"))) Firebird::IReplPlugin* getReplPlugin(
     Firebird::IStatus* status, int version, Firebird::IConfig* config) {

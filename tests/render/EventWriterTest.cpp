@@ -21,7 +21,7 @@
 namespace {
 
 std::string goldenPath(const std::string& name) {
-  return std::string(FBCDC_TEST_SOURCE_DIR) + "/decoder/golden/" + name;
+  return std::string(FBCDC_TEST_SOURCE_DIR) + "/render/golden/" + name;
 }
 
 std::string render(const std::string& path, const std::string& format, const EventFormat& f) {
