@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "../blockfile/ReplException.h"
@@ -26,12 +27,14 @@ ReplTransaction::~ReplTransaction() {
   }
 }
 
-void ReplTransaction::formatName(char* out, std::size_t size, const char* suffix) const {
+std::int64_t ReplTransaction::formatName(char* out, std::size_t size, const char* suffix,
+                                         std::int64_t time) const {
   // The time is widened to a signed 64-bit number and printed with its two's complement bits.
-  const std::int64_t now = static_cast<std::int64_t>(::time(nullptr));
+  const std::int64_t now = time == kNow ? static_cast<std::int64_t>(::time(nullptr)) : time;
   std::snprintf(out, size, "%s%16.16llx_%16.16llx%s", outputDirectory,
                 static_cast<unsigned long long>(now),
                 static_cast<unsigned long long>(transactionNumber), suffix);
+  return now;
 }
 
 void ReplTransaction::initialize(const char* directory, int syncedDirectory) {
@@ -90,8 +93,20 @@ void ReplTransaction::dispose() {
     // The final name carries the time of publication, which may differ from the temporary one's.
     // If the rename fails the complete log stays under its temporary name; nothing can be reported.
     char finalName[sizeof fileName];
-    formatName(finalName, sizeof finalName, ".fbl");
+    std::int64_t named = formatName(finalName, sizeof finalName, ".fbl");
     const bool renamed = ::rename(fileName, finalName) == 0;
+    // A rename that came late is done again under the current second, a few times at most. The
+    // log keeps its transaction number, by which a consumer that took it under the first name
+    // knows it again.
+    for (int again = 0; renamed && again < 3; ++again) {
+      const auto now = static_cast<std::int64_t>(::time(nullptr));
+      if (now - named < kLateRenameSeconds && now >= named) break;
+      char later[sizeof fileName];
+      formatName(later, sizeof later, ".fbl", now);
+      if (::rename(finalName, later) != 0) break;
+      std::memcpy(finalName, later, std::strlen(later) + 1);
+      named = now;
+    }
     // A durable log is published only once the rename is on stable storage too. When the
     // directory cannot be synced, the log goes back to its temporary name, complete but not
     // published, rather than stay visible under a name that a power loss may take away.

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 
 #include "../blockfile/TWriteFile.h"
 #include "IReplTransaction.h"
@@ -22,6 +23,11 @@ class IReplField;
 class ReplTransaction final : public Firebird::IReplTransaction, private TWriteFile {
  public:
   static constexpr std::uint8_t kFormatVersion = 4;
+  // Consumers take a log's status-change time for its publication only within the minute after
+  // the second in its name. A publishing rename that returns this many seconds or more after that
+  // second may have set a time outside it (a stalled disk, a descheduled thread): the log is
+  // renamed once more under the current second, so that it is not taken for one touched since.
+  static constexpr std::int64_t kLateRenameSeconds = 30;
   static constexpr std::uint8_t kCommitMarker = 0x7B;
 
   explicit ReplTransaction(std::uint64_t number);
@@ -55,7 +61,10 @@ class ReplTransaction final : public Firebird::IReplTransaction, private TWriteF
 
  private:
   // Formats "<dir><time>_<number><suffix>" with both numbers as 16 lower-case hex digits.
-  void formatName(char* out, std::size_t size, const char* suffix) const;
+  // Formats a name of this log with the given time, or the time now; returns the time used.
+  std::int64_t formatName(char* out, std::size_t size, const char* suffix,
+                          std::int64_t time = kNow) const;
+  static constexpr std::int64_t kNow = std::numeric_limits<std::int64_t>::min();
 
   // The insert and delete layouts differ only in their tag and in the kind of value.
   template <bool old>

@@ -2,10 +2,20 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
 bool LogFile::examine(const std::string& path, LogFile& log) {
   if (!LogName::parse(path, log.parsed)) return false;
   struct stat st;
-  if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  if (::stat(path.c_str(), &st) != 0) {
+    // Only a file that is gone is not there; any other failure (EIO, ESTALE, a directory that
+    // cannot be searched) says nothing of the log, and taking it for gone would skip it.
+    if (errno == ENOENT) return false;
+    throw std::runtime_error("cannot examine " + path + ": " + std::strerror(errno));
+  }
+  if (!S_ISREG(st.st_mode)) return false;
   log.path = path;
   log.name = LogName::baseName(path);
   log.changed = static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;

@@ -30,6 +30,7 @@ struct LogFile {
   // taken for changed when it is new could be passed over. Generous, so that never happens.
   static constexpr std::int64_t kPublishWindow = 60 * std::int64_t{1000000000};
 
-  // Fills a LogFile for path; false when it cannot be examined or is not a log's name.
+  // Fills a LogFile for path; false when it is not a log's name, not a regular file, or gone.
+  // Throws std::runtime_error when the file cannot be examined for another reason.
   static bool examine(const std::string& path, LogFile& log);
 };

@@ -93,22 +93,32 @@ void LogFollower::enqueue(std::vector<LogFile> logs, const FollowPosition& posit
   std::sort(logs.begin(), logs.end());
   for (LogFile& log : logs) {
     if (position.isDone(log) || !range_.contains(log)) continue;
-    const auto queued = std::find_if(queue_.begin(), queue_.end(),
-                                     [&](const LogFile& q) { return q.name == log.name; });
-    if (queued == queue_.end())
+    if (queued_.insert(log.name).second) {
       queue_.push_back(std::move(log));
-    else if (!log.fromName)
-      *queued = std::move(log);  // its rename's report, after a scan found it
+    } else if (!log.fromName) {
+      // Its rename's report, after a scan found it: the report's time is the publication's. Rare
+      // (a rename during a scan), so the search is linear.
+      for (LogFile& q : queue_)
+        if (q.name == log.name) q = std::move(log);
+    }
   }
+}
+
+void LogFollower::order(std::deque<LogFile>& queue) {
+  std::stable_sort(queue.begin(), queue.end(), [](const LogFile& a, const LogFile& b) {
+    return a.publishedAt < b.publishedAt;
+  });
 }
 
 void LogFollower::rescan(const FollowPosition& position) {
   // What was renamed in during the scan is reported, and takes its place among what was found;
-  // reports lost to an overflow mean another scan.
+  // reports lost to an overflow mean another scan. A log named a whole window before the position
+  // is done whatever its file says, and is passed over before it is looked at.
+  const auto done = [&position](const LogName& name) { return position.doneByName(name); };
   do {
-    enqueue(LogDirectory::list(directory_, LogDirectory::Which::kPublished, true), position);
+    enqueue(LogDirectory::list(directory_, LogDirectory::Which::kPublished, true, done), position);
   } while (inotify_ >= 0 && readReports(position));
-  std::sort(queue_.begin(), queue_.end());
+  order(queue_);
 }
 
 void LogFollower::wait(const FollowPosition& position) {
@@ -166,8 +176,9 @@ void LogFollower::run(FollowPosition& position, const Handler& handle, const Com
   for (;;) {
     while (!queue_.empty()) {
       if (stopRequested()) return;
-      LogFile log = queue_.front();
-      queue_.erase(queue_.begin());
+      LogFile log = std::move(queue_.front());
+      queue_.pop_front();
+      queued_.erase(log.name);
       if (range_.endsBefore(log)) return;
       // A log may have gone since it was queued, or been handled under a report and a rescan.
       // It keeps the time it was queued with: a report's is the finer one.

@@ -11,8 +11,10 @@
 //                [&](const FollowPosition& p) { checkpoint.store(p.serialize()); });
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "FollowPosition.h"
@@ -44,6 +46,10 @@ class LogFollower {
   static void stopOnSignals();
   static bool stopRequested();
 
+  // Puts a queue in publication order without moving logs of one time against each other, so
+  // that the order of reports stands where times are equal.
+  static void order(std::deque<LogFile>& queue);
+
   // Seconds between rescans while waiting; a rescan finds logs whose report was lost.
   static constexpr int kRescanSeconds = 5;
 
@@ -59,5 +65,8 @@ class LogFollower {
   std::string directory_;
   LogRange range_;
   int inotify_ = -1;
-  std::vector<LogFile> queue_;
+  // Logs to take, in order, and their names: a backlog of a million logs is queued and looked up
+  // in constant time per log.
+  std::deque<LogFile> queue_;
+  std::unordered_set<std::string> queued_;
 };

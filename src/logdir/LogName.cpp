@@ -1,5 +1,7 @@
 #include "LogName.h"
 
+#include <cstring>
+
 namespace {
 
 bool parseHex16(const char* p, std::uint64_t& value) {
@@ -26,15 +28,19 @@ std::string LogName::baseName(const std::string& path) {
 }
 
 bool LogName::parse(const std::string& path, LogName& name) {
-  const std::string base = baseName(path);
+  const std::size_t slash = path.find_last_of('/');
+  const std::size_t start = slash == std::string::npos ? 0 : slash + 1;
+  return parseBase(path.data() + start, path.size() - start, name);
+}
+
+bool LogName::parseBase(const char* base, std::size_t size, LogName& name) {
   // 16 digits, "_", 16 digits, ".fbl" or ".tmp"
-  if (base.size() != 37 || base[16] != '_' || base[33] != '.') return false;
-  const std::string suffix = base.substr(34);
-  if (suffix != "fbl" && suffix != "tmp") return false;
+  if (size != 37 || base[16] != '_' || base[33] != '.') return false;
+  const bool published = std::memcmp(base + 34, "fbl", 3) == 0;
+  if (!published && std::memcmp(base + 34, "tmp", 3) != 0) return false;
   std::uint64_t time;
-  if (!parseHex16(base.data(), time) || !parseHex16(base.data() + 17, name.transaction))
-    return false;
+  if (!parseHex16(base, time) || !parseHex16(base + 17, name.transaction)) return false;
   name.time = static_cast<std::int64_t>(time);
-  name.published = suffix == "fbl";
+  name.published = published;
   return true;
 }

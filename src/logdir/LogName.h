@@ -2,6 +2,7 @@
 // both numbers as 16 lower-case hexadecimal digits.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -12,6 +13,8 @@ struct LogName {
 
   // Parses the last component of path; false when it is not a log's name.
   static bool parse(const std::string& path, LogName& name);
+  // The same for a last component of size bytes, without copying it.
+  static bool parseBase(const char* base, std::size_t size, LogName& name);
   // The last component of a path.
   static std::string baseName(const std::string& path);
 };

@@ -1,0 +1,124 @@
+// A follower over a directory: each log taken once, in publication order, and a directory it
+// cannot read whole stops it rather than pass over what it did not see.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <functional>
+
+#include "LogFollower.h"
+#include "TestFiles.h"
+
+namespace {
+
+std::string logName(std::int64_t second, std::uint64_t transaction) {
+  char name[64];
+  std::snprintf(name, sizeof name, "%016llx_%016llx.fbl", static_cast<long long>(second),
+                static_cast<unsigned long long>(transaction));
+  return name;
+}
+
+// Names taken by one look at the directory (a run with once, which scans as a rescan does).
+Strings look(const TempDir& dir, FollowPosition& position) {
+  Strings taken;
+  LogFollower follower(dir.path(), LogRange());
+  follower.run(
+      position, [&](const LogFile& log) { taken.push_back(log.name); },
+      [](const FollowPosition&) {}, true);
+  return taken;
+}
+
+struct Step {
+  std::function<void(const TempDir&)> change;  // done to the directory before the look
+  Strings taken;                               // what the look takes, in order
+};
+
+TEST(LogFollowerTest, EachLogOnceAcrossLooks) {
+  // Names an hour back: their files, written now, are dated by their names.
+  const std::int64_t old = std::time(nullptr) - 3600;
+  const auto put = [](std::string name) {
+    return [name](const TempDir& dir) { writeFile(dir / name, "x"); };
+  };
+  const auto putAll = [](Strings names) {
+    return [names](const TempDir& dir) {
+      for (const std::string& n : names) writeFile(dir / n, "x");
+    };
+  };
+  const auto nothing = [](const TempDir&) {};
+  const Strings copied = {logName(old, 9), logName(old + 1, 3), logName(old + 5, 1),
+                          logName(old + 5, 2)};
+  const struct {
+    const char* what;
+    std::vector<Step> steps;
+  } cases[] = {
+      // A copied directory: taken in name order once, and then the follower stays quiet, also
+      // after a log of now is published behind them.
+      {"copied logs",
+       {{putAll(copied), copied},
+        {nothing, {}},
+        {put(logName(old + 3600, 100)), {logName(old + 3600, 100)}},
+        {nothing, {}}}},
+      // A log renamed once more under a later second, as the plugin does after a late rename,
+      // is the log already taken.
+      {"renamed again",
+       {{put(logName(old, 5)), {logName(old, 5)}},
+        {[&](const TempDir& dir) {
+           ASSERT_EQ(0, ::rename((dir / logName(old, 5)).c_str(),
+                                 (dir / logName(old + 3600, 5)).c_str()));
+         },
+         {}}}},
+      // A log named a window before the position is not looked at: a file that cannot be
+      // examined there stops nothing.
+      {"done by name",
+       {{put(logName(old + 3600, 1)), {logName(old + 3600, 1)}},
+        {[&](const TempDir& dir) {
+           const std::string loop = dir / logName(old, 2);
+           ASSERT_EQ(0, ::symlink(loop.c_str(), loop.c_str()));
+         },
+         {}}}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    TempDir dir;
+    FollowPosition position;
+    for (std::size_t i = 0; i < c.steps.size(); ++i) {
+      SCOPED_TRACE("look " + std::to_string(i));
+      c.steps[i].change(dir);
+      EXPECT_EQ(c.steps[i].taken, look(dir, position));
+      // What is stored and loaded again decides the same.
+      position = FollowPosition::parse(position.serialize());
+    }
+  }
+}
+
+// A file in the directory that cannot be examined (here a link to itself, named as a log) says
+// nothing of the log: the follower stops instead of taking the log for gone.
+TEST(LogFollowerTest, AnEntryThatCannotBeExaminedStopsTheFollower) {
+  TempDir dir;
+  const std::string loop = dir / logName(std::time(nullptr), 1);
+  ASSERT_EQ(0, ::symlink(loop.c_str(), loop.c_str()));
+  FollowPosition position;
+  try {
+    look(dir, position);
+    FAIL() << "the follower passed over " << loop;
+  } catch (const std::runtime_error& e) {
+    EXPECT_NE(std::string::npos, std::string(e.what()).find("cannot examine " + loop)) << e.what();
+  }
+}
+
+// Logs of one time keep the order in which their renames were reported; only time moves them.
+TEST(LogFollowerTest, ReportOrderStandsWithinOneTime) {
+  const auto at = [](std::int64_t time, std::uint64_t transaction) {
+    LogFile log;
+    log.name = logName(100, transaction);
+    log.publishedAt = time;
+    return log;
+  };
+  std::deque<LogFile> queue = {at(5, 9), at(5, 2), at(3, 7), at(5, 4), at(4, 1)};
+  LogFollower::order(queue);
+  std::vector<std::uint64_t> transactions;
+  for (const LogFile& log : queue) transactions.push_back(std::stoull(log.name.substr(17, 16), nullptr, 16));
+  EXPECT_EQ((std::vector<std::uint64_t>{7, 1, 9, 2, 4}), transactions);
+}
+
+}  // namespace
