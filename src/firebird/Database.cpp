@@ -130,6 +130,74 @@ Firebird::IStatement* Database::prepare(const std::string& sql) {
                               Firebird::IStatement::PREPARE_PREFETCH_METADATA);
 }
 
+std::vector<std::vector<std::string>> Database::texts(const std::string& sql) {
+  Firebird::IStatement* s = prepare(sql);
+  Firebird::IMessageMetadata* out = nullptr;
+  Firebird::IResultSet* rows = nullptr;
+  std::vector<std::vector<std::string>> result;
+  try {
+    out = s->getOutputMetadata(&status_);
+    const unsigned columns = out->getCount(&status_);
+    std::vector<unsigned char> row(out->getMessageLength(&status_));
+    rows = s->openCursor(&status_, transaction(), nullptr, nullptr, out, 0);
+    while (rows->fetchNext(&status_, row.data()) == Firebird::IStatus::RESULT_OK) {
+      std::vector<std::string>& texts = result.emplace_back(columns);
+      for (unsigned i = 0; i < columns; ++i) {
+        std::int16_t null;
+        std::memcpy(&null, row.data() + out->getNullOffset(&status_, i), 2);
+        if (null) continue;
+        const unsigned char* p = row.data() + out->getOffset(&status_, i);
+        std::uint16_t n;
+        std::memcpy(&n, p, 2);
+        texts[i].assign(reinterpret_cast<const char*>(p + 2), n);
+      }
+    }
+    rows->close(&status_);
+    rows = nullptr;
+  } catch (...) {
+    if (rows) rows->release();
+    if (out) out->release();
+    s->release();
+    throw;
+  }
+  out->release();
+  s->free(&status_);
+  return result;
+}
+
+namespace {
+
+const char kPrimaryKeys[] =
+    "SELECT CAST(TRIM(R.RDB$RELATION_NAME) AS VARCHAR(252) CHARACTER SET UTF8), "
+    "CAST(TRIM(S.RDB$FIELD_NAME) AS VARCHAR(252) CHARACTER SET UTF8) "
+    "FROM RDB$RELATIONS R LEFT JOIN RDB$RELATION_CONSTRAINTS C "
+    "ON C.RDB$RELATION_NAME = R.RDB$RELATION_NAME AND C.RDB$CONSTRAINT_TYPE = 'PRIMARY KEY' "
+    "LEFT JOIN RDB$INDEX_SEGMENTS S ON S.RDB$INDEX_NAME = C.RDB$INDEX_NAME "
+    "WHERE COALESCE(R.RDB$SYSTEM_FLAG, 0) = 0 AND R.RDB$VIEW_BLR IS NULL";
+
+}  // namespace
+
+std::vector<std::string> Database::primaryKey(std::string_view table) {
+  std::string literal = "'";
+  for (const char c : table) literal += c == '\'' ? std::string("''") : std::string(1, c);
+  literal += "'";
+  std::vector<std::string> columns;
+  for (auto& row : texts(std::string(kPrimaryKeys) + " AND R.RDB$RELATION_NAME = " + literal +
+                         " ORDER BY S.RDB$FIELD_POSITION"))
+    if (!row[1].empty()) columns.push_back(std::move(row[1]));
+  return columns;
+}
+
+std::map<std::string, std::vector<std::string>> Database::primaryKeys() {
+  std::map<std::string, std::vector<std::string>> keys;
+  for (auto& row : texts(std::string(kPrimaryKeys) +
+                         " ORDER BY R.RDB$RELATION_NAME, S.RDB$FIELD_POSITION")) {
+    std::vector<std::string>& columns = keys[row[0]];
+    if (!row[1].empty()) columns.push_back(std::move(row[1]));
+  }
+  return keys;
+}
+
 ISC_QUAD Database::createBlob(std::string_view data) {
   ISC_QUAD id;
   Firebird::IBlob* blob = attachment_->createBlob(&status_, transaction(), &id, 0, nullptr);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 class Database {
  public:
@@ -36,6 +37,15 @@ class Database {
   // Runs a statement in a transaction of its own, committed at once (schema changes).
   void executeAlone(const std::string& sql);
   Firebird::IStatement* prepare(const std::string& sql);
+
+  // The rows of a query whose columns are all texts (cast them to VARCHAR ... CHARACTER SET
+  // UTF8), in the current transaction; a null is an empty text.
+  std::vector<std::vector<std::string>> texts(const std::string& sql);
+  // The primary key columns of a table in key order; none when it has no primary key.
+  std::vector<std::string> primaryKey(std::string_view table);
+  // The primary key columns of every user table (views and system tables left out); a table
+  // without one maps to none.
+  std::map<std::string, std::vector<std::string>> primaryKeys();
 
   // Stores data as a new blob of the current transaction.
   ISC_QUAD createBlob(std::string_view data);

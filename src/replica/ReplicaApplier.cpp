@@ -193,11 +193,18 @@ namespace {
 
 // No primary key: an applier killed while it creates the table can leave the key's index behind
 // in the engine's pages, and every later attempt to create the table then fails on it. The table
-// holds a single row, made before the first log is applied (see the constructor).
+// holds a single row, made before the first log is applied (see the constructor). The position is
+// a blob, since it names every log of one publication time and a copied directory may hold any
+// number of those; LOGS_APPLIED counts the logs, so that a position is stored only over the one
+// it was read as.
 const char kCreatePositionTable[] =
-    "CREATE TABLE FBCDC_APPLIED (ID INTEGER NOT NULL, "
-    "LAST_LOGS VARCHAR(32000) CHARACTER SET NONE NOT NULL)";
-const char kReadPosition[] = "SELECT LAST_LOGS FROM FBCDC_APPLIED WHERE ID = 1";
+    "CREATE TABLE FBCDC_APPLIED (ID INTEGER NOT NULL, LOGS_APPLIED BIGINT NOT NULL, "
+    "LAST_POSITION BLOB SUB_TYPE TEXT CHARACTER SET NONE)";
+const char kReadPosition[] =
+    "SELECT LOGS_APPLIED, LAST_POSITION FROM FBCDC_APPLIED WHERE ID = 1";
+const char kStorePosition[] =
+    "UPDATE FBCDC_APPLIED SET LAST_POSITION = ?, LOGS_APPLIED = LOGS_APPLIED + 1 "
+    "WHERE ID = 1 AND LOGS_APPLIED = ?";
 
 }  // namespace
 
@@ -205,14 +212,15 @@ ReplicaApplier::ReplicaApplier(Database& replica, Conflicts conflicts)
     : db_(replica), conflicts_(conflicts), binder_(std::make_unique<Binder>(replica)) {
   if (count("SELECT COUNT(*) FROM RDB$RELATIONS WHERE RDB$RELATION_NAME = 'FBCDC_APPLIED'") == 0)
     db_.executeAlone(kCreatePositionTable);
+  upgradePositionTable();
   if (!positionTableUsable()) {
     // An applier killed while it created the table can leave it listed with columns the engine
     // does not know. Such a table is empty (a position is stored with the changes of its log,
     // which needs the columns), and is made again; one that holds rows is somebody else's.
     if (count("SELECT COUNT(*) FROM FBCDC_APPLIED") != 0)
       throw ApplyError(
-          "the replica's table FBCDC_APPLIED holds rows but not the columns ID and LAST_LOGS in "
-          "which the applier keeps its position; rename or drop it");
+          "the replica's table FBCDC_APPLIED holds rows but not the columns ID, LOGS_APPLIED and "
+          "LAST_POSITION in which the applier keeps its position; rename or drop it");
     db_.executeAlone("DROP TABLE FBCDC_APPLIED");
     db_.executeAlone(kCreatePositionTable);
     if (!positionTableUsable())
@@ -222,7 +230,27 @@ ReplicaApplier::ReplicaApplier(Database& replica, Conflicts conflicts)
   // positions at once both update it, and one of them meets the other's change and fails, rather
   // than each inserting a row of its own and both applying the same log.
   if (count("SELECT COUNT(*) FROM FBCDC_APPLIED") == 0)
-    db_.executeAlone("INSERT INTO FBCDC_APPLIED (ID, LAST_LOGS) VALUES (1, '')");
+    db_.executeAlone("INSERT INTO FBCDC_APPLIED (ID, LOGS_APPLIED) VALUES (1, 0)");
+}
+
+void ReplicaApplier::upgradePositionTable() {
+  // Earlier versions kept the position in LAST_LOGS VARCHAR(32000). Each step can be repeated, so
+  // an applier killed between two of them finishes the move the next time.
+  const auto has = [this](const char* column) {
+    return count(("SELECT COUNT(*) FROM RDB$RELATION_FIELDS WHERE RDB$RELATION_NAME = "
+                  "'FBCDC_APPLIED' AND RDB$FIELD_NAME = '" +
+                  std::string(column) + "'")
+                     .c_str()) != 0;
+  };
+  if (!has("LAST_LOGS")) return;
+  if (!has("LOGS_APPLIED"))
+    db_.executeAlone("ALTER TABLE FBCDC_APPLIED ADD LOGS_APPLIED BIGINT DEFAULT 0 NOT NULL");
+  if (!has("LAST_POSITION"))
+    db_.executeAlone(
+        "ALTER TABLE FBCDC_APPLIED ADD LAST_POSITION BLOB SUB_TYPE TEXT CHARACTER SET NONE");
+  db_.executeAlone(
+      "UPDATE FBCDC_APPLIED SET LAST_POSITION = LAST_LOGS WHERE LAST_POSITION IS NULL");
+  db_.executeAlone("ALTER TABLE FBCDC_APPLIED DROP LAST_LOGS");
 }
 
 std::int32_t ReplicaApplier::count(const char* sql) {
@@ -278,15 +306,21 @@ FollowPosition ReplicaApplier::position() {
   Firebird::IResultSet* rows =
       s->openCursor(db_.status(), db_.transaction(), nullptr, nullptr, out, 0);
   std::string text;
+  applied_ = -1;
   if (rows->fetchNext(db_.status(), row.data()) == Firebird::IStatus::RESULT_OK) {
-    const unsigned char* p = row.data() + out->getOffset(db_.status(), 0);
-    std::uint16_t n;
-    std::memcpy(&n, p, 2);
-    text.assign(reinterpret_cast<const char*>(p + 2), n);
+    std::memcpy(&applied_, row.data() + out->getOffset(db_.status(), 0), 8);
+    std::int16_t null;
+    std::memcpy(&null, row.data() + out->getNullOffset(db_.status(), 1), 2);
+    if (!null) {
+      ISC_QUAD id;
+      std::memcpy(&id, row.data() + out->getOffset(db_.status(), 1), sizeof id);
+      text = db_.readBlob(id);
+    }
   }
   rows->close(db_.status());
   out->release();
   db_.commit();
+  if (applied_ < 0) throw ApplyError("the replica's FBCDC_APPLIED holds no position row");
   try {
     return FollowPosition::parse(text);
   } catch (const std::runtime_error& e) {
@@ -299,28 +333,7 @@ const ReplicaApplier::TableInfo& ReplicaApplier::table(std::string_view name) {
   auto found = tables_.find(name);
   if (found != tables_.end()) return found->second;
   TableInfo info;
-  std::string literal = "'";
-  for (const char c : name) literal += c == '\'' ? std::string("''") : std::string(1, c);
-  literal += "'";
-  Firebird::IStatement* s = db_.prepare(
-      "SELECT CAST(TRIM(S.RDB$FIELD_NAME) AS VARCHAR(252) CHARACTER SET UTF8) "
-      "FROM RDB$RELATION_CONSTRAINTS C JOIN RDB$INDEX_SEGMENTS S "
-      "ON S.RDB$INDEX_NAME = C.RDB$INDEX_NAME WHERE C.RDB$CONSTRAINT_TYPE = 'PRIMARY KEY' "
-      "AND C.RDB$RELATION_NAME = " +
-      literal + " ORDER BY S.RDB$FIELD_POSITION");
-  Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
-  std::vector<unsigned char> row(out->getMessageLength(db_.status()));
-  Firebird::IResultSet* rows =
-      s->openCursor(db_.status(), db_.transaction(), nullptr, nullptr, out, 0);
-  while (rows->fetchNext(db_.status(), row.data()) == Firebird::IStatus::RESULT_OK) {
-    const unsigned char* p = row.data() + out->getOffset(db_.status(), 0);
-    std::uint16_t n;
-    std::memcpy(&n, p, 2);
-    info.primaryKey.emplace_back(reinterpret_cast<const char*>(p + 2), n);
-  }
-  rows->close(db_.status());
-  out->release();
-  s->free(db_.status());
+  info.primaryKey = db_.primaryKey(name);
   return tables_.emplace(std::string(name), std::move(info)).first->second;
 }
 
@@ -462,15 +475,22 @@ void ReplicaApplier::apply(const LogFile& log, const FollowPosition& after) {
       where_ = "log " + log.name + ", event " + std::to_string(e.index);
       applyEvent(e);
     }
+    // The position is stored only over the one this applier read: another applier that took
+    // the same logs meanwhile has moved it, and this one's work is undone rather than done twice.
     binder_->clear();
-    FieldValue text;
     const std::string serialized = after.serialize();
-    text.kind = FieldValue::Kind::kText;
+    FieldValue text, applied;
+    text.kind = FieldValue::Kind::kBlob;
     text.bytes = serialized;
+    applied.kind = FieldValue::Kind::kInt64;
+    applied.integer = applied_;
     binder_->add(text, "", "");
-    run("UPDATE OR INSERT INTO FBCDC_APPLIED (ID, LAST_LOGS) VALUES (1, ?) MATCHING (ID)",
-        *binder_);
+    binder_->add(applied, "", "");
+    if (run(kStorePosition, *binder_) != 1)
+      throw ApplyError(where_ + ": the replica's position moved since this applier read it; "
+                                "another applier is taking the same logs");
     db_.commit();
+    ++applied_;
     ++summary_.logs;
   } catch (const Firebird::FbException& e) {
     db_.rollback();

@@ -50,9 +50,11 @@ class ReplicaApplier {
   ReplicaApplier(const ReplicaApplier&) = delete;
   ReplicaApplier& operator=(const ReplicaApplier&) = delete;
 
-  // The logs already applied.
+  // The logs already applied. Read it before applying: a log is applied only over the position
+  // read last (or stored by this applier since).
   FollowPosition position();
-  // Applies log and stores after (the position including it) in the same transaction.
+  // Applies log and stores after (the position including it) in the same transaction; throws
+  // ApplyError, undoing the log, when another applier moved the position meanwhile.
   void apply(const LogFile& log, const FollowPosition& after);
 
   void onWarning(std::function<void(const std::string&)> warn) { warn_ = std::move(warn); }
@@ -70,6 +72,8 @@ class ReplicaApplier {
   std::int32_t count(const char* sql);
   // Whether the engine can read a position from FBCDC_APPLIED.
   bool positionTableUsable();
+  // Moves a position kept in an earlier version's layout into the present one.
+  void upgradePositionTable();
   const TableInfo& table(std::string_view name);
   Firebird::IStatement* statement(const std::string& sql);
   // Runs sql with the values of the fields; returns the number of rows it changed.
@@ -89,4 +93,5 @@ class ReplicaApplier {
   std::unique_ptr<Binder> binder_;
   Summary summary_;
   std::string where_;  // log and event of the change being applied, for messages
+  std::int64_t applied_ = -1;  // LOGS_APPLIED as position() read it; -1: not read
 };

@@ -93,30 +93,42 @@ void KafkaSink::beginLog(const LogInfo& log) {
 }
 
 std::string KafkaSink::keyOf(const ChangeEvent& e) {
-  const bool useNew = e.kind == ChangeEvent::Kind::kInsert;
   const auto named = options_.keys.find(std::string(e.relation));
+  if (named == options_.keys.end() || named->second.empty()) {
+    if (keyedByName_.find(e.relation) == keyedByName_.end()) {
+      keyedByName_.emplace(std::string(e.relation), true);
+      if (options_.keyedByName) options_.keyedByName(std::string(e.relation));
+    }
+    keyBuffer_.clear();
+    CharacterSets::appendValidUtf8(e.relation, keyBuffer_);
+    JsonOutput buffer;
+    rapidjson::Writer<JsonOutput> w(buffer);
+    w.String(keyBuffer_.data(), static_cast<unsigned>(keyBuffer_.size()));
+    return std::string(buffer.view());
+  }
+  const bool useNew = e.kind == ChangeEvent::Kind::kInsert;
   JsonOutput buffer;
   rapidjson::Writer<JsonOutput> w(buffer);
   KeySink sink{w};
   ValueRenderer renderer(format_);
   w.StartObject();
-  auto add = [&](const FieldChange& f) {
-    const FieldValue& v = useNew || !f.before.present() ? f.after : f.before;
-    if (!v.present() || v.isBlobLike()) return;
-    keyBuffer_.clear();
-    CharacterSets::appendValidUtf8(f.name, keyBuffer_);
-    w.Key(keyBuffer_.data(), static_cast<unsigned>(keyBuffer_.size()));
-    renderer.render(v, sink);
-  };
-  if (named != options_.keys.end()) {
-    for (const std::string& column : named->second)
-      for (const FieldChange& f : e.fields)
-        if (f.name == column) add(f);
-  } else {
-    for (const FieldChange& f : e.fields) add(f);
+  for (const std::string& column : named->second) {
+    for (const FieldChange& f : e.fields) {
+      if (f.name != column) continue;
+      const FieldValue& v = useNew || !f.before.present() ? f.after : f.before;
+      keyBuffer_.clear();
+      CharacterSets::appendValidUtf8(f.name, keyBuffer_);
+      w.Key(keyBuffer_.data(), static_cast<unsigned>(keyBuffer_.size()));
+      renderer.render(v, sink);
+    }
   }
   w.EndObject();
   return std::string(buffer.view());
+}
+
+bool KafkaSink::keyedByColumns(std::string_view table) const {
+  const auto named = options_.keys.find(std::string(table));
+  return named != options_.keys.end() && !named->second.empty();
 }
 
 void KafkaSink::event(const ChangeEvent& e) {
@@ -144,7 +156,8 @@ void KafkaSink::event(const ChangeEvent& e) {
     const std::string topic = options_.topicPrefix + "." + std::string(e.relation);
     const std::string key = keyOf(e);
     produce(topic, key, line.data(), line.size());
-    if (options_.tombstones && e.kind == ChangeEvent::Kind::kDelete)
+    if (options_.tombstones && e.kind == ChangeEvent::Kind::kDelete &&
+        keyedByColumns(e.relation))
       produce(topic, key, nullptr, 0);
   }
   writer_.clear();

@@ -1,9 +1,14 @@
 // Publishes events to Kafka through librdkafka: a topic per table ("<prefix>.<TABLE>"), and
 // statements and transaction markers on "<prefix>.transaction". Each message's value is the
-// event's JSON line; its key is the row's primary key as JSON (the columns named for its table),
-// or otherwise every value that identifies the row before the change (the new ones of an insert,
-// the old ones of an update or delete; blobs and arrays left out), so that the changes of one row
-// stay in order within one partition.
+// event's JSON line; its key is the row's primary key as JSON ({"ID":7}: the key columns' old
+// values for an update or a delete, the new ones for an insert), so that every change of one row
+// lands in one partition, in order, and a delete's tombstone matches the row's earlier messages.
+//
+// The log does not say which columns form a key; the caller names them per table. A table with
+// no key named is keyed by its name, as a JSON string ("NOTES"): all its changes go to one
+// partition, in order. Values that change would scatter one row's changes over partitions. Such a
+// table gets no tombstones: in a compacted topic one would remove every message of the table.
+
 //
 // The producer is idempotent. endLog returns only when every message of the log has its delivery
 // report, and throws when any delivery failed: a follower's checkpoint therefore never passes a
@@ -12,6 +17,7 @@
 
 #include <librdkafka/rdkafka.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -30,8 +36,11 @@ class KafkaSink : public EventSink {
     std::string topicPrefix = "fbcdc";
     // Passed to librdkafka as they are (security, compression, batching, ...).
     std::vector<std::pair<std::string, std::string>> properties;
-    // Primary key columns by table, for tables whose key the log cannot tell.
+    // Primary key columns by table; a table not named, or named with no columns, is keyed by
+    // its name.
     std::map<std::string, std::vector<std::string>> keys;
+    // Told once per table that is keyed by its name, when its first message is produced.
+    std::function<void(const std::string& table)> keyedByName;
     bool tombstones = false;  // a null-valued message after each delete
     LargeValues largeValues = LargeValues::kFail;
     std::size_t maxMessageBytes = 1000000;  // librdkafka's and the broker's default limit
@@ -51,6 +60,7 @@ class KafkaSink : public EventSink {
   void produce(const std::string& topic, const std::string& key, const char* value,
                std::size_t size);
   std::string keyOf(const ChangeEvent& e);
+  bool keyedByColumns(std::string_view table) const;
   // Hands over the pending marker line (BEGIN or END), if there is one.
   void marker();
 
@@ -62,4 +72,5 @@ class KafkaSink : public EventSink {
   std::size_t failures_ = 0;
   std::string firstFailure_;
   std::string keyBuffer_;
+  std::map<std::string, bool, std::less<>> keyedByName_;
 };

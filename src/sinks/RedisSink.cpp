@@ -4,8 +4,34 @@
 
 namespace {
 
-// Replies are read after this many commands, so that neither side's buffers fill up.
-constexpr std::size_t kBatch = 1000;
+// KEYS[1] is the position, KEYS[2..] the streams; ARGV[1] the cap (0: none), ARGV[2] the position
+// (empty: none), then pairs of a stream's number in KEYS and an entry.
+const char kAppendLog[] = R"(
+for i = 2, #KEYS do
+  local t = redis.call('TYPE', KEYS[i]).ok
+  if t ~= 'none' and t ~= 'stream' then
+    return redis.error_reply('WRONGTYPE ' .. KEYS[i] .. ' is a ' .. t .. ', not a stream')
+  end
+end
+local t = redis.call('TYPE', KEYS[1]).ok
+if t ~= 'none' and t ~= 'string' then
+  return redis.error_reply('WRONGTYPE ' .. KEYS[1] .. ' is a ' .. t .. ', not a string')
+end
+for i = 3, #ARGV, 2 do
+  local key = KEYS[tonumber(ARGV[i])]
+  if ARGV[1] ~= '0' then
+    redis.call('XADD', key, 'MAXLEN', '~', ARGV[1], '*', 'event', ARGV[i + 1])
+  else
+    redis.call('XADD', key, '*', 'event', ARGV[i + 1])
+  end
+end
+if ARGV[2] ~= '' then redis.call('SET', KEYS[1], ARGV[2]) end
+return redis.status_reply('OK')
+)";
+
+std::string textOf(const redisReply* reply) {
+  return reply->str ? std::string(reply->str, reply->len) : "";
+}
 
 }  // namespace
 
@@ -27,91 +53,91 @@ void RedisSink::fail(const std::string& what) {
   throw std::runtime_error("Redis: " + (file_.empty() ? what : "log " + file_ + ": " + what));
 }
 
-std::string RedisSink::loadPosition() {
-  const std::string key = options_.prefix + ":checkpoint";
-  auto* reply = static_cast<redisReply*>(redisCommand(redis_, "GET %b", key.data(), key.size()));
-  if (!reply) fail(redis_->errstr);
-  std::string text;
-  if (reply->type == REDIS_REPLY_STRING) text.assign(reply->str, reply->len);
-  const bool error = reply->type == REDIS_REPLY_ERROR;
-  const std::string message = error ? std::string(reply->str, reply->len) : "";
-  freeReplyObject(reply);
-  if (error) fail(message);
-  return text;
-}
-
-void RedisSink::append(const std::vector<std::string>& args) {
+redisReply* RedisSink::command(const std::vector<std::string>& args) {
   std::vector<const char*> argv;
   std::vector<std::size_t> lengths;
+  argv.reserve(args.size());
+  lengths.reserve(args.size());
   for (const std::string& a : args) {
     argv.push_back(a.data());
     lengths.push_back(a.size());
   }
-  if (redisAppendCommandArgv(redis_, static_cast<int>(argv.size()), argv.data(), lengths.data()) !=
-      REDIS_OK)
-    fail(redis_->errstr);
-  if (++unread_ >= kBatch) collect();
+  auto* reply = static_cast<redisReply*>(
+      redisCommandArgv(redis_, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  if (!reply) fail(redis_->errstr);
+  return reply;
 }
 
-void RedisSink::collect() {
-  for (; unread_ > 0; --unread_) {
-    void* raw = nullptr;
-    if (redisGetReply(redis_, &raw) != REDIS_OK) fail(redis_->errstr);
-    auto* reply = static_cast<redisReply*>(raw);
-    const bool ok = reply->type == REDIS_REPLY_STATUS;
-    const std::string text = reply->str ? std::string(reply->str, reply->len) : "";
+std::string RedisSink::loadPosition() {
+  // A position stored under "<prefix>:checkpoint" by an earlier version is taken as long as the
+  // new key holds none; a stream of a table CHECKPOINT under that name is not a position.
+  for (const std::string& key : {positionKey(options_.prefix), options_.prefix + ":checkpoint"}) {
+    redisReply* type = command({"TYPE", key});
+    const std::string kind = textOf(type);
+    freeReplyObject(type);
+    if (kind != "string") continue;
+    redisReply* reply = command({"GET", key});
+    const std::string text = textOf(reply);
+    const bool error = reply->type == REDIS_REPLY_ERROR;
     freeReplyObject(reply);
-    if (!ok) fail("a command was refused: " + text);
+    if (error) fail(text);
+    return text;
   }
+  return "";
 }
 
-void RedisSink::add(const std::string& stream, std::string_view line) {
+void RedisSink::add(const std::string& stream) {
+  std::string_view line = writer_.pending();
   if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
-  std::vector<std::string> args = {"XADD", stream};
-  if (options_.maxlen > 0) {
-    args.insert(args.end(), {"MAXLEN", "~", std::to_string(options_.maxlen)});
-  }
-  args.insert(args.end(), {"*", "event", std::string(line)});
-  append(args);
+  auto [at, added] = keyNumbers_.emplace(stream, std::to_string(keys_.size() + 1));
+  if (added) keys_.push_back(stream);
+  entries_.push_back(at->second);
+  entries_.emplace_back(line);
+  writer_.clear();
 }
 
 void RedisSink::beginLog(const LogInfo& log) {
   file_ = log.file;
-  unread_ = 0;
-  append({"MULTI"});
+  keys_.assign(1, positionKey(options_.prefix));
+  keyNumbers_.clear();
+  entries_.clear();
   writer_.beginLog(log);
-  if (!writer_.pending().empty()) add(options_.prefix + ":transaction", writer_.pending());
-  writer_.clear();
+  if (!writer_.pending().empty()) add(options_.prefix + ":transaction");
 }
 
 void RedisSink::event(const ChangeEvent& e) {
   writer_.event(e);
-  const std::string stream = e.kind == ChangeEvent::Kind::kSql
-                                 ? options_.prefix + ":transaction"
-                                 : options_.prefix + ":" + std::string(e.relation);
-  add(stream, writer_.pending());
-  writer_.clear();
+  add(e.kind == ChangeEvent::Kind::kSql ? options_.prefix + ":transaction"
+                                        : options_.prefix + ":" + std::string(e.relation));
 }
 
 void RedisSink::endLog(const ChangeEvent& end) {
   writer_.endLog(end);
-  if (!writer_.pending().empty()) add(options_.prefix + ":transaction", writer_.pending());
-  writer_.clear();
-  if (!position_.empty()) append({"SET", options_.prefix + ":checkpoint", position_});
-  collect();
-  // EXEC applies the whole log and the position together, or, after any refusal, nothing.
-  auto* reply = static_cast<redisReply*>(redisCommand(redis_, "EXEC"));
-  if (!reply) fail(redis_->errstr);
-  std::string problem;
-  if (reply->type != REDIS_REPLY_ARRAY) {
-    problem = reply->str ? std::string(reply->str, reply->len) : "EXEC was refused";
-  } else {
-    for (std::size_t i = 0; i < reply->elements; ++i) {
-      if (reply->element[i]->type == REDIS_REPLY_ERROR)
-        problem = std::string(reply->element[i]->str, reply->element[i]->len);
-    }
+  if (!writer_.pending().empty()) add(options_.prefix + ":transaction");
+  if (scriptSha_.empty()) {
+    redisReply* reply = command({"SCRIPT", "LOAD", kAppendLog});
+    const bool ok = reply->type == REDIS_REPLY_STRING;
+    const std::string text = textOf(reply);
+    freeReplyObject(reply);
+    if (!ok) fail("cannot load the script that appends a log: " + text);
+    scriptSha_ = text;
   }
+  std::vector<std::string> args = {"EVALSHA", scriptSha_, std::to_string(keys_.size())};
+  args.insert(args.end(), keys_.begin(), keys_.end());
+  args.push_back(std::to_string(options_.maxlen > 0 ? options_.maxlen : 0));
+  args.push_back(position_);
+  args.insert(args.end(), entries_.begin(), entries_.end());
+  redisReply* reply = command(args);
+  if (reply->type == REDIS_REPLY_ERROR && textOf(reply).rfind("NOSCRIPT", 0) == 0) {
+    // The server lost its scripts (a restart, SCRIPT FLUSH): the script itself goes along.
+    freeReplyObject(reply);
+    args[0] = "EVAL";
+    args[1] = kAppendLog;
+    reply = command(args);
+  }
+  const bool ok = reply->type == REDIS_REPLY_STATUS;
+  const std::string text = textOf(reply);
   freeReplyObject(reply);
-  if (!problem.empty()) fail(problem);
+  if (!ok) fail(text.empty() ? "the log was refused" : text);
   file_.clear();
 }

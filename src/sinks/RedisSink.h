@@ -2,13 +2,18 @@
 // <prefix>:<TABLE> * event <json>", statements and transaction markers go to
 // "<prefix>:transaction", and maxlen (when set) caps each stream approximately.
 //
-// A log's entries and the follower's position after the log ("<prefix>:checkpoint") are written
-// in one MULTI/EXEC, so a log is in Redis whole or not at all, and a restarted follower resumes
-// exactly after the last log whose entries all arrived: every event once.
+// A log's entries and the follower's position after the log are written by one script, which
+// first checks that every stream it writes is a stream (or not there yet), then adds the entries
+// and sets the position last. Redis runs a script alone and does not undo what a failed command
+// before it did, so the check comes first: a log is in Redis whole or not at all, and a restarted
+// follower resumes exactly after the last log whose entries all arrived: every event once.
+//
+// The position lies under "<prefix>.checkpoint", which no stream key "<prefix>:<TABLE>" can be.
 #pragma once
 
 #include <hiredis/hiredis.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -36,11 +41,14 @@ class RedisSink : public EventSink {
   std::string loadPosition() override;
   void setPositionAfterLog(const std::string& serialized) override { position_ = serialized; }
 
+  // The key of the position for a stream prefix.
+  static std::string positionKey(const std::string& prefix) { return prefix + ".checkpoint"; }
+
  private:
-  void append(const std::vector<std::string>& args);
-  void add(const std::string& stream, std::string_view line);
-  // Reads the replies of the commands sent so far; each must be "QUEUED" (or "OK" for MULTI).
-  void collect();
+  // Queues the pending line as an entry of stream.
+  void add(const std::string& stream);
+  // Runs a command given as its arguments; returns the reply, which the caller frees.
+  redisReply* command(const std::vector<std::string>& args);
   [[noreturn]] void fail(const std::string& what);
 
   Options options_;
@@ -48,5 +56,10 @@ class RedisSink : public EventSink {
   redisContext* redis_ = nullptr;
   std::string position_;
   std::string file_;
-  std::size_t unread_ = 0;  // replies not yet read
+  std::string scriptSha_;
+  // The log's streams as the script's keys (the position first), and its entries as pairs of a
+  // key's number and the JSON line.
+  std::vector<std::string> keys_;
+  std::map<std::string, std::string> keyNumbers_;
+  std::vector<std::string> entries_;
 };

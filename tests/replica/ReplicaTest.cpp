@@ -259,25 +259,60 @@ TEST_F(ApplyCases, PositionTableLeftUnfinished) {
   }
 }
 
-// Two appliers recording their first positions at once: the row is there from the start, so the
-// second meets the first's change and fails rather than inserting a row of its own (and applying
-// the same log again).
-TEST_F(ApplyCases, FirstPositionsRecordedAtOnceConflict) {
+// Two appliers that read one position never both apply the next log: whether the second's
+// transaction starts after the first's commit (it finds the position moved) or before it (the
+// engine reports the conflict), its work is undone. A log that increments a value shows a double.
+TEST_F(ApplyCases, TwoAppliersNeverApplyOneLogTwice) {
+  for (const bool overlapping : {false, true}) {
+    SCOPED_TRACE(overlapping ? "overlapping transactions" : "one after the other");
+    clearLogs();
+    ReplTransaction* t = begin(overlapping ? 2 : 1);
+    ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = V + 1", 1));
+    ASSERT_EQ(0, t->commit(status));
+    t->dispose();
+    const LogFile log = LogDirectory::list(logs).at(0);
+    Database a(dir / "replica.fdb", false), b(dir / "replica.fdb", false);
+    ReplicaApplier first(a, ReplicaApplier::Conflicts::kError);
+    ReplicaApplier second(b, ReplicaApplier::Conflicts::kError);
+    FollowPosition p1 = first.position(), p2 = second.position();
+    p1.advance(log);
+    p2.advance(log);
+    if (overlapping) b.transaction();  // its snapshot is taken before the first's commit
+    const std::string before = rows();
+    first.apply(log, p1);
+    EXPECT_THROW(second.apply(log, p2), ApplyError);
+    std::int32_t id = 0, v = 0;
+    std::sscanf(before.c_str(), "%d=%d", &id, &v);
+    EXPECT_EQ(std::to_string(id) + "=" + std::to_string(v + 1) + " ", rows()) << "applied once";
+  }
+}
+
+// The position names every log of one publication time, however many: a directory copied from
+// one where a second saw thousands of commits, read by an applier that dates them by their names.
+// An earlier version's table (the position in LAST_LOGS VARCHAR) is taken over with its position.
+TEST_F(ApplyCases, PositionOfAnySizeAndFromAnEarlierLayout) {
+  const std::string earlier = "1000000000000000000 000000003b9aca00_0000000000000001.fbl\n";
   {
     Database replica(dir / "replica.fdb", false);
-    ReplicaApplier applier(replica, ReplicaApplier::Conflicts::kError);
+    replica.executeAlone(
+        "CREATE TABLE FBCDC_APPLIED (ID INTEGER NOT NULL, "
+        "LAST_LOGS VARCHAR(32000) CHARACTER SET NONE NOT NULL)");
+    replica.executeAlone("INSERT INTO FBCDC_APPLIED VALUES (1, '" + earlier + "')");
   }
-  const std::string record =
-      "UPDATE OR INSERT INTO FBCDC_APPLIED (ID, LAST_LOGS) VALUES (1, 'x') MATCHING (ID)";
-  Database first(dir / "replica.fdb", false), second(dir / "replica.fdb", false);
-  second.transaction();  // its snapshot is taken before the first's change
-  first.execute(record);
-  first.commit();
-  EXPECT_THROW(second.execute(record), Firebird::FbException);
-  second.rollback();
-  int rows = 0;
-  forEachRow(first, "SELECT ID FROM FBCDC_APPLIED", [&](Message&) { ++rows; });
-  EXPECT_EQ(1, rows);
+  std::string many = "2000000000000000000";
+  for (int i = 0; i < 2000; ++i) {
+    char name[64];
+    std::snprintf(name, sizeof name, " 0000000077359400_%016x.fbl", i);
+    many += name;
+  }
+  ASSERT_GT(many.size(), 32000u);
+  publish(1, 'U', "T", 1, 11);
+  Database replica(dir / "replica.fdb", false);
+  ReplicaApplier applier(replica, ReplicaApplier::Conflicts::kError);
+  EXPECT_EQ(earlier, applier.position().serialize()) << "the earlier layout's position is kept";
+  applier.apply(LogDirectory::list(logs).at(0), FollowPosition::parse(many));
+  EXPECT_EQ(many + "\n", applier.position().serialize());
+  EXPECT_EQ("1=11 ", rows());
 }
 
 }  // namespace

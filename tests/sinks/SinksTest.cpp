@@ -212,6 +212,31 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
   ASSERT_EQ(0, waitFor(spawn(follow, dir / "follow.out", dir / "follow.err")))
       << readText(dir / "follow.err");
 
+  // A key under the prefix that is not a stream: the log that would write it is refused whole,
+  // its other entries and the position stay out, and once the key is gone it arrives whole.
+  auto run = [&](const char* fmt, const char* key) {
+    freeReplyObject(redisCommand(redis, fmt, key));
+  };
+  auto* before = static_cast<redisReply*>(redisCommand(redis, "GET fbcdc.checkpoint"));
+  ASSERT_EQ(REDIS_REPLY_STRING, before->type);
+  const std::string position(before->str, before->len);
+  freeReplyObject(before);
+  run("SET %s not-a-stream", "fbcdc:LINES");
+  publish(number++, 12);
+  EXPECT_EQ(1, waitFor(spawn(follow, dir / "follow.out", dir / "follow.err")));
+  EXPECT_NE(std::string::npos, readText(dir / "follow.err").find("WRONGTYPE fbcdc:LINES"))
+      << readText(dir / "follow.err");
+  auto* after = static_cast<redisReply*>(redisCommand(redis, "GET fbcdc.checkpoint"));
+  EXPECT_EQ(position, std::string(after->str, after->len)) << "the position stays before the log";
+  freeReplyObject(after);
+  run("DEL %s", "fbcdc:LINES");
+  // The LINES events of earlier logs went with the key: they are sent again from the start.
+  run("DEL %s", "fbcdc.checkpoint");
+  run("DEL %s", "fbcdc:ORDERS");
+  run("DEL %s", "fbcdc:transaction");
+  ASSERT_EQ(0, waitFor(spawn(follow, dir / "follow.out", dir / "follow.err")))
+      << readText(dir / "follow.err");
+
   Events arrived;
   std::size_t duplicates = 0;
   for (const char* stream : {"fbcdc:ORDERS", "fbcdc:LINES", "fbcdc:transaction"}) {
