@@ -33,8 +33,17 @@ int compareCommand(int argc, char** argv);
 int demoCommand(int argc, char** argv);
 
 // Parses the arguments; on --help prints the help and returns kExitOk, on an error prints one line
-// and returns kExitUsage. Returns -1 when the command should go on.
+// and returns kExitUsage. Returns -1 when the command should go on. Gives every command the same
+// help layout and words its complaints as fbcdc's other errors, not as CLI11 does.
 int parse(CLI::App& app, int argc, char** argv);
+
+// Prints "fbcdc NAME: text (see fbcdc NAME --help)" on stderr; returns kExitUsage.
+int refuse(const char* command, const std::string& text);
+
+// Checks that an option's value is one of choices, or a whole number within [min, max], with
+// complaints in fbcdc's words, and names its kind in the help (json|text, N).
+CLI::Option* choice(CLI::Option* option, const std::vector<std::string>& choices);
+CLI::Option* wholeNumber(CLI::Option* option, long long min, long long max);
 
 // The options of every command that prints events: --format, --decimal, --blobs, --transactions.
 struct OutputOptions {
@@ -49,7 +58,7 @@ void addOutputOptions(CLI::App& app, OutputOptions& options);
 // --since, --until, --from, --to.
 struct RangeOptions {
   std::string since, until, from, to;
-  // Throws CLI::ValidationError on a time it cannot read.
+  // Throws CLI::ValidationError, worded for the user, on a time it cannot read.
   LogRange range() const;
 };
 void addRangeOptions(CLI::App& app, RangeOptions& options);

@@ -10,8 +10,8 @@ namespace fbcdc {
 
 int dumpCommand(int argc, char** argv) {
   CLI::App app(
-      "Prints the events of change logs. A directory stands for its published logs in "
-      "publication order.",
+      "Prints the events of change logs, as JSON Lines or as a listing. A directory stands for "
+      "its published logs in publication order.",
       argv[0]);
   std::vector<std::string> paths;
   OutputOptions output;
@@ -28,8 +28,7 @@ int dumpCommand(int argc, char** argv) {
     logs = expandPaths(paths, false);
     if (logs.empty()) complain("dump", "no published logs there");  // a note; nothing failed
   } catch (const CLI::ValidationError& e) {
-    complain("dump", e.what());
-    return kExitUsage;
+    return refuse("dump", e.what());
   } catch (const std::exception& e) {
     complain("dump", e.what());
     return kExitFailed;

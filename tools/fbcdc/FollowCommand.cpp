@@ -1,6 +1,11 @@
 // fbcdc follow: streams the events of a directory's logs as they are published, to stdout, Kafka
 // or Redis Streams.
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <sstream>
 
@@ -32,47 +37,105 @@ struct SinkArguments {
   long long maxlen = 0;
 };
 
+// The sinks' own options, grouped by sink in the help; an option of one sink given with another is
+// refused rather than ignored.
+constexpr const char* kKafkaOptions = "Kafka (--sink kafka)";
+constexpr const char* kRedisOptions = "Redis (--sink redis)";
+
 void addSinkOptions(CLI::App& app, SinkArguments& a) {
-  app.add_option("--sink", a.sink, "stdout (default), kafka or redis")
-      ->check(CLI::IsMember({"stdout", "kafka", "redis"}));
-  app.add_option("--brokers", a.brokers, "kafka: the bootstrap brokers, host:port,...");
-  app.add_option("--topic-prefix", a.topicPrefix,
-                 "kafka: topics <prefix>.<TABLE> and <prefix>.transaction (default fbcdc)");
-  app.add_option("-X", a.properties, "kafka: a librdkafka setting key=value, passed through");
-  app.add_option("--key", a.keys, "kafka: TABLE=COL,... the primary key of a table");
-  app.add_flag("--tombstones", a.tombstones, "kafka: a null-valued message after each delete");
-  app.add_option("--large-values", a.largeValues,
-                 "kafka: a message over the limit fails (default), or its values are cut "
-                 "(truncate) or left out (omit)")
-      ->check(CLI::IsMember({"fail", "truncate", "omit"}));
-  app.add_option("--max-message-bytes", a.maxMessageBytes,
-                 "kafka: the broker's message size limit (default 1000000)");
-  app.add_option("--redis", a.redis, "redis: host:port (default 127.0.0.1:6379)");
-  app.add_option("--stream-prefix", a.streamPrefix,
-                 "redis: streams <prefix>:<TABLE> and <prefix>:transaction, and the position "
-                 "in <prefix>:checkpoint (default fbcdc)");
-  app.add_option("--maxlen", a.maxlen, "redis: cap every stream at about this many entries");
+  choice(app.add_option("--sink", a.sink, "where events go (default stdout)"),
+         {"stdout", "kafka", "redis"});
+  app.add_option("--brokers", a.brokers, "bootstrap brokers (required)")
+      ->type_name("HOST:PORT,...")
+      ->group(kKafkaOptions);
+  app.add_option("--topic-prefix", a.topicPrefix, "topics PREFIX.TABLE (default fbcdc)")
+      ->type_name("PREFIX")
+      ->group(kKafkaOptions);
+  app.add_option("-X", a.properties, "a librdkafka setting, passed through")
+      ->type_name("KEY=VALUE")
+      ->group(kKafkaOptions);
+  app.add_option("--key", a.keys, "the primary key columns of a table")
+      ->type_name("TABLE=COLS")
+      ->group(kKafkaOptions);
+  app.add_flag("--tombstones", a.tombstones, "a null-valued message after each delete")
+      ->group(kKafkaOptions);
+  choice(app.add_option("--large-values", a.largeValues, "too large: fail (default), cut, omit"),
+         {"fail", "truncate", "omit"})
+      ->group(kKafkaOptions);
+  wholeNumber(app.add_option("--max-message-bytes", a.maxMessageBytes,
+                             "the brokers' message limit (default 1000000)"),
+              1, INT_MAX)
+      ->group(kKafkaOptions);
+  app.add_option("--redis", a.redis, "the server (default 127.0.0.1:6379)")
+      ->type_name("HOST:PORT")
+      ->group(kRedisOptions);
+  app.add_option("--stream-prefix", a.streamPrefix, "streams PREFIX:TABLE (default fbcdc)")
+      ->type_name("PREFIX")
+      ->group(kRedisOptions);
+  wholeNumber(app.add_option("--maxlen", a.maxlen, "cap each stream at about N entries"), 0,
+              LLONG_MAX)
+      ->group(kRedisOptions);
 }
 
+// Splits an option's value of the form "a<separator>b" (form names it for the user); throws
+// CLI::ValidationError when the value is not of that form.
 std::pair<std::string, std::string> split(const std::string& text, char separator,
-                                          const char* option) {
+                                          const char* option, const char* form) {
   const std::size_t at = text.find(separator);
-  if (at == std::string::npos || at == 0)
-    throw CLI::ValidationError(option, "\"" + text + "\" is not of the form a" + separator + "b");
+  if (at == std::string::npos || at == 0 || at + 1 == text.size())
+    throw CLI::ValidationError(std::string(option) + ": " + text + " is not " + form);
   return {text.substr(0, at), text.substr(at + 1)};
+}
+
+// The sink's arguments that can be judged before anything starts; throws CLI::ValidationError.
+void checkSinkArguments(const CLI::App& app, const SinkArguments& a, const OutputOptions& output,
+                        bool checkpoint) {
+  const char* own = a.sink == "kafka" ? kKafkaOptions : a.sink == "redis" ? kRedisOptions : "";
+  for (const CLI::Option* o : app.get_options()) {
+    const std::string& group = o->get_group();
+    if (o->count() > 0 && (group == kKafkaOptions || group == kRedisOptions) && group != own)
+      throw CLI::ValidationError(o->get_name() + " is for --sink " +
+                                 (group == kKafkaOptions ? "kafka" : "redis"));
+  }
+  if (a.sink != "stdout" && output.format != "json")
+    throw CLI::ValidationError("--format text is for --sink stdout; kafka and redis take JSON");
+  if (a.sink == "redis" && checkpoint)
+    throw CLI::ValidationError("--checkpoint is not for --sink redis, which keeps the position");
+  if (a.sink == "kafka" && a.brokers.empty())
+    throw CLI::ValidationError("--brokers is needed with --sink kafka");
+  for (const std::string& p : a.properties) split(p, '=', "-X", "KEY=VALUE");
+  for (const std::string& k : a.keys) split(k, '=', "--key", "TABLE=COL,...");
+  if (a.sink == "redis") {
+    const std::string port = split(a.redis, ':', "--redis", "HOST:PORT").second;
+    const bool digits =
+        port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
+    if (!digits || std::stoi(port) < 1 || std::stoi(port) > 65535)
+      throw CLI::ValidationError("--redis: " + a.redis + " has no port from 1 to 65535");
+  }
+}
+
+// The checkpoint's directory must take the file (it is written there under a temporary name and
+// renamed), checked before any event goes out.
+std::string checkpointProblem(const std::string& path) {
+  const std::size_t slash = path.find_last_of('/');
+  const std::string directory = slash == std::string::npos ? "."
+                                : slash == 0               ? "/"
+                                                           : path.substr(0, slash);
+  if (::access(directory.c_str(), W_OK | X_OK) == 0) return "";
+  return "cannot keep the position in " + path + ": " + directory + ": " + std::strerror(errno);
 }
 
 std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions& output,
                                     std::unique_ptr<EventWriter>& writer) {
   const EventFormat format = output.eventFormat();
   if (a.sink == "kafka") {
-    if (a.brokers.empty()) throw CLI::ValidationError("--brokers", "is needed for --sink kafka");
     KafkaSink::Options o;
     o.brokers = a.brokers;
     o.topicPrefix = a.topicPrefix;
-    for (const std::string& p : a.properties) o.properties.push_back(split(p, '=', "-X"));
+    for (const std::string& p : a.properties)
+      o.properties.push_back(split(p, '=', "-X", "KEY=VALUE"));
     for (const std::string& k : a.keys) {
-      const auto [table, columns] = split(k, '=', "--key");
+      const auto [table, columns] = split(k, '=', "--key", "TABLE=COL,...");
       std::stringstream in(columns);
       for (std::string c; std::getline(in, c, ',');) o.keys[table].push_back(c);
     }
@@ -85,7 +148,7 @@ std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions&
   }
   if (a.sink == "redis") {
     RedisSink::Options o;
-    const auto [host, port] = split(a.redis, ':', "--redis");
+    const auto [host, port] = split(a.redis, ':', "--redis", "HOST:PORT");
     o.host = host;
     o.port = std::stoi(port);
     o.prefix = a.streamPrefix;
@@ -100,11 +163,10 @@ std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions&
 
 int followCommand(int argc, char** argv) {
   CLI::App app(
-      "Streams the events of every published log of a directory in publication order, "
-      "then waits for new ones: to stdout, to Kafka or to Redis Streams. After each log "
-      "the position is stored (in the checkpoint file, or in Redis with the log's "
-      "entries), durably; a restarted follower goes on after it. SIGINT and SIGTERM stop "
-      "it after the current log.",
+      "Streams the events of every published log of a directory in publication order, then "
+      "waits for new ones: to stdout, to Kafka or to Redis Streams. After each log the position "
+      "is stored durably (in the checkpoint file, or in Redis with the log's entries); a "
+      "restarted follower goes on after it. SIGINT and SIGTERM stop it after the current log.",
       argv[0]);
   std::string directory;
   std::string checkpointPath;
@@ -113,7 +175,8 @@ int followCommand(int argc, char** argv) {
   RangeOptions ranges;
   SinkArguments sinkArguments;
   app.add_option("DIR", directory, "the plugin's output directory")->required();
-  app.add_option("--checkpoint", checkpointPath, "file that keeps the position between runs");
+  app.add_option("--checkpoint", checkpointPath, "keeps the position between runs")
+      ->type_name("FILE");
   app.add_flag("--once", once, "handle the logs present, then exit");
   addOutputOptions(app, output);
   addRangeOptions(app, ranges);
@@ -125,17 +188,19 @@ int followCommand(int argc, char** argv) {
   std::unique_ptr<EventSink> sink;
   try {
     range = ranges.range();
-    if (sinkArguments.sink != "stdout" && output.format != "json")
-      throw CLI::ValidationError("--format", "kafka and redis take JSON events only");
-    if (sinkArguments.sink == "redis" && !checkpointPath.empty())
-      throw CLI::ValidationError("--checkpoint", "redis keeps the position itself");
+    checkSinkArguments(app, sinkArguments, output, !checkpointPath.empty());
   } catch (const CLI::ValidationError& e) {
-    complain("follow", e.what());
-    return kExitUsage;
+    return refuse("follow", e.what());
   }
   if (!LogDirectory::isDirectory(directory)) {
     complain("follow", directory + ": not a directory");
     return kExitFailed;
+  }
+  if (!checkpointPath.empty()) {
+    if (const std::string problem = checkpointProblem(checkpointPath); !problem.empty()) {
+      complain("follow", problem);
+      return kExitFailed;
+    }
   }
 
   try {
@@ -167,12 +232,8 @@ int followCommand(int argc, char** argv) {
           if (!checkpointPath.empty()) checkpoint.store(p.serialize());
         },
         once);
-  } catch (const CLI::ValidationError& e) {
-    complain("follow", e.what());
-    return kExitUsage;
   } catch (const std::invalid_argument& e) {  // a -X setting the Kafka client refused
-    complain("follow", e.what());
-    return kExitUsage;
+    return refuse("follow", e.what());
   } catch (const std::exception& e) {
     complain("follow", e.what());
     return kExitFailed;

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -73,13 +74,18 @@ struct CaptureArguments {
 };
 
 void addCaptureOptions(CLI::App& app, CaptureArguments& a) {
-  app.add_option("--seed", a.options.seed, "seed of the workload (default 1)");
-  app.add_option("--transactions", a.options.transactions, "transactions to run (default 1000)");
-  app.add_option("--threads", a.options.threads, "concurrent attachments (default 1)")
-      ->check(CLI::Range(1, 64));
-  app.add_option("--max-blob", a.options.maxBlob,
-                 "largest blob in bytes, now and then reached (default 4194304)");
-  app.add_option("--plugin", a.options.pluginLibrary, "the plugin library (default: beside fbcdc)");
+  wholeNumber(app.add_option("--seed", a.options.seed, "seed of the workload (default 1)"), 0,
+              LLONG_MAX);
+  wholeNumber(app.add_option("--transactions", a.options.transactions,
+                             "transactions to run (default 1000)"),
+              0, LLONG_MAX);
+  wholeNumber(app.add_option("--threads", a.options.threads, "concurrent attachments (default 1)"),
+              1, 64);
+  wholeNumber(
+      app.add_option("--max-blob", a.options.maxBlob, "largest blob in bytes (default 4194304)"), 0,
+      INT_MAX);
+  app.add_option("--plugin", a.options.pluginLibrary, "the plugin (default: beside fbcdc)")
+      ->type_name("FILE");
 }
 
 int printSummary(const CaptureSummary& s) {
@@ -176,17 +182,17 @@ int captureCommand(int argc, char** argv) {
       argv[0]);
   CaptureArguments a;
   std::string replica;
-  app.add_option("--database", a.options.database, "the source database")->required();
-  app.add_option("--output", a.output, "the plugin's output directory");
-  app.add_option("--config", a.options.configFile,
-                 "a configuration file for the plugin instead of --output");
-  app.add_option("--replica", replica, "also create this empty replica with the same schema");
+  app.add_option("--database", a.options.database, "the source database")
+      ->type_name("DB")
+      ->required();
+  app.add_option("--output", a.output, "the plugin's output directory")->type_name("DIR");
+  app.add_option("--config", a.options.configFile, "the plugin's configuration, not --output")
+      ->type_name("FILE");
+  app.add_option("--replica", replica, "also create this empty replica")->type_name("DB");
   addCaptureOptions(app, a);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
-  if (a.output.empty() == a.options.configFile.empty()) {
-    complain("capture", "give either --output or --config");
-    return kExitUsage;
-  }
+  if (a.output.empty() == a.options.configFile.empty())
+    return refuse("capture", "give either --output or --config");
   try {
     if (a.options.pluginLibrary.empty()) a.options.pluginLibrary = defaultPluginLibrary();
     if (!a.output.empty()) a.options.configFile = writeConfig(a.output);
@@ -206,27 +212,24 @@ int captureCommand(int argc, char** argv) {
 
 int applyCommand(int argc, char** argv) {
   CLI::App app(
-      "Replays published logs into a replica database of the same schema, one "
-      "transaction per log, in publication order, exactly once: the replica's table "
-      "FBCDC_APPLIED records how far it has come.",
+      "Replays published logs into a replica database of the same schema, one transaction per "
+      "log, in publication order, exactly once: the replica's table FBCDC_APPLIED records how "
+      "far it has come. --conflicts upsert: an insert of an existing row updates it, an update "
+      "of a missing row inserts it, a delete of a missing row is skipped; --conflicts skip: a "
+      "delete of a missing row is skipped.",
       argv[0]);
   std::string database;
   std::string conflicts = "error";
   bool follow = false;
   std::vector<std::string> paths;
-  app.add_option("--database", database, "the replica")->required();
-  app.add_option("--conflicts", conflicts,
-                 "error (default): stop; upsert: an insert of an existing row updates it, an "
-                 "update of a missing row inserts it, a delete of a missing row is skipped; skip: "
-                 "a delete of a missing row is skipped")
-      ->check(CLI::IsMember({"error", "upsert", "skip"}));
-  app.add_flag("--follow", follow, "keep applying logs as they are published (one DIR)");
+  app.add_option("--database", database, "the replica")->type_name("DB")->required();
+  choice(app.add_option("--conflicts", conflicts, "a row not as the log expects (default error)"),
+         {"error", "upsert", "skip"});
+  app.add_flag("--follow", follow, "keep applying the logs of one DIR");
   app.add_option("LOG|DIR", paths, "logs, or directories of logs")->required();
   if (const int status = parse(app, argc, argv); status >= 0) return status;
-  if (follow && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0]))) {
-    complain("apply", "--follow takes exactly one directory");
-    return kExitUsage;
-  }
+  if (follow && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0])))
+    return refuse("apply", "--follow takes exactly one directory");
   std::vector<LogFile> logs;
   try {
     // Settled: a position must never move past a log that a directory read going on missed.
@@ -240,8 +243,8 @@ int applyCommand(int argc, char** argv) {
   for (const LogFile& log : logs) {
     LogName name;
     if (!LogName::parse(log.name, name) || !name.published) {
-      complain("apply", log.path + ": not named as a published log (<time>_<transaction>.fbl)");
-      return kExitUsage;
+      return refuse("apply",
+                    log.path + ": not named as a published log (<time>_<transaction>.fbl)");
     }
   }
   // Logs named one by one are applied in publication order, whatever the order of the arguments,
@@ -291,8 +294,9 @@ int applyCommand(int argc, char** argv) {
 
 int compareCommand(int argc, char** argv) {
   CLI::App app(
-      "Compares every table of two databases of the same schema, blob and array "
-      "contents included; exit status 0 when they are equal.",
+      "Compares every table of two databases of the same schema, blob and array contents "
+      "included; exit status 0 when they are equal. The applier's position table FBCDC_APPLIED "
+      "is left out: only a replica has it.",
       argv[0]);
   std::string a, b;
   app.add_option("A", a, "one database")->required();
@@ -318,28 +322,42 @@ int compareCommand(int argc, char** argv) {
 
 int demoCommand(int argc, char** argv) {
   CLI::App app(
-      "The whole road on an embedded database: captures a seeded workload through the "
-      "plugin into DIR/logs, verifies the logs, applies them to a replica and compares "
-      "the replica with the source. Starts afresh in DIR.",
+      "The whole road on an embedded database: captures a seeded workload through the plugin "
+      "into DIR/logs, verifies the logs, applies them to a replica and compares the replica with "
+      "the source. Starts afresh: removes DIR/source.fdb, DIR/replica.fdb and the logs in "
+      "DIR/logs that an earlier demo left, saying so, and refuses a DIR that holds anything else.",
       argv[0]);
   CaptureArguments a;
   std::string dir = "out/demo";
-  app.add_option("--dir", dir, "where the databases and logs go (default out/demo)");
+  app.add_option("--dir", dir, "its directory (default out/demo)")->type_name("DIR");
   addCaptureOptions(app, a);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
+  const std::string source = dir + "/source.fdb";
+  const std::string replicaPath = dir + "/replica.fdb";
+  const std::string logs = dir + "/logs";
+  // Only what a demo makes is ever removed: a directory holding anything else is refused.
+  std::error_code error;
+  for (const auto& entry : std::filesystem::directory_iterator(dir, error)) {
+    const std::string name = entry.path().filename().string();
+    if (name != "source.fdb" && name != "replica.fdb" && name != "logs" && name != "logs.conf")
+      return refuse("demo", dir + " holds " + name + ", which no demo made; give another --dir");
+  }
   try {
-    const std::string source = dir + "/source.fdb";
-    const std::string replicaPath = dir + "/replica.fdb";
-    const std::string logs = dir + "/logs";
-    for (const std::string& old : {source, replicaPath}) ::unlink(old.c_str());
-    std::error_code error;
+    std::vector<std::string> removed;
+    for (const std::string& old : {source, replicaPath})
+      if (::unlink(old.c_str()) == 0) removed.push_back(old);
     std::filesystem::create_directories(dir, error);
     if (error)
       throw std::runtime_error("cannot make the directory " + dir + ": " + error.message());
+    std::size_t oldLogs = 0;
     if (LogDirectory::isDirectory(logs)) {
       for (const LogFile& log : LogDirectory::list(logs, LogDirectory::Which::kBoth))
-        ::unlink(log.path.c_str());
+        oldLogs += ::unlink(log.path.c_str()) == 0;
     }
+    if (oldLogs > 0) removed.push_back(std::to_string(oldLogs) + " logs in " + logs);
+    for (std::size_t i = 0; i < removed.size(); ++i)
+      std::printf("%s%s", i == 0 ? "removed the earlier demo's " : ", ", removed[i].c_str());
+    if (!removed.empty()) std::printf("\n");
     {
       Database replica(replicaPath, true);
       Workload::createSchema(replica);

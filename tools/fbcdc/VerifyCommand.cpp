@@ -22,7 +22,7 @@ int verifyCommand(int argc, char** argv) {
   std::vector<std::string> paths;
   bool quiet = false;
   app.add_option("FILE|DIR", paths, "logs, or directories of logs")->required();
-  app.add_flag("-q,--quiet", quiet, "no summary line");
+  app.add_flag("-q,--quiet", quiet, "leave out the summary line");
   if (const int status = parse(app, argc, argv); status >= 0) return status;
 
   std::vector<LogFile> logs;

@@ -3,7 +3,7 @@
 //   fbcdc COMMAND [OPTIONS] [ARGUMENTS]
 //   fbcdc help COMMAND
 //
-// Exit status: 0 success, 1 failure (a damaged log, an unreadable file), 2 wrong arguments.
+// Exit status: 0 success, 1 failure, 2 wrong arguments (see usage below).
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -43,8 +43,10 @@ void usage(std::FILE* out) {
   std::fprintf(out,
                "\n"
                "\"fbcdc help COMMAND\" or \"fbcdc COMMAND --help\" describes a command.\n"
-               "Exit status: 0 success, 1 failure (a damaged log, an unreadable file), 2 wrong "
-               "arguments.\n");
+               "\n"
+               "Exit status: 0 success; 1 failure: a damaged log, an unreadable file, a log that\n"
+               "does not apply, a database error, a sink that refused a message, databases that\n"
+               "differ; 2 wrong arguments.\n");
 }
 
 int runCommand(const Command& command, int argc, char** argv) {
