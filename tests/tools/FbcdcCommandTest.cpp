@@ -124,7 +124,7 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
        2,
        "",
        see("capture", "--threads: 0 is not a whole number from 1 to 64")},
-      {{"apply", "--follow=yes", "--database", "r", logs},
+      {{"apply", "--follow=out", "--database", "r", logs},
        2,
        "",
        see("apply", "--follow takes no value")},
