@@ -1,33 +1,21 @@
 // The decoder and everything that renders its events, on any file, and on any byte stream sealed
 // into valid blocks so that the decoder's own checks are reached: each log decodes or fails with a
 // LogFormatError, and the verifier agrees with the decoder.
-#include <vector>
-
-#include "BlockFormat.h"
-#include "Crc32c.h"
 #include "EventWriter.h"
 #include "FuzzFile.h"
 #include "LogDecoder.h"
 #include "LogFormatError.h"
 #include "LogVerifier.h"
+#include "TestFiles.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size < 1) return 0;
   const std::uint8_t mode = data[0];
-  std::vector<std::uint8_t> file;
+  // With mode bit 0 the rest is the stream after "ZEFO" and version 4, in blocks with right CRCs.
+  Bytes file(data + 1, data + size);
   if (mode & 1) {
-    // The rest is the stream: "ZEFO", version 4 and what follows, in blocks with right CRCs.
-    std::vector<std::uint8_t> stream = {'Z', 'E', 'F', 'O', 4};
-    stream.insert(stream.end(), data + 1, data + size);
-    for (std::size_t at = 0; at < stream.size(); at += BlockFormat::kBlockDataSize) {
-      const std::size_t n = std::min<std::size_t>(BlockFormat::kBlockDataSize, stream.size() - at);
-      file.insert(file.end(), stream.begin() + at, stream.begin() + at + n);
-      std::uint8_t trailer[4];
-      BlockFormat::storeLe32(trailer, crc32c(stream.data() + at, static_cast<std::int32_t>(n)));
-      file.insert(file.end(), trailer, trailer + 4);
-    }
-  } else {
-    file.assign(data + 1, data + size);
+    file.insert(file.begin(), {'Z', 'E', 'F', 'O', 4});
+    file = containerOf(file);
   }
   writeFuzzFile(file.data(), file.size());
 

@@ -3,7 +3,8 @@
 // combination (a seeded sample when many). "Any" drops them independently, as POSIX allows;
 // "ordered" keeps directory changes in order, a rename or removal only with the earlier writes to
 // its file (a journalling file system). No state holds a ".fbl" that is not whole; with
-// DurableLogs = true every transaction whose dispose returned has its ".fbl" whole.
+// DurableLogs = true every transaction whose dispose returned has its ".fbl" whole. A transaction
+// that records nothing touches no file.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
@@ -121,6 +122,7 @@ class CrashStateTest : public ::testing::Test {
     transaction(4, 300, -1, false);
     transaction(5, 0, -1, true);
     transaction(6, 0, -1, false);
+    EXPECT_EQ(disposed[3].second, disposed[5].second) << "a transaction of nothing touched a file";
     plugin->dispose();
     Recording run;
     run.ops = resolve(PosixFaults::takeRecording());
