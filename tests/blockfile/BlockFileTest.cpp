@@ -1,12 +1,14 @@
 // The block writer and reader: the container on disk byte for byte, every value at every offset
-// around a block edge, positions and seeks, and every way writing, rewinding and reading fail.
+// around a block edge, positions, rewinds and seeks, and the ways rewinding and reading fail.
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <functional>
+#include <tuple>
 
 #include "PosixFaults.h"
 #include "ReplAutoException.h"
@@ -126,83 +128,56 @@ TEST_F(TWriteFileTest, ValuesAtEveryOffsetAroundTheBlockEdge) {
   }
 }
 
-// Faults of the write of the first block and of rewinds (two blocks on disk, 50 bytes buffered).
-// Short writes are continued. A failed first lseek, or a refused target, leaves the writer as it
-// was; a failed write, or a rewind failing once the descriptor moved, stops it for good: every
-// later put, flush and seek is refused. highWaterMark is the file's length, not the buffer's end.
-TEST_F(TWriteFileTest, WriteAndRewindFaults) {
+// Rewinds of a writer with two blocks on disk and 50 bytes buffered: within the buffer (no file
+// operation), into a block on disk (read back), or refused (a trailer, past the buffer: the writer
+// stays where it was). A failing positioning or read-back stops the writer for good, whatever
+// comes next. (Each failing call and short transfer at the level of a transaction is
+// FaultSweepTest's.) highWaterMark is the file's length, not the buffer's end.
+TEST_F(TWriteFileTest, Rewinds) {
   using namespace PosixFaults;
-  struct Fault {
-    Call call;
-    int nth, error;  // error 0: the call transfers at most limit bytes
-    long limit = 0;
-  };
-  struct Case {
-    const char* name;
-    std::int64_t target;  // -1: no rewind
-    bool stops;
-    int writes;  // of the first block
-    std::vector<Fault> faults;
-    std::string failure;
-  };
   const std::string bugcheck = "TWF::Seek: !BUGCHECK! Seek past end of buffer";
-  const std::string noSpace = "TF::WC-w: No space left on device";
-  const Case cases[] = {
-      {"short write", -1, false, 2, {{kWrite, 1, 0, 1000}}, ""},
-      {"write fails", -1, true, 1, {{kWrite, 1, EIO}}, "TF::WC-w: Input/output error"},
-      {"short, then fails", -1, true, 2, {{kWrite, 1, 0, 100}, {kWrite, 2, ENOSPC}}, noSpace},
-      {"no progress", -1, true, 1, {{kWrite, 1, 0, 0}}, "TF::WC-w: Write made no progress"},
-      {"rewind within the buffer", 2 * 32768 + 20, false, 1, {}, ""},
-      {"first positioning", 100, true, 1, {{kLseek64, 1, EIO}}, "TWF::Seek: Input/output error"},
-      {"read-back fails", 100, true, 1, {{kRead, 1, EIO}}, "TWF::Seek-RB: Input/output error"},
-      {"read-back at the end", 100, true, 1, {{kRead, 1, 0, 0}}, "TWF::Seek-RB: Unexpected EOF"},
-      {"short read-back", 100, true, 1, {{kRead, 1, 0, 32767}}, "TWF::Seek-RB: Short block read"},
-      {"second lseek", 100, true, 1, {{kLseek64, 2, EBADF}}, "TWF::Seek2: Bad file descriptor"},
-      {"into a trailer", 32764, false, 1, {}, bugcheck},
-      {"past the buffer", 2 * 32768 + 32764, false, 1, {}, bugcheck},
+  // Name, target, failure, and the call that fails (kOpen: none): its nth call fails with errno,
+  // or (errno 0) reads at most limit bytes.
+  const std::tuple<const char*, std::int64_t, std::string, Call, int, int, long> cases[] = {
+      {"within the buffer", 2 * 32768 + 20, "", kOpen, 0, 0, 0},
+      {"into a block on disk", 100, "", kOpen, 0, 0, 0},
+      {"into a trailer", 32764, bugcheck, kOpen, 0, 0, 0},
+      {"past the buffer", 2 * 32768 + 32764, bugcheck, kOpen, 0, 0, 0},
+      {"first positioning", 100, "TWF::Seek: Input/output error", kLseek64, 1, EIO, 0},
+      {"read-back fails", 100, "TWF::Seek-RB: Input/output error", kRead, 1, EIO, 0},
+      {"read-back at the end", 100, "TWF::Seek-RB: Unexpected EOF", kRead, 1, 0, 0},
+      {"short read-back", 100, "TWF::Seek-RB: Short block read", kRead, 1, 0, 32767},
+      {"second positioning", 100, "TWF::Seek2: Bad file descriptor", kLseek64, 2, EBADF, 0},
   };
   const Bytes stream = randomBytes(2 * 32764 + 50, 9);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto& [name, target, failure, call, nth, error, limit] : cases) {
+    SCOPED_TRACE(name);
     ::remove(path.c_str());
-    reset();
-    const auto arm = [&] {
-      for (const Fault& f : c.faults)
-        f.error ? failAt(f.call, f.nth, f.error) : limitAt(f.call, f.nth, f.limit);
-    };
     Writer w(path);
-    w.putBytes(stream.data(), 32763);
-    if (c.target < 0) arm();
-    std::string failure = failureOf([&] { w.putByte(stream[32763]); });
-    EXPECT_EQ(c.writes, calls(kWrite));
-    if (c.target >= 0) {
-      w.putBytes(stream.data() + 32764, static_cast<std::int32_t>(stream.size() - 32764));
-      reset();
-      arm();
-      failure = failureOf([&] { w.seek(c.target); });
-      EXPECT_EQ(65536, w.highWater());
-      EXPECT_EQ(0, failure.empty() ? calls(kLseek64) + calls(kRead) : 0);
-    }
-    EXPECT_EQ(c.failure, failure);
+    w.putBytes(stream.data(), static_cast<std::int32_t>(stream.size()));
     reset();
-    if (c.stops) {
-      const std::function<void()> later[] = {
-          [&] { w.putByte(1); },        [&] { w.putInt16(1); },  [&] { w.putInt32(1); },
-          [&] { w.putInt64(1); },       [&] { w.putDouble(1); }, [&] { w.putInt32Pair(1, 2); },
-          [&] { w.putBytes("ab", 2); }, [&] { w.flushBlock(); }, [&] { w.seek(5); },
-      };
-      for (const auto& op : later) EXPECT_EQ(kStopped, failureOf(op));
+    if (nth) error ? failAt(call, nth, error) : limitAt(call, nth, limit);
+    EXPECT_EQ(failure, failureOf([&] { w.seek(target); }));
+    EXPECT_EQ(65536, w.highWater());
+    if (nth == 0) {
+      EXPECT_EQ(target < 65536 && failure.empty() ? 3 : 0, calls(kRead) + calls(kLseek64));
+    }
+    reset();
+    const std::string later = failureOf([&] {
+      w.putBytes("xyz", 3);
+      w.flushBlock();
+    });
+    if (nth) {
+      EXPECT_EQ(kStopped, later);
       EXPECT_EQ(0, calls(kWrite)) << "nothing more reaches the file";
       continue;
     }
-    // Where the writer stands: behind the first block, at the target, or where it was.
-    const std::int64_t at = c.target < 0 ? 32768 : c.failure.empty() ? c.target : 2 * 32768 + 50;
-    EXPECT_EQ(at, w.getPosition());
+    // Written from where the writer stands; a longer file is cut at commit, not here.
+    const std::int64_t at = failure.empty() ? target : 2 * 32768 + 50;
     Bytes expected(stream.begin(), stream.begin() + (at / 32768 * 32764 + at % 32768));
     expected.insert(expected.end(), {'x', 'y', 'z'});
-    w.putBytes("xyz", 3);
-    w.flushBlock();
-    EXPECT_EQ(containerOf(expected), readFile(path));
+    const Bytes file = readFile(path), want = containerOf(expected);
+    EXPECT_EQ(want, Bytes(file.begin(), file.begin() + std::min(file.size(), want.size())));
   }
 }
 
@@ -254,47 +229,43 @@ TEST_F(TReadFileTest, GetBytesSkipAndSeek) {
   EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { closed.getByte(); }));
 }
 
-// A log of 4 GiB and more is reachable: seek takes 64-bit positions. The file is sparse; only its
-// last block is written.
-TEST_F(TReadFileTest, SeekBeyondFourGibibytes) {
-  const std::int64_t far = (std::int64_t{5} << 30) + 3 * 32768;
-  const Bytes data = randomBytes(32764, 17);
-  const Bytes block = containerOf(data);
-  {
-    FILE* f = std::fopen(path.c_str(), "wb");
-    ASSERT_NE(nullptr, f);
-    ASSERT_EQ(0, fseeko(f, far, SEEK_SET));
-    ASSERT_EQ(block.size(), std::fwrite(block.data(), 1, block.size(), f));
-    std::fclose(f);
-  }
-  TReadFile r;
-  r.open(path.c_str(), true);
-  r.seek(far + 1000);
-  EXPECT_EQ(far + 1000, r.getPosition());
-  EXPECT_EQ(data[1000], r.getByte());
-}
-
-// A bit flipped in a small log, data or trailer, is caught when its block loads.
-// Without CRC checking every byte of the file is handed out, the trailer included.
-TEST_F(TReadFileTest, FlippedBitsAndOddFiles) {
-  const Bytes good = readFile(writeLog(randomBytes(60, 19)));
+// Without CRC checking every byte of a file is handed out, the trailer included. With it, a block
+// that a changed bit or a cut damaged is caught when it loads, and the reader says why (any damage
+// and any cut: TReadFileFuzz). A directory, a missing file, a sparse file of 5 GiB.
+TEST_F(TReadFileTest, DamagedAndOddFiles) {
+  const Bytes stream = randomBytes(32764 + 60, 19);
+  const Bytes good = readFile(writeLog(stream));
   TReadFile raw;
   raw.open(path.c_str(), false);
-  Bytes all(64);
-  raw.getBytes(all.data(), 64);
+  Bytes all(good.size());
+  raw.getBytes(all.data(), static_cast<std::int32_t>(all.size()));
   EXPECT_EQ(good, all);
-  EXPECT_EQ(64, raw.getPosition());
   EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { raw.getByte(); }));
   const std::string bad = dir / "bad";
-  for (std::size_t byte : {0, 59, 60, 63}) {  // data and trailer; TReadFileFuzz tries any damage
-    Bytes damaged = good;
-    damaged[byte] ^= static_cast<std::uint8_t>(1u << byte % 8);
+  const std::string crc = "auto TFDB::RB: CRC error, file " + bad + " is corrupted";
+  // Length kept, byte changed (or none), blocks that still read, failure.
+  const std::size_t n = good.size();
+  const std::tuple<std::size_t, std::size_t, std::size_t, std::string> cases[] = {
+      {n, 5, 0, crc},
+      {n, 32767, 0, crc},
+      {n, 32770, 1, crc},
+      {n, n - 1, 1, crc},
+      {32768, 0, 1, "TRF::RB: Unexpected EOF"},
+      {32768 + 4, 0, 1, "TFDB::RB: Too small block"},
+      {32768 + 5, 0, 1, crc},
+      {3, 0, 0, "TFDB::RB: Too small block"}};
+  for (const auto& [length, changed, blocks, failure] : cases) {
+    SCOPED_TRACE(std::to_string(length) + " bytes, byte " + std::to_string(changed));
+    Bytes damaged(good.begin(), good.begin() + length);
+    if (changed) damaged[changed] ^= 0x10;
     writeFile(bad, damaged);
     TReadFile r;
     r.open(bad.c_str(), true);
-    EXPECT_EQ("auto TFDB::RB: CRC error, file " + bad + " is corrupted",
-              failureOf([&] { r.getByte(); }))
-        << "byte " << byte;
+    std::size_t got = 0;
+    EXPECT_EQ(failure, failureOf([&] {
+                for (; got < stream.size(); ++got) ASSERT_EQ(stream[got], r.getByte());
+              }));
+    EXPECT_EQ(blocks * 32764, got);
   }
   ::mkdir((dir / "directory").c_str(), 0700);
   TReadFile directory;
@@ -304,33 +275,19 @@ TEST_F(TReadFileTest, FlippedBitsAndOddFiles) {
   EXPECT_EQ("auto TRF::Open: Cannot open " + dir / "missing" + ": No such file or directory",
             failureOf([&] { missing.open((dir / "missing").c_str(), true); }));
   EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { missing.getByte(); }));
-}
 
-// A log cut at every length near its start, block edge and end (at a stride between): the blocks
-// before the cut read back, nothing of the cut block does, and the reader says why.
-TEST_F(TReadFileTest, CutAtEveryLength) {
-  const Bytes stream = randomBytes(32764 + 40, 23);
-  const Bytes whole = readFile(writeLog(stream));
-  const std::string cut = dir / "cut";
-  for (std::size_t length = 0; length < whole.size(); ++length) {
-    const bool nearEdge =
-        length < 64 || (length > 32768 - 64 && length < 32768 + 64) || length + 64 > whole.size();
-    if (!nearEdge && length % 97 != 0) continue;
-    SCOPED_TRACE(length);
-    writeFile(cut, Bytes(whole.begin(), whole.begin() + length));
-    TReadFile r;
-    r.open(cut.c_str(), true);
-    std::size_t got = 0;
-    const std::string failure = failureOf([&] {
-      for (; got < stream.size(); ++got) ASSERT_EQ(stream[got], r.getByte());
-    });
-    const std::size_t tail = length % 32768;
-    ASSERT_EQ(length / 32768 * 32764, got);
-    ASSERT_EQ(tail == 0  ? "TRF::RB: Unexpected EOF"
-              : tail < 5 ? "TFDB::RB: Too small block"
-                         : "auto TFDB::RB: CRC error, file " + cut + " is corrupted",
-              failure);
-  }
+  // A log of 4 GiB and more is reachable: seek takes 64-bit positions. Only the last block of
+  // this sparse file is written.
+  const std::int64_t far = (std::int64_t{5} << 30) + 3 * 32768;
+  FILE* f = std::fopen(bad.c_str(), "wb");
+  fseeko(f, far, SEEK_SET);
+  std::fwrite(good.data(), 1, 32768, f);
+  std::fclose(f);
+  TReadFile r;
+  r.open(bad.c_str(), true);
+  r.seek(far + 1000);
+  EXPECT_EQ(far + 1000, r.getPosition());
+  EXPECT_EQ(stream[1000], r.getByte());
 }
 
 // An owned text is formatted, and one longer than 2046 characters is cut.

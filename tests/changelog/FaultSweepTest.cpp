@@ -1,7 +1,7 @@
-// Every POSIX call of the plugin (its start included) fails in turn with each errno, writes come up
-// short, until no fault fires any more. After every run the failure was reported as a "CDC error",
-// no descriptor stayed open, and the output directory holds exactly the expected log or none (a
-// ".tmp" only where a failed rename or remove keeps one).
+// Every POSIX call of the plugin (its start included) fails in turn with each errno, and writes and
+// reads come up short, until no fault fires any more. After every run the failure was reported as
+// a "CDC error", no descriptor stayed open, and the output directory holds exactly the expected
+// log or none (a ".tmp" only where a failed rename or remove keeps one).
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -73,88 +73,82 @@ TEST(FaultSweepTest, EveryCallFailsInTurn) {
        }},
       {"durable", true, true, [&](T t, FbStatus& st) { return statements(t, 2000, st); }},
   };
-  // errno 0 stands for a write that comes up short (100 bytes), which is no failure.
-  const std::vector<int> errors = {EIO, ENOSPC, EEXIST, EACCES, EINTR};
-  std::vector<int> writeErrors = errors;
-  writeErrors.push_back(0);
+  // Each fault: a call, its errno, or (errno 0) the most bytes it transfers: a short write that is
+  // continued, a write that makes no progress, and a block read back short or not at all.
+  struct Fault {
+    Call call;
+    int error;
+    long limit;
+  };
+  std::vector<Fault> kinds = {{kWrite, 0, 100}, {kWrite, 0, 0}, {kRead, 0, 32767}, {kRead, 0, 0}};
+  for (int k = 0; k < kCalls; ++k)
+    for (const int error : {EIO, ENOSPC, EEXIST, EACCES, EINTR})
+      kinds.push_back({static_cast<Call>(k), error, 0});
   int points = 0;
   for (const Scenario& s : scenarios) {
     const std::string logs = dir / (std::string("logs-") + (s.durable ? "d" : "p") + "/");
     const std::string config =
         std::string("OutputDirectory = ") + logs + "\n" + (s.durable ? "DurableLogs = true\n" : "");
-    // The clean run gives the log to expect.
-    Bytes clean;
-    // Each fault: a call kind, the call that fails, its errno (0: a write cut to 100 bytes).
-    for (int k = 0; k < kCalls; ++k) {
-      const Call kind = static_cast<Call>(k);
-      for (const int error : kind == kWrite ? writeErrors : errors) {
-        for (int nth = 0;; ++nth) {  // nth 0: no fault, the clean run, made first
-          if (nth == 0 && (k != 0 || error != errors[0])) continue;
-          const bool shortWrite = error == 0;
-          SCOPED_TRACE(std::string(s.name) + ": " + nameOf(kind) + " " + std::to_string(nth) +
-                       " fails with " + std::to_string(error));
-          const std::size_t before = listDirectory("/proc/self/fd").size();
-          reset();
-          if (nth > 0) shortWrite ? limitAt(kind, nth, 100) : failAt(kind, nth, error);
-          FbStatus status;
-          Firebird::IReplPlugin* plugin = startPlugin(status, dir / "plugin.conf", config);
-          bool reported = !plugin;
-          bool committed = false;
-          if (plugin) {
-            Firebird::IReplTransaction* t = plugin->startTransaction(status, 7);
-            reported = !t;
-            if (t) {
-              FbStatus st;
-              reported = !s.body(t, st) || !ok(t->commit(st), st);
-              committed = !reported;
-              t->dispose();
-            }
-            plugin->dispose();
-          } else {
-            EXPECT_EQ(0u, status.text().rfind("CDC error", 0)) << status.text();
-          }
-          const bool fired = PosixFaults::fired() > 0;
-          reset();
-          EXPECT_EQ(before, listDirectory("/proc/self/fd").size()) << "a descriptor stayed open";
+    Bytes clean;  // the log that the run without a fault publishes
+    for (std::size_t f = 0; f <= kinds.size(); ++f) {
+      const Fault fault = f == 0 ? Fault{kOpen, 0, -1} : kinds[f - 1];
+      const Call kind = fault.call;
+      for (int nth = f == 0 ? 0 : 1;; ++nth) {
+        SCOPED_TRACE(std::string(s.name) + ": " + nameOf(kind) + " " + std::to_string(nth) +
+                     " fails with " + std::to_string(fault.error) + " or transfers " +
+                     std::to_string(fault.limit));
+        const std::size_t before = listDirectory("/proc/self/fd").size();
+        reset();
+        if (nth > 0 && fault.error) failAt(kind, nth, fault.error);
+        if (nth > 0 && !fault.error) limitAt(kind, nth, fault.limit);
+        FbStatus status, st;
+        Firebird::IReplPlugin* plugin = startPlugin(status, dir / "plugin.conf", config);
+        Firebird::IReplTransaction* t = plugin ? plugin->startTransaction(status, 7) : nullptr;
+        const bool committed = t && s.body(t, st) && ok(t->commit(st), st);
+        if (t) t->dispose();
+        if (plugin) plugin->dispose();
+        EXPECT_TRUE(t || status.text().rfind("CDC error", 0) == 0) << status.text();
+        const bool fired = PosixFaults::fired() > 0;
+        reset();
+        EXPECT_EQ(before, listDirectory("/proc/self/fd").size()) << "a descriptor stayed open";
 
-          // A failure the plugin must report: anything but the cleanup calls whose results are
-          // ignored, and a write that only came up short.
-          const bool ignored = kind == kFtruncate64 || kind == kClose || kind == kRename ||
-                               kind == kRemove || (kind == kFsync && s.durable) || shortWrite;
-          const bool accepted = kind == kMkdir && error == EEXIST;  // an existing path
-          // A failed cut, for one, leaves a committed log (its stale tail is checked below).
-          EXPECT_EQ(fired && !ignored && !accepted, reported) << "reported the wrong failures";
+        // A failure the plugin must report: anything but the cleanup calls whose results are
+        // ignored, a write that only came up short, and an existing path for the directory.
+        // (A failed cut, for one, leaves a committed log; its stale tail is checked below.)
+        const bool ignored = kind == kFtruncate64 || kind == kClose || kind == kRename ||
+                             kind == kRemove || (kind == kFsync && s.durable) ||
+                             (kind == kWrite && fault.limit > 0) ||
+                             (kind == kMkdir && fault.error == EEXIST);
+        EXPECT_EQ(fired && !ignored, !committed) << "reported the wrong failures";
 
-          Strings names = listDirectory(logs);
-          if (nth == 0) {
-            ASSERT_EQ(s.publishes ? 1u : 0u, names.size());
-            if (s.publishes) clean = readFile(logs + names[0]);
-          } else if (committed && s.publishes) {
-            ASSERT_EQ(1u, names.size());
-            const Bytes file = readFile(logs + names[0]);
-            // A failed rename keeps the whole log under its temporary name, and so does a failed
-            // sync of the directory of a durable log.
-            const bool kept = fired && (kind == kRename || (kind == kFsync && s.durable));
-            EXPECT_EQ(kept ? ".tmp" : ".fbl", names[0].substr(33));
-            const auto verdict = LogVerifier::verify(logs + names[0]).verdict;
-            if (fired && kind == kFtruncate64) {
-              // The failed cut leaves the stale tail, as the writer must: fbcdc verify sees it.
-              EXPECT_TRUE(std::equal(clean.begin(), clean.end(), file.begin()));
-              EXPECT_EQ(LogVerifier::Verdict::kDamaged, verdict);
-            } else {
-              EXPECT_EQ(clean, file);
-              EXPECT_TRUE(kept || verdict == LogVerifier::Verdict::kValid);
-            }
+        Strings names = listDirectory(logs);
+        if (committed && s.publishes) {
+          ASSERT_EQ(1u, names.size());
+          const Bytes file = readFile(logs + names[0]);
+          if (nth == 0) clean = file;
+          // A failed rename keeps the whole log under its temporary name, and so does a failed
+          // sync of the directory of a durable log.
+          const bool kept = fired && (kind == kRename || (kind == kFsync && s.durable));
+          EXPECT_EQ(kept ? ".tmp" : ".fbl", names[0].substr(33));
+          const auto verdict = LogVerifier::verify(logs + names[0]).verdict;
+          if (fired && kind == kFtruncate64) {
+            // The failed cut leaves the stale tail, as the writer must: fbcdc verify sees it.
+            EXPECT_TRUE(std::equal(clean.begin(), clean.end(), file.begin()));
+            EXPECT_EQ(LogVerifier::Verdict::kDamaged, verdict);
           } else {
-            // Nothing published; a ".tmp" only where its removal failed.
-            const bool kept = fired && kind == kRemove;
-            EXPECT_EQ(kept ? 1u : 0u, names.size());
-            for (const std::string& n : names) EXPECT_EQ(".tmp", n.substr(33));
+            EXPECT_EQ(clean, file);
+            EXPECT_TRUE(kept || verdict == LogVerifier::Verdict::kValid);
           }
-          for (const std::string& n : names) ::unlink((logs + n).c_str());
-          if (nth > 0 && !fired) break;
-          if (nth > 0) ++points;
+        } else {
+          // Nothing published; a ".tmp" only where its removal failed.
+          EXPECT_TRUE(nth > 0 || !s.publishes) << "the run without a fault published nothing";
+          EXPECT_EQ(fired && kind == kRemove ? 1u : 0u, names.size());
+          for (const std::string& n : names) EXPECT_EQ(".tmp", n.substr(33));
         }
+        for (const std::string& n : names) ::unlink((logs + n).c_str());
+        if (nth > 0 && !fired) break;
+        points += nth > 0;
+        if (nth == 0) break;
       }
     }
   }

@@ -1,6 +1,7 @@
 #include "TransactionScript.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 
 #include "EventDescription.h"
@@ -156,13 +157,20 @@ std::string TransactionScript::play(Firebird::IReplPlugin* plugin, std::uint64_t
   }
   // Data that ran out chooses the commit.
   const bool commit = byte() % 8 != 7;
-  const std::int32_t committed = commit ? t->commit(status) : 0;
+  const bool committed = commit && t->commit(status) == 0;
+  const std::string failure = valid_ && !refused.empty() ? "refused: " + refused
+                              : commit && !committed     ? "commit: " + status.text()
+                                                         : "";
   t->dispose();
-  if (committed != 0) return "commit: " + status.text();
-  if (valid_ && !refused.empty()) return "refused: " + refused;
-  const Strings names = listDirectory(directory);
-  if (names.size() > 1 || (!commit && !names.empty()))
-    return std::to_string(names.size()) + " files left";
+  // The transaction's own files, named with its number.
+  char suffix[20];
+  std::snprintf(suffix, sizeof suffix, "_%016llx.", static_cast<unsigned long long>(number));
+  Strings names;
+  for (const std::string& name : listDirectory(directory))
+    if (name.find(suffix) != std::string::npos) names.push_back(name);
+  if (names.size() > (committed ? 1u : 0u))
+    return failure + " " + std::to_string(names.size()) + " files left";
+  if (!failure.empty()) return failure;
   if (names.empty()) return expected.empty() || !refused.empty() ? "" : "nothing published";
   published = directory + names[0];
   std::vector<std::string> got;

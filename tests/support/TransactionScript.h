@@ -30,11 +30,12 @@ class TransactionScript {
   TransactionScript(const std::uint8_t* data, std::size_t size, bool valid,
                     const Blobs& blobs = Blobs{});
 
-  // Plays the script as transaction number of plugin, whose output directory (empty before) is
-  // directory. Returns "" when the directory then holds what it must: nothing after a dispose
-  // without commit or when nothing was recorded, else one log that decodes to the events written
-  // (not compared after a refused operation, whose record stays unfinished); otherwise what is
-  // wrong. A published log stays, its path in published.
+  // Plays the script as transaction number of plugin, whose output directory is directory.
+  // Returns "" when the directory then holds what it must of the transaction's files: none after a
+  // failure, a dispose without commit or when nothing was recorded, else one log that decodes to
+  // the events written (not compared after a refused operation, whose record stays unfinished).
+  // Otherwise what is wrong, starting with "refused: " or "commit: " and the status text where an
+  // operation failed. A published log stays, its path in published.
   std::string play(Firebird::IReplPlugin* plugin, std::uint64_t number,
                    const std::string& directory);
 
