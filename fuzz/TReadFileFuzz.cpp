@@ -56,39 +56,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Mixed operations, their choices and arguments taken from the file's own bytes.
   try {
     reader.open(fuzzPath().c_str(), (mode & 2) != 0);
-    std::size_t i = 0;
-    for (int op = 0; op < 64; ++op) {
-      const std::uint8_t c = i < fileSize ? file[i++] : static_cast<std::uint8_t>(op);
-      switch (c % 8) {
-        case 0:
-          reader.getByte();
-          break;
-        case 1:
-          reader.getInt16();
-          break;
-        case 2:
-          reader.getInt64();
-          break;
-        case 3:
-          reader.getDouble();
-          break;
-        case 4: {
-          std::uint8_t buffer[300];
-          reader.getBytes(buffer, c);
-          break;
-        }
-        case 5:
-          reader.skip(static_cast<std::uint32_t>(c) * 300);
-          break;
-        case 6:
-          reader.seek(static_cast<std::int64_t>(c) * 517);
-          break;
-        default: {
-          TReadFile::Int32Pair pair;
-          reader.getInt32Pair(pair);
-          if (reader.getPosition() < 0) __builtin_trap();
-        }
-      }
+    std::uint8_t buffer[300];
+    TReadFile::Int32Pair pair;
+    for (std::size_t op = 0; op < 64; ++op) {
+      const std::uint8_t c = op < fileSize ? file[op] : static_cast<std::uint8_t>(op);
+      if (c % 8 == 0) reader.getByte();
+      if (c % 8 == 1) reader.getInt16();
+      if (c % 8 == 2) reader.getInt64();
+      if (c % 8 == 3) reader.getDouble();
+      if (c % 8 == 4) reader.getBytes(buffer, c);
+      if (c % 8 == 5) reader.skip(static_cast<std::uint32_t>(c) * 300);
+      if (c % 8 == 6) reader.seek(static_cast<std::int64_t>(c) * 517);
+      if (c % 8 == 7) reader.getInt32Pair(pair);
+      if (reader.getPosition() < 0) __builtin_trap();
     }
   } catch (const ReplException&) {
   }

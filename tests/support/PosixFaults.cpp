@@ -7,20 +7,19 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdarg>
-#include <cstdlib>
 #include <mutex>
 
 namespace PosixFaults {
 namespace {
 
+// One rule per kind: its nth call fails with error, or transfers at most bytes (error 0).
 struct Rule {
   int nth = 0;  // 0: disarmed
   int error = 0;
   long bytes = -1;
 };
 
-// A few rules per kind, so that a test can shorten one call and fail the next.
-Rule rules[kCalls][4];
+Rule rules[kCalls];
 std::atomic<int> counts[kCalls];
 std::atomic<int> firedCount{0};
 std::atomic<long> readBytes{0};
@@ -31,16 +30,8 @@ std::vector<Recorded> records;
 
 // Called only while recording, so that the calls cost nothing (no allocation) otherwise.
 void record(Recorded r) {
-  if (!recording) return;
   std::lock_guard<std::mutex> lock(recordMutex);
-  records.push_back(std::move(r));
-}
-
-void addRule(Call call, const Rule& rule) {
-  Rule* r = rules[call];
-  while (r < rules[call] + 4 && r->nth != 0) ++r;
-  if (r == rules[call] + 4) std::abort();  // more rules than any test needs
-  *r = rule;
+  if (recording) records.push_back(std::move(r));
 }
 
 // A rule of one thread alone.
@@ -52,19 +43,13 @@ thread_local int threadError = 0;
 // lowers *limit instead.
 bool inject(Call call, long* limit = nullptr) {
   const int n = ++counts[call];
-  if (threadCountdown > 0 && call == threadCall && --threadCountdown == 0) {
-    ++firedCount;
-    errno = threadError;
-    return true;
-  }
-  for (const Rule& r : rules[call]) {
-    if (n != r.nth) continue;
-    ++firedCount;
-    if (r.error == 0 && limit) *limit = r.bytes;
-    if (r.error != 0) errno = r.error;
-    return r.error != 0;
-  }
-  return false;
+  const bool own = threadCountdown > 0 && call == threadCall && --threadCountdown == 0;
+  const Rule& r = own ? Rule{n, threadError} : rules[call];
+  if (n != r.nth) return false;
+  ++firedCount;
+  if (r.error == 0 && limit) *limit = r.bytes;
+  if (r.error != 0) errno = r.error;
+  return r.error != 0;
 }
 
 // Passes a call on unless a rule fails it; one that succeeds is recorded with its paths, its
@@ -79,8 +64,8 @@ int passOrFail(Call call, const char* path, const char* path2, int fd, long long
 
 }  // namespace
 
-void failAt(Call call, int nth, int error) { addRule(call, Rule{nth, error, -1}); }
-void limitAt(Call call, int nth, long bytes) { addRule(call, Rule{nth, 0, bytes}); }
+void failAt(Call call, int nth, int error) { rules[call] = Rule{nth, error, -1}; }
+void limitAt(Call call, int nth, long bytes) { rules[call] = Rule{nth, 0, bytes}; }
 void failInThisThread(Call call, int nth, int error) {
   threadCall = call;
   threadCountdown = nth;
@@ -116,10 +101,7 @@ std::size_t takeRecordingSize() {
 }
 
 void reset() {
-  for (int i = 0; i < kCalls; ++i) {
-    for (Rule& r : rules[i]) r = Rule{};
-    counts[i] = 0;
-  }
+  for (int i = 0; i < kCalls; ++i) rules[i] = Rule{}, counts[i] = 0;
   firedCount = 0;
   readBytes = 0;
   fixedTime = 0;
@@ -165,9 +147,8 @@ ssize_t __wrap_write(int fd, const void* data, size_t size) {
   if (limit > 0 && static_cast<size_t>(limit) < size) size = static_cast<size_t>(limit);
   const off64_t at = recording ? __real_lseek64(fd, 0, SEEK_CUR) : 0;
   const ssize_t written = __real_write(fd, data, size);
-  if (written > 0)
-    if (recording)
-      record({kWrite, "", "", fd, at, std::string(static_cast<const char*>(data), written)});
+  if (written > 0 && recording)
+    record({kWrite, "", "", fd, at, std::string(static_cast<const char*>(data), written)});
   return written;
 }
 

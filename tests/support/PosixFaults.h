@@ -1,6 +1,7 @@
 // Fault injection for the library's POSIX calls by linker interposition (--wrap): per call the
 // wrappers pass it on, fail it with a chosen errno, or let it transfer fewer bytes. Calls are
-// counted from the last reset(); a rule fires once, at the nth call of its kind.
+// counted from the last reset(); a rule fires once, at the nth call of its kind, and a kind has
+// one rule at a time.
 #pragma once
 
 #include <ctime>

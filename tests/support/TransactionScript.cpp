@@ -138,20 +138,21 @@ std::string TransactionScript::play(Firebird::IReplPlugin* plugin, std::uint64_t
         result = t->executeSql(status, sql.c_str(), n);
         expected.push_back("S|" + std::string(sql.c_str()) + "|" + std::to_string(n));
       }
-    } else if (kind == 4) {
+    } else if (kind <= 6) {
       const int n = byte() % 8;
-      t->startSavepoint(status, n);
-      savepoints.emplace_back(n, expected.size());
-    } else if (kind == 5) {
-      const int n = byte() % 8;
-      t->releaseSavepoint(status, n);
-      while (!savepoints.empty() && savepoints.back().first >= n) savepoints.pop_back();
-    } else if (kind == 6) {
-      const int n = byte() % 8;
-      t->rollbackSavepoint(n);
-      while (!savepoints.empty() && savepoints.back().first > n) savepoints.pop_back();
-      expected.resize(savepoints.empty() ? 0 : savepoints.back().second);
-      if (!savepoints.empty()) savepoints.pop_back();
+      if (kind == 4) {
+        t->startSavepoint(status, n);
+        savepoints.emplace_back(n, expected.size());
+      } else if (kind == 5) {
+        t->releaseSavepoint(status, n);
+        while (!savepoints.empty() && savepoints.back().first >= n) savepoints.pop_back();
+      } else {
+        // Back to the newest savepoint not started inside n, whatever its number; it ends too.
+        t->rollbackSavepoint(n);
+        while (!savepoints.empty() && savepoints.back().first > n) savepoints.pop_back();
+        expected.resize(savepoints.empty() ? 0 : savepoints.back().second);
+        if (!savepoints.empty()) savepoints.pop_back();
+      }
     }
     if (result != 0 && refused.empty()) refused = status.text();
   }
