@@ -1,6 +1,6 @@
 // The decoder against the plugin: random transactions decode to exactly what was written; damage
-// under valid CRCs is reported where it lies; no change of bytes fails the decoder other than with
-// a LogFormatError; long blobs are handed out piece by piece.
+// under valid CRCs is reported where it lies (any change of bytes ends in a clean decode or a
+// LogFormatError: LogDecoderFuzz); long blobs are handed out piece by piece.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -50,7 +50,7 @@ TEST_F(LogDecoderTest, RandomSequencesMatchTheModel) {
   const int sequences = setting("FBCDC_SAVEPOINT_SEQUENCES", 2000);
   const auto seed = static_cast<unsigned>(setting("FBCDC_SAVEPOINT_SEED", 20261123));
   std::mt19937 random(seed);
-  Bytes largest;
+  std::size_t largest = 0;
   int cut = 0;
   for (int sequence = 0; sequence < sequences; ++sequence) {
     const Bytes input = randomBytes(random() % 4096, random());
@@ -60,38 +60,13 @@ TEST_F(LogDecoderTest, RandomSequencesMatchTheModel) {
         << "sequence " << sequence << ", seed " << seed;
     cut += PosixFaults::calls(PosixFaults::kFtruncate64);
     if (script.published.empty()) continue;
-    const Bytes file = readFile(script.published);
-    if (file.size() > largest.size()) largest = file;
+    largest = std::max<std::size_t>(largest, readFile(script.published).size());
     ::remove(script.published.c_str());
   }
   std::printf("%d sequences (seed %u): %d logs cut after a rollback into a block on disk\n",
               sequences, seed, cut);
   EXPECT_GT(cut, sequences / 100) << "too few rollbacks reached a block on disk";
-  ASSERT_GT(largest.size(), 3u * 32768) << "the logs should cross several blocks";
-
-  // Any change of the stream, sealed with valid CRCs so that the decoder's own checks are reached,
-  // and any cut of the file: the decoder reads on or stops with a LogFormatError, nothing else.
-  const Bytes stream = streamOf(largest);
-  auto survives = [&](const Bytes& file) {
-    writeFile(dir / "damaged.fbl", file);
-    try {
-      LogDecoder decoder;
-      decoder.open(dir / "damaged.fbl");
-      while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
-      }
-    } catch (const LogFormatError&) {
-    }
-  };
-  for (int i = 0; i < 400; ++i) {
-    Bytes changed = stream;
-    for (unsigned k = 0; k < 1 + random() % 3; ++k)
-      changed[random() % changed.size()] = static_cast<std::uint8_t>(random());
-    survives(containerOf(changed));
-  }
-  for (std::size_t at = 0; at < largest.size(); at += 1 + random() % 4000) {
-    survives(Bytes(largest.begin(), largest.begin() + at));
-    survives(containerOf(Bytes(stream.begin(), stream.begin() + std::min(at, stream.size()))));
-  }
+  EXPECT_GT(largest, 3u * 32768) << "the logs should cross several blocks";
 }
 
 // Damage that valid CRCs do not reveal: each case names the log position of the byte at fault
