@@ -7,6 +7,14 @@
 struct EventFormat {
   // Scaled integers as exact decimal strings ("-12.34"), or as JSON numbers (doubles).
   bool decimalAsDouble = false;
+  // The 64-bit integers of the JSON output (BIGINT values of scale 0, statement numbers, the log's
+  // transaction number in "source") as decimal strings ("267232655130119182"), or as JSON numbers.
+  // Readers that hold every number as a double (JavaScript, jq) round integers past 2^53, so
+  // strings are the default. A string is chosen by the field's type, never by its value: a column
+  // that is a number for small values and a string for large ones would fail its readers only in
+  // production. 16- and 32-bit integers are numbers either way; the text listing always shows
+  // integers as exact numbers.
+  bool bigintAsNumber = false;
   // Blob contents as base64, or as text (UTF-8, each invalid byte shown as U+FFFD).
   bool blobsAsText = false;
   // A BEGIN line before and an END line after each log's events.

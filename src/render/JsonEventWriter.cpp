@@ -56,7 +56,10 @@ void JsonEventWriter::beginLog(const LogInfo& log) {
     w.Key("file");
     w.String(log.file.data(), static_cast<unsigned>(log.file.size()));
     w.Key("transaction");
-    w.Uint64(log.transaction);
+    if (format_.bigintAsNumber)
+      w.Uint64(log.transaction);
+    else
+      w.String(id_.data(), static_cast<unsigned>(id_.size()));
     w.Key("time");
     w.String(time_.data(), static_cast<unsigned>(time_.size()));
     sourcePrefix_.assign(out.view());
@@ -169,7 +172,12 @@ void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
     FBCDC_RAW_KEY("text");
     name(event.sqlText, false);
     FBCDC_RAW_KEY("number");
-    writer_.Int64(event.sqlNumber);
+    if (format_.bigintAsNumber) {
+      writer_.Int64(event.sqlNumber);
+    } else {
+      char digits[24];
+      string(ValueRenderer::integerText(event.sqlNumber, digits));
+    }
     writer_.EndObject();
   } else {
     const std::string& table = quoted(event.relation, 0, relations_);

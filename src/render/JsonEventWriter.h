@@ -2,13 +2,15 @@
 // envelope so that consumers written for it read these too:
 //
 //   {"before":null,"after":{"ID":5,"NAME":"Ada"},
-//    "source":{"file":"000000006553f103_00000000000004d2.fbl","transaction":1234,
+//    "source":{"file":"000000006553f103_00000000000004d2.fbl","transaction":"1234",
 //              "time":"2023-11-14T22:13:23Z","index":0},
 //    "op":"c","table":"CUSTOMER","ts_ms":1700000003123,
 //    "transaction":{"id":"1234","total_order":1,"data_collection_order":1}}
 //
 // op is "c", "u", "d", or "sql" for a statement, which carries "sql":{"text":...,"number":...} and
-// a null table. Values are rendered by ValueRenderer. With transactions on, a BEGIN line comes
+// a null table. Values are rendered by ValueRenderer. The 64-bit integers (BIGINT values, the
+// statement number, source's transaction) are decimal strings, or numbers with bigintAsNumber;
+// every other integer is below 2^32 and always a number. With transactions on, a BEGIN line comes
 // before a log's events and an END line, with the count per table, after them; statements count in
 // event_count but belong to no table.
 #pragma once

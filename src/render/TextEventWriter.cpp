@@ -17,7 +17,10 @@ struct TextEventWriter::Sink {
   void string(std::string_view s) { w.quoted(s); }
 };
 
-TextEventWriter::TextEventWriter(const EventFormat& format) : format_(format), renderer_(format_) {}
+TextEventWriter::TextEventWriter(const EventFormat& format) : format_(format), renderer_(format_) {
+  // A listing is read by people, not parsed: its integers are exact as numbers.
+  format_.bigintAsNumber = true;
+}
 
 void TextEventWriter::quoted(std::string_view s) {
   out_.push_back('"');

@@ -1,5 +1,6 @@
 // Turns a field value into what a reader of JSON or of a listing sees, the same for both:
-//   integers without scale as numbers, scaled ones as exact decimal strings (or doubles);
+//   integers without scale as numbers, but 64-bit ones as decimal strings unless bigintAsNumber;
+//   scaled integers as exact decimal strings (or doubles);
 //   doubles as numbers, non-finite ones as "NaN", "Infinity", "-Infinity";
 //   dates "YYYY-MM-DD", times "HH:MM:SS.ffff", timestamps "YYYY-MM-DDTHH:MM:SS.ffff";
 //   booleans; texts in UTF-8 where their character set is readable, else base64;
@@ -8,6 +9,7 @@
 // The sink receives exactly one of null(), boolean(), integer(), real() (finite) or string().
 #pragma once
 
+#include <charconv>
 #include <cmath>
 #include <string>
 
@@ -32,9 +34,14 @@ class ValueRenderer {
         return sink.string(kUnavailable);
       case Kind::kNull:
         return sink.null();
+      case Kind::kInt64:
+        if (v.scale == 0 && !format_.bigintAsNumber) {
+          char digits[24];
+          return sink.string(integerText(v.integer, digits));
+        }
+        [[fallthrough]];
       case Kind::kShort:
       case Kind::kLong:
-      case Kind::kInt64:
         if (v.scale == 0) return sink.integer(v.integer);
         if (format_.decimalAsDouble)
           return real(ValueText::scaledToDouble(v.integer, v.scale), sink);
@@ -73,6 +80,12 @@ class ValueRenderer {
       cut(scratch_, format_.maxValueBytes);
     }
     sink.string(scratch_);
+  }
+
+  // The decimal digits of i, in digits (at least 21 bytes).
+  static std::string_view integerText(std::int64_t i, char* digits) {
+    const auto result = std::to_chars(digits, digits + 21, i);
+    return std::string_view(digits, static_cast<std::size_t>(result.ptr - digits));
   }
 
   // Cuts text to at most n bytes, at the start of a UTF-8 character (base64 is ASCII, so its

@@ -1,12 +1,15 @@
 // Events as consumers read them: golden JSON and text for a log with every kind of value, text
 // forms of known values, and the character set table against the server's own.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <rapidjson/document.h>
 
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <regex>
+#include <sstream>
 #include <tuple>
 
 #include "CharacterSets.h"
@@ -19,6 +22,8 @@
 #include "ValueText.h"
 
 namespace {
+
+using ::testing::HasSubstr;
 
 std::string goldenPath(const std::string& name) {
   return std::string(FBCDC_TEST_SOURCE_DIR) + "/render/golden/" + name;
@@ -47,6 +52,7 @@ TEST_F(EventWriterTest, GoldenOutputOfALogWithEveryKindOfValue) {
       .addInt64("PRICE", -1234, -2)
       .addShort("SMALL", 5, -2)
       .addInt64("HUGE", std::numeric_limits<std::int64_t>::min(), -18)
+      .addInt64("BIG", 267232655130119182)
       .addVarchar("NAME", "Ada \xC3\xA9\xF0\x9F\x98\x80 \"q\"", 4)
       .addChar("LEGACY", "caf\xE9\x80  ", 53)
       .addVarchar("ASCII", "a\xC3z", 2)
@@ -77,6 +83,7 @@ TEST_F(EventWriterTest, GoldenOutputOfALogWithEveryKindOfValue) {
 
   EventFormat plain, other;
   other.decimalAsDouble = true;
+  other.bigintAsNumber = true;
   other.blobsAsText = true;
   other.transactions = true;
   const std::pair<const char*, std::string> cases[] = {
@@ -90,6 +97,74 @@ TEST_F(EventWriterTest, GoldenOutputOfALogWithEveryKindOfValue) {
     // FBCDC_UPDATE_GOLDEN=1 rewrites the files, to be reviewed line by line before a commit.
     if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(goldenPath(golden), output);
   }
+}
+
+// A 64-bit integer is exact for every JSON reader: by default a decimal string, which a reader that
+// holds numbers as doubles (JavaScript, jq) cannot round, and with bigintAsNumber the same integer
+// as a number, for readers that keep 64-bit integers. The choice goes by the field's type, so small
+// values are strings too; 32-bit integers stay numbers. The listing shows them all as numbers.
+TEST_F(EventWriterTest, SixtyFourBitIntegersReadBackExactly) {
+  constexpr std::int64_t kPast53 = (std::int64_t{1} << 53) + 1;
+  const std::int64_t values[] = {0,
+                                 -1,
+                                 std::int64_t{1} << 53,
+                                 kPast53,
+                                 -kPast53,
+                                 267232655130119182,
+                                 std::numeric_limits<std::int64_t>::max(),
+                                 std::numeric_limits<std::int64_t>::min()};
+  constexpr std::uint64_t kTransaction = 267232655130119182;
+  LiteralRow row("T");
+  std::vector<std::string> names;
+  for (std::size_t i = 0; i < std::size(values); ++i) names.push_back("B" + std::to_string(i));
+  for (std::size_t i = 0; i < std::size(values); ++i) row.addInt64(names[i].c_str(), values[i]);
+  row.addLong("SMALL", std::numeric_limits<std::int32_t>::min());
+  ReplTransaction* t = begin(kTransaction);
+  EXPECT_EQ(0, t->insertRecord(status, nullptr, nullptr, &row));
+  for (const std::int64_t v : values) EXPECT_EQ(0, t->executeSql(status, "select 1", v));
+  EXPECT_EQ(0, t->commit(status)) << status.text();
+  t->dispose();
+  const std::string path = publishedLog();
+
+  for (const bool asNumber : {false, true}) {
+    SCOPED_TRACE(asNumber ? "numbers" : "strings");
+    EventFormat format;
+    format.bigintAsNumber = asNumber;
+    // Read back as an exact integer, and expected as a string unless numbers were asked for.
+    auto check = [&](const rapidjson::Value& json, std::int64_t expected, const char* what) {
+      SCOPED_TRACE(what);
+      if (asNumber) {
+        ASSERT_TRUE(json.IsInt64());
+        EXPECT_EQ(expected, json.GetInt64());
+      } else {
+        ASSERT_TRUE(json.IsString());
+        EXPECT_EQ(std::to_string(expected), json.GetString());
+      }
+    };
+    std::istringstream lines(render(path, "json", format));
+    std::string line;
+    std::getline(lines, line);
+    rapidjson::Document insert;
+    ASSERT_FALSE(insert.Parse(line.c_str()).HasParseError()) << line;
+    for (std::size_t i = 0; i < std::size(values); ++i)
+      check(insert["after"][names[i].c_str()], values[i], names[i].c_str());
+    EXPECT_TRUE(insert["after"]["SMALL"].IsInt()) << line;
+    const rapidjson::Value& source = insert["source"]["transaction"];
+    if (asNumber)
+      EXPECT_TRUE(source.IsUint64() && source.GetUint64() == kTransaction) << line;
+    else
+      EXPECT_EQ(std::to_string(kTransaction), source.GetString()) << line;
+    for (const std::int64_t v : values) {
+      ASSERT_TRUE(std::getline(lines, line));
+      rapidjson::Document statement;
+      ASSERT_FALSE(statement.Parse(line.c_str()).HasParseError()) << line;
+      check(statement["sql"]["number"], v, "statement number");
+    }
+  }
+  const std::string text = render(path, "text", EventFormat());
+  for (std::size_t i = 0; i < std::size(values); ++i)
+    EXPECT_THAT(text, HasSubstr("  " + names[i] + " = " + std::to_string(values[i]) + "\n"));
+  EXPECT_THAT(text, HasSubstr("sql " + std::to_string(values[5]) + " "));
 }
 
 // Edge forms; the usual ones (scaled values, the ISO time, a WIN1252 euro sign, sets shown as

@@ -143,6 +143,7 @@ int parse(CLI::App& app, int argc, char** argv) {
 EventFormat OutputOptions::eventFormat() const {
   EventFormat f;
   f.decimalAsDouble = decimal == "double";
+  f.bigintAsNumber = bigint == "number";
   f.blobsAsText = blobs == "text";
   f.transactions = transactions;
   return f;
@@ -153,6 +154,8 @@ void addOutputOptions(CLI::App& app, OutputOptions& o) {
          {"json", "text"});
   choice(app.add_option("--decimal", o.decimal, "scaled integers as exact strings (default)"),
          {"string", "double"});
+  choice(app.add_option("--bigint", o.bigint, "64-bit integers as exact strings (default)"),
+         {"string", "number"});
   choice(app.add_option("--blobs", o.blobs, "blob contents as base64 (default) or text"),
          {"base64", "text"});
   app.add_flag("--transactions", o.transactions, "a BEGIN and an END line around each log");

@@ -45,10 +45,12 @@ int refuse(const char* command, const std::string& text);
 CLI::Option* choice(CLI::Option* option, const std::vector<std::string>& choices);
 CLI::Option* wholeNumber(CLI::Option* option, long long min, long long max);
 
-// The options of every command that prints events: --format, --decimal, --blobs, --transactions.
+// The options of every command that prints events: --format, --decimal, --bigint, --blobs,
+// --transactions.
 struct OutputOptions {
   std::string format = "json";
   std::string decimal = "string";
+  std::string bigint = "string";
   std::string blobs = "base64";
   bool transactions = false;
   EventFormat eventFormat() const;
