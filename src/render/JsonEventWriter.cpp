@@ -69,6 +69,7 @@ void JsonEventWriter::beginLog(const LogInfo& log) {
   tables_.clear();
   lastTable_ = 0;
   statements_ = 0;
+  statementsAt_ = 0;
   if (!format_.transactions) return;
   startMarker("BEGIN");
   writer_.Null();
@@ -128,7 +129,12 @@ void JsonEventWriter::image(const ChangeEvent& event, bool before) {
 
 void JsonEventWriter::event(const ChangeEvent& event) {
   lastStart_ = buffer_.size();
-  lastOrder_ = event.kind == ChangeEvent::Kind::kSql ? ++statements_ : countTable(event.relation);
+  if (event.kind == ChangeEvent::Kind::kSql) {
+    if (statements_ == 0) statementsAt_ = tables_.size();
+    lastOrder_ = ++statements_;
+  } else {
+    lastOrder_ = countTable(event.relation);
+  }
   write(event, lastOrder_);
 }
 
@@ -222,13 +228,22 @@ void JsonEventWriter::endLog(const ChangeEvent& end) {
   writer_.Uint(end.index);
   writer_.Key("data_collections");
   writer_.StartArray();
-  for (const auto& table : tables_) {
+  // The statements' entry, whose data_collection is null as their events' table is, stands where
+  // the first statement came among the tables.
+  auto entry = [this](const std::string* table, std::uint32_t count) {
     writer_.StartObject();
     writer_.Key("data_collection");
-    name(table.first, false);
+    if (table)
+      name(*table, false);
+    else
+      writer_.Null();
     writer_.Key("event_count");
-    writer_.Uint(table.second);
+    writer_.Uint(count);
     writer_.EndObject();
+  };
+  for (std::size_t i = 0; i <= tables_.size(); ++i) {
+    if (statements_ > 0 && i == statementsAt_) entry(nullptr, statements_);
+    if (i < tables_.size()) entry(&tables_[i].first, tables_[i].second);
   }
   writer_.EndArray();
   writer_.EndObject();

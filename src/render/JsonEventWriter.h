@@ -10,9 +10,17 @@
 // op is "c", "u", "d", or "sql" for a statement, which carries "sql":{"text":...,"number":...} and
 // a null table. Values are rendered by ValueRenderer. The 64-bit integers (BIGINT values, the
 // statement number, source's transaction) are decimal strings, or numbers with bigintAsNumber;
-// every other integer is below 2^32 and always a number. With transactions on, a BEGIN line comes
-// before a log's events and an END line, with the count per table, after them; statements count in
-// event_count but belong to no table.
+// every other integer is below 2^32 and always a number.
+//
+// With transactions on, a BEGIN line comes before a log's events and an END line after them:
+//
+//   {"status":"END","id":"1234","file":"...","ts_ms":...,"event_count":4,
+//    "data_collections":[{"data_collection":"CUSTOMER","event_count":3},
+//                        {"data_collection":null,"event_count":1}]}
+//
+// data_collections groups the log's events by their "table", statements (table null) being one
+// group, in the order each group first appears; within a group data_collection_order runs from 1
+// to its event_count, and the groups' counts add up to the END's event_count.
 #pragma once
 
 #include <rapidjson/writer.h>
@@ -80,6 +88,7 @@ class JsonEventWriter : public EventWriter {
   std::vector<std::pair<std::string, std::uint32_t>> tables_;
   std::size_t lastTable_ = 0;
   std::uint32_t statements_ = 0;
+  std::size_t statementsAt_ = 0;  // how many tables came before the first statement
   std::size_t lastStart_ = 0;  // where the last event's line begins in the buffer
   std::uint32_t lastOrder_ = 0;
 };

@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <random>
 #include <regex>
 #include <sstream>
 #include <tuple>
@@ -165,6 +167,76 @@ TEST_F(EventWriterTest, SixtyFourBitIntegersReadBackExactly) {
   for (std::size_t i = 0; i < std::size(values); ++i)
     EXPECT_THAT(text, HasSubstr("  " + names[i] + " = " + std::to_string(values[i]) + "\n"));
   EXPECT_THAT(text, HasSubstr("sql " + std::to_string(values[5]) + " "));
+}
+
+// END's counts against a model of seeded random logs: data_collections groups the events by their
+// table, statements (table null) being a group of their own, in the order each group first
+// appears; each event's data_collection_order counts within its group, and the groups' counts add
+// up to event_count. An empty relation name is a table, not the statements' null.
+TEST_F(EventWriterTest, EndCountsEveryEventInItsGroup) {
+  std::mt19937 random(11);
+  EventFormat format;
+  format.transactions = true;
+  for (int round = 0; round < 6; ++round) {
+    SCOPED_TRACE(round);
+    clearLogs();
+    const char* const tables[] = {"A", "B", ""};
+    std::vector<const char*> model;  // each event's table, null for a statement
+    ReplTransaction* t = begin(100 + round);
+    const int events = 1 + static_cast<int>(random() % 40);
+    for (int i = 0; i < events; ++i) {
+      const unsigned pick = random() % 4;
+      if (pick == 3) {
+        EXPECT_EQ(0, t->executeSql(status, "delete from a", i));
+        model.push_back(nullptr);
+        continue;
+      }
+      LiteralRow row(tables[pick]);
+      row.addLong("ID", i);
+      EXPECT_EQ(0, t->insertRecord(status, nullptr, nullptr, &row)) << status.text();
+      model.push_back(tables[pick]);
+    }
+    EXPECT_EQ(0, t->commit(status)) << status.text();
+    t->dispose();
+
+    std::vector<std::pair<const char*, unsigned>> groups;  // the model's END
+    std::istringstream lines(render(publishedLog(), "json", format));
+    std::string line;
+    ASSERT_TRUE(std::getline(lines, line));
+    for (const char* table : model) {
+      auto group = std::find_if(groups.begin(), groups.end(), [&](const auto& g) {
+        return g.first == table || (g.first && table && std::strcmp(g.first, table) == 0);
+      });
+      if (group == groups.end()) group = groups.insert(groups.end(), {table, 0});
+      ++group->second;
+      ASSERT_TRUE(std::getline(lines, line));
+      rapidjson::Document event;
+      ASSERT_FALSE(event.Parse(line.c_str()).HasParseError()) << line;
+      if (table)
+        EXPECT_EQ(std::string(table), event["table"].GetString()) << line;
+      else
+        EXPECT_TRUE(event["table"].IsNull()) << line;
+      EXPECT_EQ(group->second, event["transaction"]["data_collection_order"].GetUint()) << line;
+    }
+    ASSERT_TRUE(std::getline(lines, line));
+    rapidjson::Document end;
+    ASSERT_FALSE(end.Parse(line.c_str()).HasParseError()) << line;
+    EXPECT_EQ(model.size(), end["event_count"].GetUint()) << line;
+    const rapidjson::Value& listed = end["data_collections"];
+    ASSERT_EQ(groups.size(), listed.Size()) << line;
+    unsigned sum = 0;
+    for (rapidjson::SizeType i = 0; i < listed.Size(); ++i) {
+      const rapidjson::Value& name = listed[i]["data_collection"];
+      if (groups[i].first)
+        EXPECT_EQ(std::string(groups[i].first), name.GetString()) << line;
+      else
+        EXPECT_TRUE(name.IsNull()) << line;
+      EXPECT_EQ(groups[i].second, listed[i]["event_count"].GetUint()) << line;
+      sum += listed[i]["event_count"].GetUint();
+    }
+    EXPECT_EQ(end["event_count"].GetUint(), sum) << line;
+    EXPECT_FALSE(std::getline(lines, line)) << "more after END: " << line;
+  }
 }
 
 // Edge forms; the usual ones (scaled values, the ISO time, a WIN1252 euro sign, sets shown as
