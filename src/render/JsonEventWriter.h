@@ -89,6 +89,6 @@ class JsonEventWriter : public EventWriter {
   std::size_t lastTable_ = 0;
   std::uint32_t statements_ = 0;
   std::size_t statementsAt_ = 0;  // how many tables came before the first statement
-  std::size_t lastStart_ = 0;  // where the last event's line begins in the buffer
+  std::size_t lastStart_ = 0;     // where the last event's line begins in the buffer
   std::uint32_t lastOrder_ = 0;
 };
