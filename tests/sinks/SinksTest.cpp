@@ -208,10 +208,13 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
   const std::regex id("\"ID\":([0-9]+)");
   for (const auto& [topic, messages] : topics) {
     for (const auto& [key, value] : messages) {
-      if (topic == "fbcdc.LINES") EXPECT_EQ("\"LINES\"", key);
+      if (topic == "fbcdc.LINES") {
+        EXPECT_EQ("\"LINES\"", key);
+      }
       std::smatch m;
-      if (topic == "fbcdc.ORDERS" && std::regex_search(value, m, id))
+      if (topic == "fbcdc.ORDERS" && std::regex_search(value, m, id)) {
         EXPECT_EQ("{\"ID\":" + m[1].str() + "}", key) << value;
+      }
       if (value == "null" || value.find("\"status\":") != std::string::npos) {
         ++(value == "null" ? tombstones : markers);
         EXPECT_TRUE(value != "null" || topic == "fbcdc.ORDERS") << "a tombstone on " << topic;

@@ -6,11 +6,14 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <map>
 #include <memory>
+#include <set>
 #include <sstream>
 
 #include "CheckpointFile.h"
 #include "Command.h"
+#include "Database.h"
 #include "KafkaSink.h"
 #include "LogDirectory.h"
 #include "LogFollower.h"
@@ -28,6 +31,7 @@ struct SinkArguments {
   std::string topicPrefix = "fbcdc";
   std::vector<std::string> properties;
   std::vector<std::string> keys;
+  std::string keysFrom;
   bool tombstones = false;
   std::string largeValues = "fail";
   std::size_t maxMessageBytes = 1000000;
@@ -53,6 +57,9 @@ void addSinkOptions(CLI::App& app, SinkArguments& a) {
       ->group(kKafkaOptions);
   app.add_option("-X", a.properties, "a librdkafka setting, passed through")
       ->type_name("KEY=VALUE")
+      ->group(kKafkaOptions);
+  app.add_option("--keys-from", a.keysFrom, "read the tables' primary keys from this database")
+      ->type_name("DATABASE")
       ->group(kKafkaOptions);
   app.add_option("--key", a.keys, "the primary key columns of a table")
       ->type_name("TABLE=COLS")
@@ -125,8 +132,40 @@ std::string checkpointProblem(const std::string& path) {
   return "cannot keep the position in " + path + ": " + directory + ": " + std::strerror(errno);
 }
 
+// The primary keys of the source's tables, for Kafka's message keys; a table without one maps to
+// no columns.
+std::map<std::string, std::vector<std::string>> keysFrom(const std::string& database) {
+  try {
+    Database source(database, false);
+    return source.primaryKeys();
+  } catch (const Firebird::FbException& e) {
+    throw std::runtime_error("--keys-from " + database + ": " + Database::describe(e));
+  }
+}
+
+// Kafka keys a table whose key is not known by its name, so that its changes stay in order in one
+// partition; the user hears of each such table once, at start where the tables are known.
+void announceKeys(const KafkaSink::Options& o, bool fromDatabase,
+                  std::shared_ptr<std::set<std::string>> told) {
+  if (!fromDatabase) {
+    std::fprintf(stderr,
+                 "fbcdc follow: a table without --key is keyed by its name (one partition "
+                 "each); --keys-from DATABASE reads the primary keys\n");
+    return;
+  }
+  std::string keyless;
+  for (const auto& [table, columns] : o.keys) {
+    if (!columns.empty()) continue;
+    keyless += (keyless.empty() ? "" : ", ") + table;
+    told->insert(table);
+  }
+  if (!keyless.empty())
+    std::fprintf(stderr, "fbcdc follow: no primary key, keyed by the table's name: %s\n",
+                 keyless.c_str());
+}
+
 std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions& output,
-                                    std::unique_ptr<EventWriter>& writer) {
+                                    std::unique_ptr<EventWriter>& writer, bool checkpoint) {
   const EventFormat format = output.eventFormat();
   if (a.sink == "kafka") {
     KafkaSink::Options o;
@@ -134,17 +173,28 @@ std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions&
     o.topicPrefix = a.topicPrefix;
     for (const std::string& p : a.properties)
       o.properties.push_back(split(p, '=', "-X", "KEY=VALUE"));
+    if (!a.keysFrom.empty()) o.keys = keysFrom(a.keysFrom);
     for (const std::string& k : a.keys) {
       const auto [table, columns] = split(k, '=', "--key", "TABLE=COL,...");
       std::stringstream in(columns);
-      for (std::string c; std::getline(in, c, ',');) o.keys[table].push_back(c);
+      std::vector<std::string>& named = o.keys[table];
+      named.clear();
+      for (std::string c; std::getline(in, c, ',');) named.push_back(c);
     }
+    auto told = std::make_shared<std::set<std::string>>();
+    o.keyedByName = [told, known = !a.keysFrom.empty()](const std::string& table) {
+      if (known && told->insert(table).second)
+        std::fprintf(stderr, "fbcdc follow: no primary key known for %s, keyed by its name\n",
+                     table.c_str());
+    };
     o.tombstones = a.tombstones;
     o.largeValues = a.largeValues == "truncate" ? KafkaSink::LargeValues::kTruncate
                     : a.largeValues == "omit"   ? KafkaSink::LargeValues::kOmit
                                                 : KafkaSink::LargeValues::kFail;
     o.maxMessageBytes = a.maxMessageBytes;
-    return std::make_unique<KafkaSink>(o, format);
+    auto sink = std::make_unique<KafkaSink>(o, format);
+    announceKeys(o, !a.keysFrom.empty(), told);
+    return sink;
   }
   if (a.sink == "redis") {
     RedisSink::Options o;
@@ -156,7 +206,8 @@ std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions&
     return std::make_unique<RedisSink>(o, format);
   }
   writer = EventWriter::create(output.format, format);
-  return std::make_unique<StreamSink>(*writer, stdout);
+  // With a checkpoint, a log's events reach the disk before the position moves past them.
+  return std::make_unique<StreamSink>(*writer, stdout, checkpoint);
 }
 
 }  // namespace
@@ -206,7 +257,7 @@ int followCommand(int argc, char** argv) {
   try {
     // Before the sink starts its threads, so that they inherit the blocked signals.
     LogFollower::stopOnSignals();
-    sink = makeSink(sinkArguments, output, writer);
+    sink = makeSink(sinkArguments, output, writer, !checkpointPath.empty());
     CheckpointFile checkpoint(checkpointPath);
     FollowPosition position;
     try {
