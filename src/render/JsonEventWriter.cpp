@@ -30,13 +30,10 @@ std::int64_t JsonEventWriter::nowMs() {
   return static_cast<std::int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-void JsonEventWriter::name(std::string_view s, bool key) {
+void JsonEventWriter::name(std::string_view s) {
   scratch_.clear();
   CharacterSets::appendValidUtf8(s, scratch_);
-  if (key)
-    writer_.Key(scratch_.data(), static_cast<unsigned>(scratch_.size()));
-  else
-    string(scratch_);
+  string(scratch_);
 }
 
 void JsonEventWriter::transactionId() {
@@ -176,7 +173,7 @@ void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
     FBCDC_RAW_KEY("sql");
     writer_.StartObject();
     FBCDC_RAW_KEY("text");
-    name(event.sqlText, false);
+    name(event.sqlText);
     FBCDC_RAW_KEY("number");
     if (format_.bigintAsNumber) {
       writer_.Int64(event.sqlNumber);
@@ -216,8 +213,7 @@ const std::string& JsonEventWriter::quoted(
   std::string valid;
   CharacterSets::appendValidUtf8(raw, valid);
   JsonOutput out;
-  Writer w(out);
-  w.String(valid.data(), static_cast<unsigned>(valid.size()));
+  out.appendString(valid);
   cache[slot] = {std::string(raw), std::string(out.view())};
   return cache[slot].second;
 }
@@ -234,7 +230,7 @@ void JsonEventWriter::endLog(const ChangeEvent& end) {
     writer_.StartObject();
     writer_.Key("data_collection");
     if (table)
-      name(*table, false);
+      name(*table);
     else
       writer_.Null();
     writer_.Key("event_count");

@@ -58,8 +58,8 @@ class JsonEventWriter : public EventWriter {
     buffer_.appendString(s);
   }
   void raw(const char* json, std::size_t size, rapidjson::Type type);
-  // A name from the log, made valid UTF-8.
-  void name(std::string_view s, bool key);
+  // A name or statement from the log as a string value, made valid UTF-8.
+  void name(std::string_view s);
   void image(const ChangeEvent& event, bool before);
   void write(const ChangeEvent& event, std::uint32_t order);
   void transactionId();

@@ -6,6 +6,7 @@
 
 #include <rapidjson/writer.h>
 
+#include <array>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -35,6 +36,11 @@ class JsonOutput {
   }
   // Appends text as a JSON string, quoted and escaped; runs that need no escape are copied whole.
   void appendString(std::string_view text);
+  // Writes text escaped as inside a JSON string, without the quotes, to out, which has room for
+  // 6 bytes per byte of text; returns the end. The quote, the backslash and the control characters
+  // (00 to 1F, and DEL, which JSON may leave as it is but a terminal would hide) are escaped, in
+  // JSON's short forms where it has one: the one escaping of both output formats.
+  static char* escape(std::string_view text, char* out);
 
   std::string_view view() const { return std::string_view(data_.get(), size_); }
   std::size_t size() const { return size_; }
@@ -48,15 +54,28 @@ class JsonOutput {
 };
 
 inline void JsonOutput::appendString(std::string_view text) {
-  static const char kHex[] = "0123456789abcdef";
   Reserve(text.size() * 6 + 2);
   char* out = data_.get() + size_;
   *out++ = '"';
+  out = escape(text, out);
+  *out++ = '"';
+  size_ = static_cast<std::size_t>(out - data_.get());
+}
+
+inline char* JsonOutput::escape(std::string_view text, char* out) {
+  static const char kHex[] = "0123456789abcdef";
+  // The bytes not copied as they are.
+  static constexpr std::array<bool, 256> kEscaped = [] {
+    std::array<bool, 256> escaped{};
+    for (int c = 0; c < 0x20; ++c) escaped[c] = true;
+    escaped['"'] = escaped['\\'] = escaped[0x7F] = true;
+    return escaped;
+  }();
   const auto* p = reinterpret_cast<const unsigned char*>(text.data());
   const auto* end = p + text.size();
   while (p < end) {
     const unsigned char* run = p;
-    while (p < end && *p >= 0x20 && *p != '"' && *p != '\\') ++p;
+    while (p < end && !kEscaped[*p]) ++p;
     std::memcpy(out, run, static_cast<std::size_t>(p - run));
     out += p - run;
     if (p == end) break;
@@ -89,8 +108,7 @@ inline void JsonOutput::appendString(std::string_view text) {
         *out++ = kHex[c >> 4], *out++ = kHex[c & 15];
     }
   }
-  *out++ = '"';
-  size_ = static_cast<std::size_t>(out - data_.get());
+  return out;
 }
 
 namespace rapidjson {

@@ -1,7 +1,8 @@
 #include "TextEventWriter.h"
 
 #include <charconv>
-#include <cstdio>
+
+#include "JsonOutput.h"
 
 struct TextEventWriter::Sink {
   TextEventWriter& w;
@@ -22,22 +23,23 @@ TextEventWriter::TextEventWriter(const EventFormat& format) : format_(format), r
   format_.bigintAsNumber = true;
 }
 
+void TextEventWriter::escaped(std::string_view s) {
+  const std::size_t at = out_.size();
+  out_.resize(at + s.size() * 6);
+  char* end = JsonOutput::escape(s, &out_[at]);
+  out_.resize(static_cast<std::size_t>(end - out_.data()));
+}
+
 void TextEventWriter::quoted(std::string_view s) {
   out_.push_back('"');
-  for (const char c : s) {
-    const auto u = static_cast<unsigned char>(c);
-    if (c == '"' || c == '\\') {
-      out_.push_back('\\');
-      out_.push_back(c);
-    } else if (u < 0x20 || u == 0x7F) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\x%02X", u);
-      out_ += escape;
-    } else {
-      out_.push_back(c);
-    }
-  }
+  escaped(s);
   out_.push_back('"');
+}
+
+void TextEventWriter::name(std::string_view s) {
+  scratch_.clear();
+  CharacterSets::appendValidUtf8(s, scratch_);
+  escaped(scratch_);
 }
 
 void TextEventWriter::value(const FieldValue& v) {
@@ -58,20 +60,20 @@ void TextEventWriter::event(const ChangeEvent& event) {
   if (event.kind == Kind::kSql) {
     out_ += std::to_string(event.sqlNumber);
   } else {
-    std::string name;
-    CharacterSets::appendValidUtf8(event.relation, name);
-    out_ += name;
+    name(event.relation);
   }
   out_ += "  (position " + std::to_string(event.position) + ")\n";
   if (event.kind == Kind::kSql) {
     out_ += "  ";
-    CharacterSets::appendValidUtf8(event.sqlText, out_);
+    scratch_.clear();
+    CharacterSets::appendValidUtf8(event.sqlText, scratch_);
+    quoted(scratch_);
     out_.push_back('\n');
     return;
   }
   for (const FieldChange& f : event.fields) {
     out_ += "  ";
-    CharacterSets::appendValidUtf8(f.name, out_);
+    name(f.name);
     out_ += " = ";
     if (event.kind == Kind::kUpdate) {
       value(f.before);

@@ -7,10 +7,12 @@
 //   #1 update CUSTOMER  (position 31)
 //     NAME = "Ada" -> "Bob"
 //   #2 sql 7  (position 60)
-//     update customer set rank = rank + 1
+//     "update customer set rank = rank + 1"
 //   == end: 3 events
 //
-// Values are shown as in JSON (ValueRenderer), strings quoted and escaped.
+// Values are shown as in JSON (ValueRenderer), strings quoted; strings, statements and names are
+// escaped exactly as the JSON output escapes them (JsonOutput::escape), so that a control
+// character never breaks a line of the listing and reads the same in both formats.
 #pragma once
 
 #include <string>
@@ -32,9 +34,14 @@ class TextEventWriter : public EventWriter {
  private:
   struct Sink;
   void value(const FieldValue& v);
+  // Text escaped as in JSON, by the JSON writer's own function; quoted() adds the quotes.
+  void escaped(std::string_view s);
   void quoted(std::string_view s);
+  // A name from the log, made valid UTF-8 and escaped.
+  void name(std::string_view s);
 
   EventFormat format_;
   ValueRenderer renderer_;
   std::string out_;
+  std::string scratch_;
 };

@@ -239,6 +239,49 @@ TEST_F(EventWriterTest, EndCountsEveryEventInItsGroup) {
   }
 }
 
+// The listing escapes texts, statements and names exactly as JSON does: each case's value shows
+// the same between the quotes in both, and no control character breaks a line of the listing.
+TEST_F(EventWriterTest, TextAndJsonEscapeAlike) {
+  // Bytes of a UTF8 value, and how both formats show them.
+  const std::pair<std::string, std::string> cases[] = {
+      {"a\"b", "a\\\"b"},
+      {"back\\slash", "back\\\\slash"},
+      {"line\nbreak\r\ttab", "line\\nbreak\\r\\ttab"},
+      {"\b\f", "\\b\\f"},
+      {std::string("nul\0", 4), "nul\\u0000"},
+      {"\x01\x1F\x7F", "\\u0001\\u001f\\u007f"},
+      {"\xC3\xA9\xF0\x9F\x98\x80 \xFF", "\xC3\xA9\xF0\x9F\x98\x80 \xEF\xBF\xBD"},
+  };
+  LiteralRow row("T");
+  for (std::size_t i = 0; i < std::size(cases); ++i)
+    row.addVarchar(("V" + std::to_string(i)).c_str(), cases[i].first, 4);
+  row.addLong("N\x01\"", 1);
+  ReplTransaction* t = begin();
+  EXPECT_EQ(0, t->insertRecord(status, nullptr, nullptr, &row));
+  EXPECT_EQ(0, t->executeSql(status, "select '\n\x01\"'", 1));
+  EXPECT_EQ(0, t->commit(status)) << status.text();
+  t->dispose();
+  const std::string path = publishedLog();
+  const std::string json = render(path, "json", EventFormat());
+  const std::string text = render(path, "text", EventFormat());
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(i);
+    const std::string name = "V" + std::to_string(i);
+    const std::string shown = "\"" + cases[i].second + "\"";
+    EXPECT_THAT(json, HasSubstr("\"" + name + "\":" + shown + ","));
+    EXPECT_THAT(text, HasSubstr("\n  " + name + " = " + shown + "\n"));
+  }
+  EXPECT_THAT(json, HasSubstr("\"N\\u0001\\\"\":1"));
+  EXPECT_THAT(text, HasSubstr("\n  N\\u0001\\\" = 1\n"));
+  const std::string statement = "\"select '\\n\\u0001\\\"'\"";
+  EXPECT_THAT(json, HasSubstr("\"text\":" + statement + ","));
+  EXPECT_THAT(text, HasSubstr("\n  " + statement + "\n"));
+  // A header and an end line, an event line per event, a line per field.
+  EXPECT_EQ(2 + 2 + std::size(cases) + 1 + 1,
+            static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')))
+      << text;
+}
+
 // Edge forms; the usual ones (scaled values, the ISO time, a WIN1252 euro sign, sets shown as
 // base64) are pinned by the golden files.
 TEST(ValueTextTest, KnownForms) {
