@@ -1,7 +1,7 @@
 #!/bin/sh
 # Installs the Debian packages the build, the tests and the demo need; quiet when all are there.
 set -eu
-packages="build-essential cmake ninja-build pkg-config firebird-dev libfbclient2
+packages="build-essential cmake ninja-build pkg-config dpkg-dev systemd firebird-dev libfbclient2
 firebird3.0-server-core libgtest-dev libgmock-dev libbenchmark-dev libisal-dev binutils valgrind
 libcli11-dev rapidjson-dev librdkafka-dev libhiredis-dev redis-server clang libfuzzer-14-dev
 libclang-rt-14-dev"

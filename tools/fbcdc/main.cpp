@@ -2,6 +2,7 @@
 //
 //   fbcdc COMMAND [OPTIONS] [ARGUMENTS]
 //   fbcdc help COMMAND
+//   fbcdc --version
 //
 // Exit status: 0 success, 1 failure, 2 wrong arguments (see usage below).
 #include <cstdio>
@@ -42,7 +43,8 @@ void usage(std::FILE* out) {
   for (const Command& c : kCommands) std::fprintf(out, "  %-9s %s\n", c.name, c.help);
   std::fprintf(out,
                "\n"
-               "\"fbcdc help COMMAND\" or \"fbcdc COMMAND --help\" describes a command.\n"
+               "\"fbcdc help COMMAND\" or \"fbcdc COMMAND --help\" describes a command;\n"
+               "\"fbcdc --version\" prints the version.\n"
                "\n"
                "Exit status: 0 success; 1 failure: a damaged log, an unreadable file, a log that\n"
                "does not apply, a database error, a sink that refused a message, databases that\n"
@@ -73,6 +75,10 @@ int main(int argc, char** argv) {
   const std::string first = argv[1];
   if (first == "--help" || first == "-h") {
     usage(stdout);
+    return fbcdc::kExitOk;
+  }
+  if (first == "--version") {
+    std::printf("fbcdc %s\n", FBCDC_VERSION);
     return fbcdc::kExitOk;
   }
   if (first == "help") {

@@ -1,0 +1,54 @@
+#!/bin/sh
+# The Debian package as an administrator meets it: cpack builds it from the install rules; its
+# control fields name what it needs; it holds the program, the plugin (and the link where a Debian
+# Firebird server looks for plugins), the consumer's headers and libraries, the service units and
+# the example configuration; unpacked into a scratch root, its fbcdc prints its version and drives
+# its own plugin, and systemd accepts its units.
+set -eu
+build=$1
+version=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { echo "package: $*"; exit 1; }
+
+(cd "$build" && cpack -G DEB -B "$work/cpack" >"$work/cpack.log" 2>&1) || { cat "$work/cpack.log"; fail "cpack failed"; }
+deb=$(ls "$work"/cpack/fbcdc_*.deb)
+
+[ "$(dpkg-deb -f "$deb" Package)" = fbcdc ] || fail "Package is not fbcdc"
+[ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "Version is not $version"
+depends=$(dpkg-deb -f "$deb" Depends)
+for needed in libfbclient2 librdkafka1 libhiredis adduser libstdc++6; do
+  case "$depends" in *"$needed"*) ;; *) fail "Depends lacks $needed: $depends" ;; esac
+done
+
+dpkg-deb -c "$deb" >"$work/contents"
+for path in ./usr/bin/fbcdc ./usr/lib/libfbcdc.so \
+  "./usr/lib/x86_64-linux-gnu/firebird/3.0/plugins/libfbcdc.so -> ../../../../libfbcdc.so" \
+  ./usr/lib/libfbcdc_decoder.a ./usr/lib/libfbcdc_blockfile.a ./usr/include/fbcdc/LogDecoder.h \
+  ./usr/lib/systemd/system/fbcdc-follow@.service ./usr/lib/systemd/system/fbcdc-apply@.service \
+  ./usr/share/fbcdc/example.conf; do
+  grep -qF " $path" "$work/contents" || fail "no $path in the package"
+done
+dpkg-deb -e "$deb" "$work/control"
+sh -n "$work/control/postinst" || fail "postinst is not a valid script"
+
+root="$work/root"
+dpkg-deb -x "$deb" "$root"
+[ "$("$root/usr/bin/fbcdc" --version)" = "fbcdc $version" ] || fail "fbcdc --version"
+[ -f "$(readlink -f "$root/usr/lib/x86_64-linux-gnu/firebird/3.0/plugins/libfbcdc.so")" ] ||
+  fail "the plugin link leads nowhere"
+"$root/usr/bin/fbcdc" capture --database "$work/source.fdb" --output "$work/logs" \
+  --transactions 10 >/dev/null || fail "the packaged fbcdc did not drive its plugin"
+"$root/usr/bin/fbcdc" verify "$work/logs" >/dev/null || fail "the packaged plugin's logs"
+
+# systemd reads the units as it would on the machine, with the example as an instance's
+# configuration and the program where the units name it.
+mkdir -p "$root/etc/fbcdc"
+cp "$root/usr/share/fbcdc/example.conf" "$root/etc/fbcdc/example.conf"
+if command -v systemd-analyze >/dev/null; then
+  for unit in fbcdc-follow@example.service fbcdc-apply@example.service; do
+    systemd-analyze verify --root="$root" "$root/usr/lib/systemd/system/${unit%%@*}@.service" \
+      >"$work/verify.log" 2>&1 || { cat "$work/verify.log"; fail "systemd-analyze refused $unit"; }
+  done
+fi
+echo "$(basename "$deb"): $(wc -l <"$work/contents") entries, checked"
