@@ -4,15 +4,23 @@
 //   #0 insert CUSTOMER  (position 5)
 //     ID = 5
 //     NAME = "Ada"
+//     DOC = "JVBERi0xLjcKJeLjz9MK"... (3145728 bytes)
 //   #1 update CUSTOMER  (position 31)
-//     NAME = "Ada" -> "Bob"
+//     ID = 5
+//   * NAME = "Ada" -> "Bob"
+//   ? DOC = <unavailable> -> "JVBERi0xLjcKJeLjz9MK"... (3145728 bytes)
 //   #2 sql 7  (position 60)
 //     "update customer set rank = rank + 1"
 //   == end: 3 events
 //
 // Values are shown as in JSON (ValueRenderer), strings quoted; strings, statements and names are
 // escaped exactly as the JSON output escapes them (JsonOutput::escape), so that a control
-// character never breaks a line of the listing and reads the same in both formats.
+// character never breaks a line of the listing and reads the same in both formats. An update
+// shows an unchanged field once, a changed one as old -> new marked "*", and one whose old or new
+// value the log does not carry (an old blob) as old -> new marked "?": it may or may not have
+// changed. Such a value shows as <unavailable>, unquoted, never to be taken for a string. A text
+// longer than kShownBytes is cut there (at a character's start), followed by "..." and the
+// value's size in the log (above, the cut texts are shorter still); JSON keeps it whole.
 #pragma once
 
 #include <string>
@@ -22,6 +30,9 @@
 
 class TextEventWriter : public EventWriter {
  public:
+  // The longest value text shown whole.
+  static constexpr std::size_t kShownBytes = 200;
+
   explicit TextEventWriter(const EventFormat& format);
 
   void beginLog(const LogInfo& log) override;
@@ -34,6 +45,8 @@ class TextEventWriter : public EventWriter {
  private:
   struct Sink;
   void value(const FieldValue& v);
+  // Whether two present values are the same as the log holds them.
+  static bool same(const FieldValue& a, const FieldValue& b);
   // Text escaped as in JSON, by the JSON writer's own function; quoted() adds the quotes.
   void escaped(std::string_view s);
   void quoted(std::string_view s);

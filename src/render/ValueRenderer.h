@@ -5,7 +5,8 @@
 //   dates "YYYY-MM-DD", times "HH:MM:SS.ffff", timestamps "YYYY-MM-DDTHH:MM:SS.ffff";
 //   booleans; texts in UTF-8 where their character set is readable, else base64;
 //   blobs and arrays as base64 (blobs as text on request);
-//   a value the log does not carry as "__unavailable", so that it is never taken for null.
+//   a value the log does not carry as "__unavailable", so that it is never taken for null (the
+//   listing shows <unavailable> itself, unquoted, not to be taken for a string).
 // The sink receives exactly one of null(), boolean(), integer(), real() (finite) or string().
 #pragma once
 

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <random>
 #include <regex>
@@ -21,6 +22,7 @@
 #include "LogRange.h"
 #include "PluginFixture.h"
 #include "StreamSink.h"
+#include "TextEventWriter.h"
 #include "ValueText.h"
 
 namespace {
@@ -280,6 +282,84 @@ TEST_F(EventWriterTest, TextAndJsonEscapeAlike) {
   EXPECT_EQ(2 + 2 + std::size(cases) + 1 + 1,
             static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')))
       << text;
+}
+
+// The listing of an update marks what changed: an unchanged field once, a changed one as
+// old -> new marked "*", one whose old value the log lacks marked "?" with <unavailable>, never
+// quoted; the goldens hold the same for blobs.
+TEST_F(EventWriterTest, ListingMarksChangedFields) {
+  LiteralRow before("T"), after("T");
+  // Each field's old and new value, and its line in the listing.
+  const std::tuple<std::function<void(LiteralRow&, bool)>, const char*> cases[] = {
+      {[](LiteralRow& r, bool) { r.addLong("SAME", 5); }, "  SAME = 5"},
+      {[](LiteralRow& r, bool n) { r.addLong("INT", n ? 6 : 5); }, "* INT = 5 -> 6"},
+      {[](LiteralRow& r, bool) { r.addVarchar("NAME", "Ada", 4); }, "  NAME = \"Ada\""},
+      {[](LiteralRow& r, bool n) { r.addVarchar("TEXT", n ? "Bob" : "Ada", 4); },
+       "* TEXT = \"Ada\" -> \"Bob\""},
+      {[](LiteralRow& r, bool) { r.addNull("NOTE", 3); }, "  NOTE = null"},
+      {[](LiteralRow& r, bool n) { n ? r.addNull("GONE", 9) : r.addLong("GONE", 1); },
+       "* GONE = 1 -> null"},
+      {[](LiteralRow& r, bool) { r.addDouble("NAN", std::nan("")); }, "  NAN = \"NaN\""},
+      {[](LiteralRow& r, bool) { r.addInt64("PRICE", 1234, -2); }, "  PRICE = \"12.34\""},
+      {[](LiteralRow& r, bool n) { r.addInt64("SCALED", 1234, n ? -1 : -2); },
+       "* SCALED = \"12.34\" -> \"123.4\""},
+      {[](LiteralRow& r, bool n) {
+         if (n) r.addLong("ADDED", 7);
+       },
+       "? ADDED = <unavailable> -> 7"},
+  };
+  for (const auto& [add, line] : cases) {
+    add(before, false);
+    add(after, true);
+  }
+  ReplTransaction* t = begin();
+  EXPECT_EQ(0, t->updateRecord(status, nullptr, nullptr, &before, &after));
+  EXPECT_EQ(0, t->commit(status)) << status.text();
+  t->dispose();
+  const std::string text = render(publishedLog(), "text", EventFormat());
+  std::string expected;
+  for (const auto& [add, line] : cases) expected += std::string(line) + "\n";
+  EXPECT_THAT(text, HasSubstr(")\n" + expected + "== end"));
+}
+
+// A long value is cut in the listing, at a character's start, with its size in the log; JSON
+// keeps it whole.
+TEST_F(EventWriterTest, ListingCutsLongValues) {
+  EmbeddedDatabase db(dir / "long.fdb");
+  const Bytes blob = randomBytes(3 << 20, 5);
+  std::string accents = "a";
+  for (int i = 0; i < 2000; ++i) accents += "\xC3\xA9";
+  LiteralRow row("T");
+  row.addBlob("DOC", db.createBlob(blob, true))
+      .addVarchar("TEXT", accents, 4)
+      .addVarchar("FITS", std::string(TextEventWriter::kShownBytes, 'x'), 4);
+  ReplTransaction* t = begin();
+  EXPECT_EQ(0, t->insertRecord(status, db.attachment(), db.transaction(), &row));
+  EXPECT_EQ(0, t->commit(status)) << status.text();
+  t->dispose();
+  const std::string path = publishedLog();
+  std::string base64;
+  ValueText::appendBase64(
+      base64, std::string_view(reinterpret_cast<const char*>(blob.data()), blob.size()));
+  // Each field's line as the listing shows it; a failure prints its start only.
+  const std::string text = render(path, "text", EventFormat());
+  const std::pair<std::string, std::string> lines[] = {
+      {"DOC", '"' + base64.substr(0, TextEventWriter::kShownBytes) + "\"... (3145728 bytes)"},
+      // 'a' and 99 whole characters: the 200th byte would split the 100th.
+      {"TEXT", '"' + accents.substr(0, 199) + "\"... (4001 bytes)"},
+      {"FITS", '"' + std::string(TextEventWriter::kShownBytes, 'x') + '"'},
+  };
+  for (const auto& [name, shown] : lines) {
+    const std::string start = "\n  " + name + " = ";
+    const std::size_t at = text.find(start);
+    ASSERT_NE(std::string::npos, at) << name;
+    const std::string line =
+        text.substr(at + start.size(), text.find('\n', at + 1) - at - start.size());
+    EXPECT_TRUE(line == shown) << name << ": " << line.substr(0, 300) << "... of " << line.size();
+  }
+  const std::string json = render(path, "json", EventFormat());
+  EXPECT_NE(std::string::npos, json.find("\"DOC\":\"" + base64 + "\"")) << "the whole blob";
+  EXPECT_NE(std::string::npos, json.find("\"TEXT\":\"" + accents + "\"")) << "the whole text";
 }
 
 // Edge forms; the usual ones (scaled values, the ISO time, a WIN1252 euro sign, sets shown as
