@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <memory>
 
 #include "BlockFormat.h"
@@ -13,22 +11,18 @@
 #include "LogDecoder.h"
 #include "LogFormatError.h"
 #include "LogName.h"
+#include "ReplException.h"
 
 namespace {
 
-std::string hex32(std::uint32_t v) {
-  char text[16];
-  std::snprintf(text, sizeof text, "%08X", v);
-  return text;
-}
-
-// Reads every block and checks its size and CRC; one problem per bad block.
+// Reads every block and checks its size and CRC; one problem per bad block, worded as the decoder
+// words the first.
 void checkBlocks(const std::string& path, LogVerifier::Result& result) {
   using BlockFormat::kBlockSize;
   using BlockFormat::kTrailerSize;
   const int fd = ::open(path.c_str(), O_RDONLY);
   if (fd < 0) {
-    result.problems.push_back({0, 0, std::string("cannot open: ") + std::strerror(errno)});
+    result.problems.push_back({0, 0, LogFormatError::cannotOpen(ReplException::errnoText(errno))});
     return;
   }
   std::unique_ptr<std::uint8_t[]> block(new std::uint8_t[kBlockSize]);
@@ -41,7 +35,7 @@ void checkBlocks(const std::string& path, LogVerifier::Result& result) {
       if (r < 0 && errno == EINTR) continue;
       if (r < 0) {
         result.problems.push_back(
-            {at >> 15, at + n, std::string("read failed: ") + std::strerror(errno)});
+            {at >> 15, at + n, LogFormatError::readFailed(ReplException::errnoText(errno))});
         ::close(fd);
         return;
       }
@@ -50,24 +44,20 @@ void checkBlocks(const std::string& path, LogVerifier::Result& result) {
     }
     if (n == 0) break;
     if (n <= kTrailerSize) {
-      result.problems.push_back(
-          {at >> 15, at,
-           "block of " + std::to_string(n) + " bytes is too short for a data byte and its CRC"});
+      result.problems.push_back({at >> 15, at, LogFormatError::kBlockTooShort});
     } else {
       const auto dataBytes = static_cast<std::int32_t>(n - kTrailerSize);
       const std::uint32_t stored = BlockFormat::loadLe32(block.get() + dataBytes);
       const std::uint32_t computed = crc32c(block.get(), dataBytes);
       if (stored != computed)
-        result.problems.push_back(
-            {at >> 15, at,
-             "CRC mismatch: block stores " + hex32(stored) + ", its data give " + hex32(computed)});
+        result.problems.push_back({at >> 15, at, LogFormatError::kCrcMismatch});
     }
     at += n;
     if (n < kBlockSize) break;
   }
   ::close(fd);
+  // An empty file is left to the decoder, which words it as dump does.
   result.bytes = at;
-  if (at == 0) result.problems.push_back({0, 0, "empty file"});
 }
 
 }  // namespace

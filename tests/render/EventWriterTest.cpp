@@ -1,5 +1,7 @@
-// Events as consumers read them: golden JSON and text for a log with every kind of value, text
-// forms of known values, and the character set table against the server's own.
+// Events and damage as users read them: golden JSON and text for a log with every kind of value,
+// 64-bit integers read back exactly, END's counts against a model, one escaping for JSON and the
+// listing, the listing's marks and cuts, dump and verify wording damage alike, text forms of known
+// values, and the character set table against the server's own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
@@ -21,6 +23,7 @@
 #include "LiteralRow.h"
 #include "LogRange.h"
 #include "PluginFixture.h"
+#include "Processes.h"
 #include "StreamSink.h"
 #include "TextEventWriter.h"
 #include "ValueText.h"
@@ -360,6 +363,59 @@ TEST_F(EventWriterTest, ListingCutsLongValues) {
   const std::string json = render(path, "json", EventFormat());
   EXPECT_NE(std::string::npos, json.find("\"DOC\":\"" + base64 + "\"")) << "the whole blob";
   EXPECT_NE(std::string::npos, json.find("\"TEXT\":\"" + accents + "\"")) << "the whole text";
+}
+
+// dump and verify word the same damage alike: the block, log position and reason that dump
+// prints after the file's name are what verify prints after its verdict, for damage that the
+// block reader finds (a CRC, a short block) as for damage under valid CRCs.
+TEST_F(EventWriterTest, DumpAndVerifyWordDamageAlike) {
+  ReplTransaction* t = begin();
+  for (int i = 0; i < 800; ++i)
+    EXPECT_EQ(0, t->executeSql(status, std::string(200, 'a').c_str(), i));
+  EXPECT_EQ(0, t->commit(status)) << status.text();
+  t->dispose();
+  const Bytes good = readFile(publishedLog());
+  ASSERT_GT(good.size(), 3u * 32768);
+  const Bytes stream = streamOf(good);
+  auto flipped = [&](std::size_t at) {
+    Bytes b = good;
+    b[at] ^= 0x10;
+    return b;
+  };
+  Bytes retagged = stream;
+  retagged[5] = 'Q';  // the first record's tag
+  // Case, file, where and why.
+  const std::tuple<const char*, Bytes, const char*> cases[] = {
+      {"CRC in block 2", flipped(2 * 32768 + 100), "block 2, log position 65536: CRC mismatch"},
+      {"CRC in the header's block", flipped(2), "block 0, log position 0: CRC mismatch"},
+      {"short last block", Bytes(good.begin(), good.begin() + 2 * 32768 + 3),
+       "block 2, log position 65536: the block is too short"},
+      {"empty file", Bytes(), "block 0, log position 0: the log ends where it should hold"},
+      {"record tag", containerOf(retagged), "block 0, log position 5: expected a record tag"},
+      {"cut stream", containerOf(Bytes(stream.begin(), stream.begin() + 1000)),
+       "block 0, log position 1004: the log ends where it should hold"},
+  };
+  int n = 0;
+  for (const auto& [name, bytes, wording] : cases) {
+    SCOPED_TRACE(name);
+    const std::string path =
+        dir / ("0000000000000001_000000000000000" + std::to_string(++n) + ".fbl");
+    writeFile(path, bytes);
+    const std::string dumped = dir / "dump.err", verified = dir / "verify.out";
+    EXPECT_EQ(1, waitFor(spawn({FBCDC_CLI_PATH, "dump", path}, dir / "dump.out", dumped)));
+    EXPECT_EQ(1,
+              waitFor(spawn({FBCDC_CLI_PATH, "verify", "-q", path}, verified, dir / "verify.err")));
+    // What follows each command's own words, to the end of the line.
+    auto after = [](const std::string& text, const std::string& start) {
+      const std::size_t at = text.find(start);
+      if (at == std::string::npos) return "(missing) " + text;
+      return text.substr(at + start.size(), text.find('\n', at) - at - start.size());
+    };
+    const std::string dump = after(readText(dumped), "fbcdc dump: " + path + ": ");
+    const std::string verify = after(readText(verified), path + ": damaged: ");
+    EXPECT_EQ(verify, dump);
+    EXPECT_THAT(dump, ::testing::StartsWith(wording));
+  }
 }
 
 // Edge forms; the usual ones (scaled values, the ISO time, a WIN1252 euro sign, sets shown as
