@@ -18,7 +18,8 @@ import glob, os, re, shlex, shutil, signal, socket, subprocess, sys, tempfile, t
 
 fbcdc, source = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
 pages = [os.path.join(source, "README.md")] + sorted(glob.glob(source + "/docs/*.md"))
-COMMANDS = ["dump", "verify", "follow", "capture", "apply", "compare", "demo"]
+COMMANDS = re.findall(r"^  (\w+) ", subprocess.run([fbcdc, "--help"], capture_output=True,
+                                                    text=True).stdout, re.M)
 FOREIGN = {"--prefix", "--install", "--wrap", "--gtest_filter", "--benchmark_filter"}
 RUN_HERE = re.compile(r"^(fbcdc|printf) ")
 # Run by CI (scripts/test.sh runs the test and fuzz scripts and ctest), or by ctest itself.

@@ -117,8 +117,10 @@ int parse(CLI::App& app, int argc, char** argv) {
   app.set_help_flag("-h,--help", "print this help and exit");
   app.get_formatter()->label("REQUIRED", "(required)");
   app.get_formatter()->column_width(30);
-  const std::string footer = app.get_footer();
-  app.footer(footer + (footer.empty() ? "" : "\n") + "Details: docs/commands.md");
+  std::string footer;
+  std::istringstream lines(app.get_footer());
+  for (std::string line; std::getline(lines, line);) footer += wrap(line, 78) + "\n";
+  app.footer(footer + "Details: docs/commands.md");
   app.allow_extras();
   for (CLI::Option* o : app.get_options())
     if (o->get_positional()) o->type_name("");  // its name says what it is
