@@ -6,6 +6,7 @@
 
 #include "LogDecoder.h"
 #include "LogFormatError.h"
+#include "RowValue.h"
 
 namespace {
 
@@ -17,6 +18,9 @@ constexpr intptr_t kDuplicateInIndex = 335544349;    // isc_no_dup
 // The codes the engine gives when a statement names a column or a table it does not know.
 constexpr intptr_t kColumnUnknown = 335544578;  // isc_dsql_field_err
 constexpr intptr_t kTableUnknown = 335544580;   // isc_dsql_relation_err
+
+// A singleton subquery met several rows.
+constexpr intptr_t kSingletonSelect = 335544652;  // isc_sing_select_err
 
 // Whether the failure's status vector carries one of the codes.
 bool reports(const Firebird::FbException& e, std::initializer_list<intptr_t> codes) {
@@ -31,6 +35,25 @@ std::string join(const std::vector<std::string>& items, const char* separator) {
   std::string out;
   for (std::size_t i = 0; i < items.size(); ++i) out += (i ? separator : "") + items[i];
   return out;
+}
+
+// Whether the old-value check compares a text by its bytes (see checkedColumn).
+bool byBytes(const FieldValue& v) {
+  return v.kind == FieldValue::Kind::kText && !(v.typeCode == 1 && v.charSet == 1);
+}
+
+// The column as the old-value check compares it with the log's value. Texts by their bytes, cast
+// to OCTETS, so that neither a collation that ignores case or accents nor the pad that makes 'a'
+// equal 'a ' hides a difference, with a closing byte that keeps trailing zero bytes (OCTETS's pad)
+// apart; a fixed-length text loses its trailing blanks first, as the log drops its pad, and one of
+// OCTETS, padded with zero bytes in column and log alike, compares as it is. Every other value
+// compares as the server holds it, exactly: a FLOAT column with the log's double, which holds the
+// float's value exactly; scaled numbers, dates and times as the integers they are.
+std::string checkedColumn(const FieldChange& f) {
+  const std::string column = Database::quote(f.name);
+  if (!byBytes(f.before)) return column;
+  return "CAST(" + (f.before.typeCode == 1 ? "TRIM(TRAILING FROM " + column + ")" : column) +
+         " AS VARCHAR(32765) CHARACTER SET OCTETS) || X'01'";
 }
 
 }  // namespace
@@ -139,6 +162,17 @@ struct ReplicaApplier::Binder {
     params.push_back(std::move(p));
   }
 
+  // An old value to compare with checkedColumn's form of its column.
+  void addChecked(const FieldValue& v, std::string_view table, std::string_view column) {
+    if (!byBytes(v)) return add(v, table, column);
+    std::string bytes(v.bytes);
+    bytes += '\x01';
+    FieldValue octets = v;
+    octets.charSet = 1;
+    octets.bytes = bytes;
+    add(octets, table, column);
+  }
+
   // The message for the parameters, laid out by metadata shared by every execution of the same
   // layout. Blob parameters take the sub type and character set of their columns, so that the
   // server stores the blob as it is.
@@ -200,8 +234,7 @@ namespace {
 const char kCreatePositionTable[] =
     "CREATE TABLE FBCDC_APPLIED (ID INTEGER NOT NULL, LOGS_APPLIED BIGINT NOT NULL, "
     "LAST_POSITION BLOB SUB_TYPE TEXT CHARACTER SET NONE)";
-const char kReadPosition[] =
-    "SELECT LOGS_APPLIED, LAST_POSITION FROM FBCDC_APPLIED WHERE ID = 1";
+const char kReadPosition[] = "SELECT LOGS_APPLIED, LAST_POSITION FROM FBCDC_APPLIED WHERE ID = 1";
 const char kStorePosition[] =
     "UPDATE FBCDC_APPLIED SET LAST_POSITION = ?, LOGS_APPLIED = LOGS_APPLIED + 1 "
     "WHERE ID = 1 AND LOGS_APPLIED = ?";
@@ -356,6 +389,27 @@ std::uint64_t ReplicaApplier::run(const std::string& sql, Binder& binder) {
   return s->getAffectedRecords(db_.status());
 }
 
+void ReplicaApplier::query(const std::string& sql, const std::function<bool(const Message&)>& fn) {
+  Firebird::IStatement* s = statement(sql);
+  Firebird::IMessageMetadata* columns = s->getInputMetadata(db_.status());
+  std::vector<unsigned char> buffer;
+  Firebird::IMessageMetadata* meta = binder_->build(columns, buffer);
+  columns->release();
+  Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
+  Message row(db_.status(), out);
+  out->release();
+  Firebird::IResultSet* rows =
+      s->openCursor(db_.status(), db_.transaction(), meta, buffer.data(), row.metadata(), 0);
+  try {
+    while (rows->fetchNext(db_.status(), row.buffer()) == Firebird::IStatus::RESULT_OK)
+      if (!fn(row)) break;
+  } catch (...) {
+    rows->release();
+    throw;
+  }
+  rows->close(db_.status());
+}
+
 void ReplicaApplier::conflict(const std::string& what) {
   ++summary_.resolved;
   if (warn_) warn_(where_ + ": " + what);
@@ -379,56 +433,182 @@ void ReplicaApplier::insert(const ChangeEvent& e) {
       throw;
     // The row is there already: it takes the new values, found by the new key.
     conflict("insert of an existing row, applied as an update");
-    change(e.relation, e.fields, false, true);
+    change(e.relation, e.fields, false, Find::kNewKey);
   }
 }
 
-bool ReplicaApplier::change(std::string_view relation, const FieldList& fields, bool remove,
-                            bool keyFromNew) {
+void ReplicaApplier::setTerms(std::string_view relation, const FieldList& fields,
+                              std::vector<std::string>& out) {
+  for (const FieldChange& f : fields) {
+    if (!f.after.present()) continue;
+    out.push_back(Database::quote(f.name) + " = ?");
+    binder_->add(f.after, relation, f.name);
+  }
+}
+
+void ReplicaApplier::keyTerms(const TableInfo& t, std::string_view relation,
+                              const FieldList& fields, Find find, std::vector<std::string>& out) {
+  // The key's old value names the row (an update may change the key); the new one where the log
+  // carries no old value, or where the row is found by its new key.
+  for (const std::string& k : t.primaryKey) {
+    const FieldChange* found = nullptr;
+    for (const FieldChange& f : fields)
+      if (f.name == k) found = &f;
+    const FieldValue* v = nullptr;
+    if (found)
+      v = found->before.present() && find != Find::kNewKey ? &found->before : &found->after;
+    if (!v || !v->present())
+      throw ApplyError(where_ + ": the log does not carry the primary key column " + k);
+    out.push_back(Database::quote(k) + " = ?");
+    binder_->add(*v, relation, k);
+  }
+}
+
+void ReplicaApplier::checkTerms(const TableInfo& t, std::string_view relation,
+                                const FieldList& fields, std::vector<std::string>& out,
+                                std::vector<const FieldChange*>* compared) {
+  for (const FieldChange& f : fields) {
+    if (!f.before.present() || f.before.isBlobLike()) continue;
+    // A key column's "=" is exact already, unless it is a text that a collation or a pad may
+    // call equal to another.
+    if (f.before.kind != FieldValue::Kind::kText &&
+        std::find(t.primaryKey.begin(), t.primaryKey.end(), f.name) != t.primaryKey.end())
+      continue;
+    out.push_back(checkedColumn(f) + " IS NOT DISTINCT FROM ?");
+    binder_->addChecked(f.before, relation, f.name);
+    if (compared) compared->push_back(&f);
+  }
+}
+
+std::string ReplicaApplier::keyText(const TableInfo& t, const FieldList& fields) {
+  std::string out;
+  for (const std::string& k : t.primaryKey) {
+    for (const FieldChange& f : fields) {
+      if (f.name != k) continue;
+      out += (out.empty() ? "" : ", ") + k + "=" +
+             RowValue::text(f.before.present() ? f.before : f.after);
+    }
+  }
+  return out;
+}
+
+ReplicaApplier::Outcome ReplicaApplier::change(std::string_view relation, const FieldList& fields,
+                                               bool remove, Find find) {
   const TableInfo& t = table(relation);
   binder_->clear();
   std::vector<std::string> set, where;
   if (!remove) {
-    for (const FieldChange& f : fields) {
-      if (!f.after.present()) continue;
-      set.push_back(Database::quote(f.name) + " = ?");
-      binder_->add(f.after, relation, f.name);
-    }
+    setTerms(relation, fields, set);
+    if (set.empty()) return Outcome::kChanged;
   }
-  if (!t.primaryKey.empty()) {
-    // The key's old value names the row (an update may change the key); the new one where the
-    // log carries no old value, or where the row is found by its new key.
-    for (const std::string& k : t.primaryKey) {
-      const FieldChange* found = nullptr;
-      for (const FieldChange& f : fields)
-        if (f.name == k) found = &f;
-      const FieldValue* v = nullptr;
-      if (found) v = found->before.present() && !keyFromNew ? &found->before : &found->after;
-      if (!v || !v->present())
-        throw ApplyError(where_ + ": the log does not carry the primary key column " + k);
-      where.push_back(Database::quote(k) + " = ?");
-      binder_->add(*v, relation, k);
-    }
+  const std::string head = remove
+                               ? "DELETE FROM " + Database::quote(relation)
+                               : "UPDATE " + Database::quote(relation) + " SET " + join(set, ", ");
+  std::string sql;
+  const bool keyed = !t.primaryKey.empty();
+  const bool checked = find == Find::kOldValues && (check_ || !keyed);
+  if (keyed) {
+    keyTerms(t, relation, fields, find, where);
+    if (checked) checkTerms(t, relation, fields, where, nullptr);
+    sql = head + " WHERE " + join(where, " AND ");
   } else {
-    // Without a primary key the row is the one that holds every old value the log carries.
-    for (const FieldChange& f : fields) {
-      if (!f.before.present()) continue;
-      where.push_back(Database::quote(f.name) + " IS NOT DISTINCT FROM ?");
-      binder_->add(f.before, relation, f.name);
-    }
+    // Without a primary key the row is the one that holds every old value the log carries. The
+    // singleton subquery fails the statement (which the server then undoes alone) where several
+    // rows do.
+    checkTerms(t, relation, fields, where, nullptr);
     if (where.empty())
       throw ApplyError(where_ + ": the log carries no old value to find the row by");
+    sql = head + " WHERE RDB$DB_KEY = (SELECT RDB$DB_KEY FROM " + Database::quote(relation) +
+          " WHERE " + join(where, " AND ") + ")";
   }
-  const std::string sql =
-      (remove ? "DELETE FROM " + Database::quote(relation)
-              : "UPDATE " + Database::quote(relation) + " SET " + join(set, ", ")) +
-      " WHERE " + join(where, " AND ");
-  if (!remove && set.empty()) return true;
-  const std::uint64_t changed = run(sql, *binder_);
+  std::uint64_t changed = 0;
+  try {
+    changed = run(sql, *binder_);
+  } catch (const Firebird::FbException& x) {
+    if (keyed || !reports(x, {kSingletonSelect})) throw;
+    changeOneOf(t, relation, fields, remove);
+    return Outcome::kChanged;
+  }
   if (changed > 1)
-    throw ApplyError(where_ + ": " + std::to_string(changed) +
-                     " rows hold the old values of the row, where one must");
-  return changed == 1;
+    throw ApplyError(where_ + ": " + std::to_string(changed) + " rows of " + std::string(relation) +
+                     " changed where one must");
+  if (changed == 1) return Outcome::kChanged;
+  return keyed && checked && findDifference(t, relation, fields) ? Outcome::kDiffers
+                                                                 : Outcome::kMissing;
+}
+
+bool ReplicaApplier::findDifference(const TableInfo& t, std::string_view relation,
+                                    const FieldList& fields) {
+  // One query of the row by its key: for each old value, whether it matches, then the column.
+  binder_->clear();
+  std::vector<std::string> checks, key;
+  std::vector<const FieldChange*> compared;
+  checkTerms(t, relation, fields, checks, &compared);
+  keyTerms(t, relation, fields, Find::kOldKey, key);
+  std::vector<std::string> items;
+  for (const std::string& c : checks) items.push_back("(" + c + ")");
+  for (const FieldChange* f : compared) items.push_back(Database::quote(f->name));
+  if (items.empty()) items.push_back("1");
+  const std::string sql = "SELECT " + join(items, ", ") + " FROM " + Database::quote(relation) +
+                          " WHERE " + join(key, " AND ");
+  bool found = false;
+  query(sql, [&](const Message& row) {
+    found = true;
+    differs_ = "table " + std::string(relation) + ", key " + keyText(t, fields) + ": ";
+    for (std::size_t i = 0; i < compared.size(); ++i) {
+      if (*row.data(i)) continue;  // the column matches
+      std::string storage;
+      const FieldValue replica = RowValue::read(db_, row, compared.size() + i, storage);
+      differs_ += "column " + std::string(compared[i]->name) + " is " + RowValue::text(replica) +
+                  " in the replica, " + RowValue::text(compared[i]->before) + " in the log";
+      return false;
+    }
+    differs_ += "the row holds the log's old values, yet the change did not find it";
+    return false;
+  });
+  return found;
+}
+
+void ReplicaApplier::changeOneOf(const TableInfo& t, std::string_view relation,
+                                 const FieldList& fields, bool remove) {
+  binder_->clear();
+  std::vector<std::string> where;
+  checkTerms(t, relation, fields, where, nullptr);
+  const std::string table = Database::quote(relation);
+  std::vector<std::string> first;
+  std::vector<std::string> differing;
+  std::uint64_t candidates = 0;
+  query("SELECT * FROM " + table + " WHERE " + join(where, " AND "), [&](const Message& row) {
+    ++candidates;
+    for (std::size_t i = 0; i < row.count(); ++i) {
+      std::string value = RowValue::compared(db_, row, i);
+      if (first.size() <= i) {
+        first.push_back(std::move(value));
+      } else if (value != first[i] && std::find(differing.begin(), differing.end(),
+                                                row.field(i).name) == differing.end()) {
+        differing.push_back(row.field(i).name);
+      }
+    }
+    return true;
+  });
+  if (!differing.empty())
+    throw ApplyError(where_ + ": " + std::to_string(candidates) + " rows of " +
+                     std::string(relation) + " hold the old values the log carries and differ in " +
+                     join(differing, ", ") +
+                     ", which it does not carry: which of them the source changed cannot be told");
+  // Identical rows are interchangeable: any one of them takes the change.
+  binder_->clear();
+  std::vector<std::string> set;
+  where.clear();
+  if (!remove) setTerms(relation, fields, set);
+  checkTerms(t, relation, fields, where, nullptr);
+  const std::string sql =
+      (remove ? "DELETE FROM " + table : "UPDATE " + table + " SET " + join(set, ", ")) +
+      " WHERE " + join(where, " AND ") + " ROWS 1";
+  if (run(sql, *binder_) != 1)
+    throw ApplyError(where_ + ": none of the identical rows of " + std::string(relation) +
+                     " could be changed");
+  ++summary_.interchangeable;
 }
 
 void ReplicaApplier::applyEvent(const ChangeEvent& e) {
@@ -439,22 +619,37 @@ void ReplicaApplier::applyEvent(const ChangeEvent& e) {
       ++summary_.rows;
       return;
     case Kind::kUpdate:
-      if (!change(e.relation, e.fields, false, false)) {
-        if (conflicts_ != Conflicts::kUpsert)
-          throw ApplyError(where_ + ": the updated row is missing");
-        conflict("update of a missing row, applied as an insert");
-        insert(e);
+    case Kind::kDelete: {
+      const bool remove = e.kind == Kind::kDelete;
+      switch (change(e.relation, e.fields, remove, Find::kOldValues)) {
+        case Outcome::kChanged:
+          break;
+        case Outcome::kDiffers:
+          if (conflicts_ == Conflicts::kError) throw ApplyError(where_ + ": " + differs_);
+          ++summary_.differed;
+          if (conflicts_ == Conflicts::kSkip) {
+            conflict(differs_ + "; the row left as it is");
+          } else {
+            conflict(differs_ + (remove ? "; the row deleted" : "; the log's new values applied"));
+            change(e.relation, e.fields, remove, Find::kOldKey);
+          }
+          break;
+        case Outcome::kMissing:
+          if (!remove) {
+            if (conflicts_ != Conflicts::kUpsert)
+              throw ApplyError(where_ + ": the updated row is missing");
+            conflict("update of a missing row, applied as an insert");
+            insert(e);
+          } else {
+            if (conflicts_ == Conflicts::kError)
+              throw ApplyError(where_ + ": the deleted row is missing");
+            conflict("delete of a missing row, skipped");
+          }
+          break;
       }
       ++summary_.rows;
       return;
-    case Kind::kDelete:
-      if (!change(e.relation, e.fields, true, false)) {
-        if (conflicts_ == Conflicts::kError)
-          throw ApplyError(where_ + ": the deleted row is missing");
-        conflict("delete of a missing row, skipped");
-      }
-      ++summary_.rows;
-      return;
+    }
     case Kind::kSql:
       db_.execute(std::string(e.sqlText));
       ++summary_.statements;
@@ -487,8 +682,9 @@ void ReplicaApplier::apply(const LogFile& log, const FollowPosition& after) {
     binder_->add(text, "", "");
     binder_->add(applied, "", "");
     if (run(kStorePosition, *binder_) != 1)
-      throw ApplyError(where_ + ": the replica's position moved since this applier read it; "
-                                "another applier is taking the same logs");
+      throw ApplyError(where_ +
+                       ": the replica's position moved since this applier read it; "
+                       "another applier is taking the same logs");
     db_.commit();
     ++applied_;
     ++summary_.logs;

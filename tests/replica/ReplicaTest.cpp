@@ -203,7 +203,6 @@ TEST_F(ApplyCases, ConflictsStopOrAreResolved) {
       {'D', "T", 2, 0, C::kError, "the deleted row is missing", "1=10 "},
       {'D', "T", 2, 0, C::kSkip, "", "1=10 "},
       {'D', "T", 2, 0, C::kUpsert, "", "1=10 "},
-      {'D', "BAG", 0, 7, C::kUpsert, "2 rows hold the old values", "1=10 "},
       {'I', "GONE", 0, 7, C::kUpsert, "Table unknown", "1=10 "},
   };
   std::uint64_t number = 1;

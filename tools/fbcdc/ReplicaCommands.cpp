@@ -285,6 +285,12 @@ int applyCommand(int argc, char** argv) {
         static_cast<unsigned long long>(s.logs), static_cast<unsigned long long>(s.rows),
         static_cast<unsigned long long>(s.statements), seconds,
         static_cast<double>(s.rows) / seconds, static_cast<unsigned long long>(s.resolved));
+    if (s.differed + s.interchangeable > 0)
+      std::printf(
+          "apply: %llu rows differed from the log's old values; %llu changes took one of "
+          "several identical rows\n",
+          static_cast<unsigned long long>(s.differed),
+          static_cast<unsigned long long>(s.interchangeable));
     return kExitOk;
   } catch (const std::exception& e) {
     complain("apply", e.what());
@@ -301,14 +307,21 @@ int compareCommand(int argc, char** argv) {
   std::string a, b;
   app.add_option("A", a, "one database")->required();
   app.add_option("B", b, "the other")->required();
+  std::size_t maxDifferences = 20;
+  wholeNumber(
+      app.add_option("--max-differences", maxDifferences, "differences to list (default 20)"), 0,
+      LLONG_MAX);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
   try {
     Database x(a, false);
     Database y(b, false);
     const DatabaseComparer::Result r =
-        DatabaseComparer::compare(x, y, {ReplicaApplier::kPositionTable});
+        DatabaseComparer::compare(x, y, {ReplicaApplier::kPositionTable}, maxDifferences);
     if (!r.equal) {
-      std::printf("differ: %s\n", r.difference.c_str());
+      for (const DatabaseComparer::Difference& d : r.differences)
+        std::printf("differ: %s\n", d.text.c_str());
+      std::printf("differ: %llu differences, %zu listed\n",
+                  static_cast<unsigned long long>(r.differenceCount), r.differences.size());
       return kExitFailed;
     }
     std::printf("equal: %llu tables, %llu rows\n", static_cast<unsigned long long>(r.tables),
