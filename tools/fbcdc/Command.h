@@ -30,6 +30,8 @@ int followCommand(int argc, char** argv);
 int captureCommand(int argc, char** argv);
 int applyCommand(int argc, char** argv);
 int compareCommand(int argc, char** argv);
+int statusCommand(int argc, char** argv);
+int pruneCommand(int argc, char** argv);
 int demoCommand(int argc, char** argv);
 
 // Parses the arguments; on --help prints the help and returns kExitOk, on an error prints one line

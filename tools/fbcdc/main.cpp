@@ -26,6 +26,9 @@ const Command kCommands[] = {
      fbcdc::captureCommand},
     {"apply", "replay logs into a replica database, exactly once", fbcdc::applyCommand},
     {"compare", "compare two databases table by table", fbcdc::compareCommand},
+    {"status", "how far behind each consumer of a directory is", fbcdc::statusCommand},
+    {"prune", "remove or archive the logs every named consumer has taken",
+     fbcdc::pruneCommand},
     {"demo", "capture, verify, apply and compare, on an embedded database", fbcdc::demoCommand},
 };
 

@@ -1,0 +1,112 @@
+#include "ConsumerSpec.h"
+
+#include <CLI/CLI.hpp>
+
+#include <stdexcept>
+
+#include "CheckpointFile.h"
+#include "Database.h"
+#include "RedisSink.h"
+#include "ReplicaApplier.h"
+
+namespace fbcdc {
+
+ConsumerSpec ConsumerSpec::checkpoint(const std::string& file) {
+  if (file.empty()) throw CLI::ValidationError("checkpoint: names no file");
+  ConsumerSpec c;
+  c.kind_ = Kind::kCheckpoint;
+  c.text_ = "checkpoint:" + file;
+  c.target_ = file;
+  return c;
+}
+
+ConsumerSpec ConsumerSpec::replica(const std::string& database) {
+  if (database.empty()) throw CLI::ValidationError("replica: names no database");
+  ConsumerSpec c;
+  c.kind_ = Kind::kReplica;
+  c.text_ = "replica:" + database;
+  c.target_ = database;
+  return c;
+}
+
+ConsumerSpec ConsumerSpec::redis(const std::string& address, const std::string& prefix) {
+  const std::size_t colon = address.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : address.substr(colon + 1);
+  const bool digits = !port.empty() && port.size() <= 5 &&
+                      port.find_first_not_of("0123456789") == std::string::npos;
+  if (colon == 0 || !digits || std::stoi(port) < 1 || std::stoi(port) > 65535)
+    throw CLI::ValidationError("redis:" + address +
+                               " has no HOST:PORT with a port from 1 to 65535");
+  if (prefix.empty()) throw CLI::ValidationError("redis:" + address + "/ names no stream prefix");
+  ConsumerSpec c;
+  c.kind_ = Kind::kRedis;
+  c.text_ = "redis:" + address + "/" + prefix;
+  c.target_ = address.substr(0, colon);
+  c.port_ = std::stoi(port);
+  c.prefix_ = prefix;
+  return c;
+}
+
+ConsumerSpec ConsumerSpec::parse(const std::string& text) {
+  const std::size_t colon = text.find(':');
+  const std::string kind = colon == std::string::npos ? "" : text.substr(0, colon);
+  const std::string rest = colon == std::string::npos ? "" : text.substr(colon + 1);
+  if (kind == "checkpoint") return checkpoint(rest);
+  if (kind == "replica") return replica(rest);
+  if (kind == "redis") {
+    // The prefix comes after the first slash: a host holds none, a prefix may.
+    const std::size_t slash = rest.find('/');
+    return redis(rest.substr(0, slash),
+                 slash == std::string::npos ? "fbcdc" : rest.substr(slash + 1));
+  }
+  throw CLI::ValidationError(text +
+                             " is not a consumer; give checkpoint:FILE, replica:DB or "
+                             "redis:HOST:PORT/PREFIX");
+}
+
+FollowPosition ConsumerSpec::position() const {
+  std::string stored;
+  switch (kind_) {
+    case Kind::kCheckpoint:
+      stored = CheckpointFile(target_).load();
+      break;
+    case Kind::kReplica:
+      try {
+        Database db(target_, false);
+        // A replica nothing was applied to may lack the table: it has taken nothing. Reading
+        // leaves it so, rather than make the table as an applier would.
+        const bool applied = !db.texts(
+                                    "SELECT CAST(RDB$RELATION_NAME AS VARCHAR(63) CHARACTER "
+                                    "SET UTF8) FROM RDB$RELATIONS WHERE RDB$RELATION_NAME = '" +
+                                    std::string(ReplicaApplier::kPositionTable) + "'")
+                                  .empty();
+        db.commit();
+        if (!applied) return FollowPosition();
+        ReplicaApplier applier(db, ReplicaApplier::Conflicts::kError);
+        return applier.position();
+      } catch (const Firebird::FbException& e) {
+        std::string why = Database::describe(e);
+        // The embedded engine lets one process at a time open a database.
+        if (why.find("already opened with engine instance") != std::string::npos)
+          why +=
+              " (another process holds it through the embedded engine: reach the replica "
+              "through its server, as host:path)";
+        throw std::runtime_error(why);
+      }
+    case Kind::kRedis: {
+      RedisSink::Options o;
+      o.host = target_;
+      o.port = port_;
+      o.prefix = prefix_;
+      stored = RedisSink(o, EventFormat()).loadPosition();
+      break;
+    }
+  }
+  try {
+    return FollowPosition::parse(stored);
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error(std::string("the stored position is damaged: ") + e.what());
+  }
+}
+
+}  // namespace fbcdc
