@@ -119,7 +119,9 @@ int parse(CLI::App& app, int argc, char** argv) {
   app.get_formatter()->column_width(30);
   std::string footer;
   std::istringstream lines(app.get_footer());
-  for (std::string line; std::getline(lines, line);) footer += wrap(line, 78) + "\n";
+  // A footer's line that fits keeps its own spacing (columns of a table); a longer one is wrapped.
+  for (std::string line; std::getline(lines, line);)
+    footer += (line.size() <= 78 ? line : wrap(line, 78)) + "\n";
   app.footer(footer + "Details: docs/commands.md");
   app.allow_extras();
   for (CLI::Option* o : app.get_options())
