@@ -214,8 +214,10 @@ int applyCommand(int argc, char** argv) {
   CLI::App app(
       "Replays published logs into a replica database of the same schema, one transaction per "
       "log, in publication order, exactly once: the replica's table FBCDC_APPLIED records how "
-      "far it has come. --conflicts upsert: an insert of an existing row updates it, an update "
-      "of a missing row inserts it, a delete of a missing row is skipped; --conflicts skip: a "
+      "far it has come. A row is changed only where it holds every old value the log carries. "
+      "--conflicts upsert: an insert of an existing row updates it, an update of a missing row "
+      "inserts it, the new values go over a row that differs (a delete deletes it), a delete of "
+      "a missing row is skipped; --conflicts skip: a row that differs is left as it is and a "
       "delete of a missing row is skipped.",
       argv[0]);
   std::string database;
