@@ -18,12 +18,14 @@ import glob, os, re, shlex, shutil, signal, socket, subprocess, sys, tempfile, t
 
 fbcdc, source = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
 pages = [os.path.join(source, "README.md")] + sorted(glob.glob(source + "/docs/*.md"))
-COMMANDS = re.findall(r"^  (\w+) ", subprocess.run([fbcdc, "--help"], capture_output=True,
-                                                    text=True).stdout, re.M)
-FOREIGN = {"--prefix", "--install", "--wrap", "--gtest_filter", "--benchmark_filter"}
+USAGE = subprocess.run([fbcdc, "--help"], capture_output=True, text=True).stdout
+COMMANDS = re.findall(r"^  (\w+) ", USAGE, re.M)
+FOREIGN = {"--prefix", "--install", "--wrap", "--gtest_filter", "--benchmark_filter", "--now"}
 RUN_HERE = re.compile(r"^(fbcdc|printf) ")
-# Run by CI (scripts/test.sh runs the test and fuzz scripts and ctest), or by ctest itself.
-ELSEWHERE = re.compile(r"^(sh (scripts|bench|fuzz)/\S+\.sh\b|cmake --install |c\+\+ |build/tests/)")
+# Run by CI (scripts/test.sh runs the test and fuzz scripts and ctest), or by ctest itself (the
+# consumer's and the package's tests install, build and pack).
+ELSEWHERE = re.compile(r"^(sh (scripts|bench|fuzz)/\S+\.sh\b|cmake --install |c\+\+ |build/tests/"
+                       r"|cd build && cpack -G DEB)")
 failures = []
 
 
@@ -100,7 +102,7 @@ try:
             script = command.split()[1] if command.startswith("sh ") else ""
             if not ELSEWHERE.match(command) or script and not os.path.exists(source + "/" + script):
                 failures.append("%s:%d: no test runs this line: %s" % (name, number, line))
-    program = set().union(*(options(c) for c in COMMANDS)) | {"--help"}
+    program = set().union(*(options(c) for c in COMMANDS), re.findall(r"--[\w-]+", USAGE))
     for page in pages:
         text = open(page, encoding="utf-8").read()
         for option in sorted(set(re.findall(r"(?<![\w-])--[A-Za-z][\w-]*", text))):
