@@ -1,11 +1,13 @@
 // Capture and replay on real databases: captured workloads applied to a replica, also by an applier
 // killed halfway, leave it equal to the source; logs of one second apply in the order of
-// publication; conflicts stop the applier or are resolved as asked.
+// publication; conflicts (a row missing, or differing from the log's old values) stop the applier
+// or are resolved as asked; compare lists the differences.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstring>
 #include <random>
 #include <tuple>
@@ -19,6 +21,7 @@
 #include "PluginFixture.h"
 #include "Processes.h"
 #include "ReplicaApplier.h"
+#include "ValueText.h"
 #include "Workload.h"
 
 namespace {
@@ -43,10 +46,15 @@ CaptureSummary capture(const TempDir& dir, std::uint64_t seed, int threads,
   return CaptureDriver(o).run();
 }
 
-// Applies every log of dir/logs not yet applied to dir/replica.fdb.
-ReplicaApplier::Summary applyAll(const TempDir& dir, ReplicaApplier::Conflicts conflicts) {
+// Applies every log of dir/logs not yet applied to dir/replica.fdb; warnings (if given) receives
+// the warnings, one a line.
+ReplicaApplier::Summary applyAll(const TempDir& dir, ReplicaApplier::Conflicts conflicts,
+                                 std::string* warnings = nullptr) {
   Database replica(dir / "replica.fdb", false);
   ReplicaApplier applier(replica, conflicts);
+  applier.onWarning([warnings](const std::string& w) {
+    if (warnings) *warnings += w + "\n";
+  });
   FollowPosition position = applier.position();
   for (const LogFile& log : LogDirectory::list(dir / "logs")) {
     if (position.isDone(log)) continue;
@@ -121,17 +129,23 @@ TEST(ReplicaTest, ApplierKilledHalfwayAndRunAgain) {
   }
 }
 
-// A replica with one table, and a plugin writing logs for it with a fixed clock.
+// A replica with a table keyed by ID and one without a key, and a plugin writing logs for them.
 class ApplyCases : public PluginFixture {
  protected:
   void SetUp() override {
     PluginFixture::SetUp();
     Database replica(dir / "replica.fdb", true);
     replica.executeAlone("CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER)");
-    replica.executeAlone("CREATE TABLE BAG (V INTEGER)");
+    replica.executeAlone("CREATE TABLE BAG (V INTEGER, B BLOB SUB_TYPE TEXT)");
     replica.executeAlone("INSERT INTO T VALUES (1, 10)");
-    replica.executeAlone("INSERT INTO BAG VALUES (7)");
-    replica.executeAlone("INSERT INTO BAG VALUES (7)");
+    fillBag(replica);
+  }
+
+  // BAG has no primary key: two identical rows, and two that differ in their blob alone.
+  static void fillBag(Database& db) {
+    db.executeAlone("DELETE FROM BAG");
+    for (const char* row : {"7, 'x'", "7, 'x'", "8, 'x'", "8, 'y'"})
+      db.executeAlone(std::string("INSERT INTO BAG VALUES (") + row + ")");
   }
 
   // Publishes one log of transaction number holding a single change.
@@ -150,14 +164,18 @@ class ApplyCases : public PluginFixture {
     ::usleep(20000);  // the next log falls into a later tick of the file system's clock
   }
 
-  std::string rows() {
+  // T's rows as "ID=V ", or BAG's as "V:B ".
+  std::string rows(const std::string& table = "T") {
     Database replica(dir / "replica.fdb", false);
     std::string out;
-    forEachRow(replica, "SELECT ID, V FROM T ORDER BY ID", [&](Message& m) {
-      std::int32_t id, v;
+    const std::string sql = table == "T" ? "SELECT ID, V FROM T ORDER BY ID"
+                                         : "SELECT V, CAST(B AS VARCHAR(9)) FROM BAG ORDER BY 1, 2";
+    forEachRow(replica, sql, [&](Message& m) {
+      std::int32_t id, v = 0;
       std::memcpy(&id, m.data(0), 4);
       std::memcpy(&v, m.data(1), 4);
-      out += std::to_string(id) + "=" + std::to_string(v) + " ";
+      out += std::to_string(id) +
+             (table == "T" ? "=" + std::to_string(v) : ":" + std::string(m.text(1))) + " ";
     });
     return out;
   }
@@ -191,45 +209,163 @@ TEST_F(ApplyCases, PublicationOrderWithinOneSecond) {
   EXPECT_EQ("1=11 ", rows());
 }
 
+// A row missing, or differing from the log's old values: the default stops, naming log, event,
+// table, key, column and both values, and the replica stays at the previous log; upsert and skip
+// resolve it with a warning. In BAG (no primary key) one of two identical rows takes a change; of
+// two rows that differ in what the log does not carry, neither does.
 TEST_F(ApplyCases, ConflictsStopOrAreResolved) {
   using C = ReplicaApplier::Conflicts;
-  // Change, table, ID, V, mode, text expected in the ApplyError ("" when the log applies), rows.
-  const std::tuple<char, const char*, int, int, C, const char*, const char*> cases[] = {
-      {'I', "T", 1, 11, C::kError, "violation of PRIMARY or UNIQUE KEY", "1=10 "},
-      {'I', "T", 1, 11, C::kUpsert, "", "1=11 "},
-      {'U', "T", 2, 12, C::kError, "event 0: the updated row is missing", "1=10 "},
-      {'U', "T", 2, 12, C::kSkip, "the updated row is missing", "1=10 "},
-      {'U', "T", 2, 12, C::kUpsert, "", "1=10 2=12 "},
-      {'D', "T", 2, 0, C::kError, "the deleted row is missing", "1=10 "},
-      {'D', "T", 2, 0, C::kSkip, "", "1=10 "},
-      {'D', "T", 2, 0, C::kUpsert, "", "1=10 "},
-      {'I', "GONE", 0, 7, C::kUpsert, "Table unknown", "1=10 "},
+  const std::string differs = "table T, key ID=1: column V is 10 in the replica, ";
+  // Change, table, ID, V (publish()'s old V is V-1, but V for a delete), mode, outcome (E stops,
+  // W resolves with a warning, - applies), text expected in the error or warning, rows after.
+  const std::tuple<char, const char*, int, int, C, char, std::string, const char*> cases[] = {
+      {'I', "T", 1, 11, C::kError, 'E', "violation of PRIMARY or UNIQUE KEY", "1=10 "},
+      {'I', "T", 1, 11, C::kUpsert, 'W', "insert of an existing row, applied as an", "1=11 "},
+      {'U', "T", 2, 12, C::kError, 'E', "event 0: the updated row is missing", "1=10 "},
+      {'U', "T", 2, 12, C::kSkip, 'E', "the updated row is missing", "1=10 "},
+      {'U', "T", 2, 12, C::kUpsert, 'W', "update of a missing row, applied as", "1=10 2=12 "},
+      {'D', "T", 2, 0, C::kError, 'E', "the deleted row is missing", "1=10 "},
+      {'D', "T", 2, 0, C::kSkip, 'W', "delete of a missing row, skipped", "1=10 "},
+      {'D', "T", 2, 0, C::kUpsert, 'W', "delete of a missing row, skipped", "1=10 "},
+      {'U', "T", 1, 12, C::kError, 'E', "event 0: " + differs + "11 in the log", "1=10 "},
+      {'U', "T", 1, 12, C::kUpsert, 'W', differs + "11 in the log; the log's new values", "1=12 "},
+      {'U', "T", 1, 12, C::kSkip, 'W', differs + "11 in the log; the row left as it is", "1=10 "},
+      {'D', "T", 1, 12, C::kError, 'E', differs + "12 in the log", "1=10 "},
+      {'D', "T", 1, 12, C::kUpsert, 'W', differs + "12 in the log; the row deleted", ""},
+      {'D', "T", 1, 12, C::kSkip, 'W', differs + "12 in the log; the row left as it is", "1=10 "},
+      {'D', "BAG", 0, 7, C::kError, '-', "", "7:x 8:x 8:y "},
+      {'U', "BAG", 0, 8, C::kError, '-', "", "7:x 8:x 8:x 8:y "},
+      {'D', "BAG", 0, 8, C::kUpsert, 'E', "event 0: 2 rows of BAG hold the old",
+       "7:x 7:x 8:x 8:y "},
+      {'I', "GONE", 0, 7, C::kUpsert, 'E', "Table unknown", "1=10 "},
   };
   std::uint64_t number = 1;
-  for (const auto& [kind, table, id, v, mode, expectedError, expectedRows] : cases) {
-    SCOPED_TRACE(std::string(1, kind) + " " + table + " mode " +
+  for (const auto& [kind, table, id, v, mode, outcome, text, expectedRows] : cases) {
+    SCOPED_TRACE(std::string(1, kind) + " " + table + std::to_string(id) + " mode " +
                  std::to_string(static_cast<int>(mode)));
     clearLogs();
     publish(number++, kind, table, id, v);
-    std::string error;
-    std::uint64_t resolved = 0;
+    std::string error, warnings;
+    std::uint64_t resolved = 0, interchangeable = 0;
     try {
-      resolved = applyAll(dir, mode).resolved;
+      const ReplicaApplier::Summary s = applyAll(dir, mode, &warnings);
+      resolved = s.resolved;
+      interchangeable = s.interchangeable;
     } catch (const ApplyError& e) {
       error = e.what();
     }
-    if (*expectedError) {
-      EXPECT_NE(std::string::npos, error.find(expectedError)) << error;
-      EXPECT_NE(std::string::npos, error.find("log 0000")) << "names the log: " << error;
-    } else {
-      EXPECT_EQ("", error);
-      EXPECT_EQ(mode == C::kError ? 0u : 1u, resolved);
-    }
-    EXPECT_EQ(expectedRows, rows());
-    // Back to the starting rows for the next case.
+    EXPECT_THAT(outcome == 'E' ? error : warnings, ::testing::HasSubstr(text));
+    if (outcome != 'E') EXPECT_EQ("", error);
+    if (outcome == 'E') EXPECT_THAT(error, ::testing::HasSubstr("log 0000")) << "names the log";
+    EXPECT_EQ(outcome == 'W' ? 1u : 0u, resolved);
+    EXPECT_EQ(table == std::string("BAG") && outcome == '-' ? 1u : 0u, interchangeable);
+    EXPECT_EQ(expectedRows, rows(table == std::string("BAG") ? "BAG" : "T"));
     Database replica(dir / "replica.fdb", false);
+    ReplicaApplier applier(replica, mode);
+    EXPECT_EQ(outcome != 'E', applier.position().isDone(LogDirectory::list(logs).at(0)));
+    // Back to the starting rows for the next case.
     replica.executeAlone("DELETE FROM T WHERE ID <> 1");
-    replica.executeAlone("UPDATE T SET V = 10");
+    replica.executeAlone("UPDATE OR INSERT INTO T VALUES (1, 10)");
+    fillBag(replica);
+  }
+}
+
+// The check compares exactly what the log carries: a text by its bytes (not as a collation or a
+// pad would), a FLOAT, a scaled number and a timestamp exactly, a null as a value. An old image
+// equal to the row applies, CHAR pad and all; each that differs in one column stops, naming it.
+TEST_F(ApplyCases, OldValuesAreComparedExactly) {
+  {
+    Database replica(dir / "replica.fdb", false);
+    replica.executeAlone(
+        "CREATE TABLE X (ID INTEGER NOT NULL PRIMARY KEY, C CHAR(4) CHARACTER SET UTF8, "
+        "V VARCHAR(8) CHARACTER SET UTF8 COLLATE UNICODE_CI, O VARCHAR(4) CHARACTER SET OCTETS, "
+        "F FLOAT, N NUMERIC(9,2), S TIMESTAMP, Z INTEGER)");
+    replica.executeAlone(
+        "INSERT INTO X VALUES (1, _UTF8 '\xc3\xa9', 'Ab', x'6100', 0.1, 12.34, "
+        "'2020-01-02 10:00:00', NULL)");
+  }
+  const std::int32_t day =
+      static_cast<std::int32_t>(ValueText::daysFromCivil(2020, 1, 2) + ValueText::kUnixEpochDay);
+  const std::uint32_t time = 36000 * 10000;
+  // The image with column `changed` changed; v is V's value.
+  const auto image = [&](LiteralRow& r, const std::string& changed, const std::string& v) {
+    r.addLong("ID", 1)
+        .addChar("C",
+                 changed == "C" ? "e" + std::string(15, ' ') : "\xc3\xa9" + std::string(14, ' '), 4)
+        .addVarchar("V", changed == "V" ? v : "Ab", 4)
+        .addVarchar("O", changed == "O" ? "a" : std::string("a\0", 2), 1)
+        .addFloat("F", changed == "F" ? std::nextafter(0.1f, 1.0f) : 0.1f)
+        .addLong("N", changed == "N" ? 1235 : 1234, -2)
+        .addTimestamp("S", day, time + (changed == "S"));
+    if (changed == "Z")
+      r.addLong("Z", 5);
+    else
+      r.addNull("Z", 9);
+  };
+  // Column changed in the old image, V's old value, the difference named ("" for none).
+  const std::tuple<const char*, const char*, const char*> cases[] = {
+      {"", "Ab", ""},
+      {"C", "", "column C is '\xc3\xa9' in the replica, 'e' in the log"},
+      {"V", "ab", "column V is 'Ab' in the replica, 'ab' in the log"},
+      {"V", "Ab ", "column V is 'Ab' in the replica, 'Ab ' in the log"},
+      {"O", "", "column O is x'6100' in the replica, x'61' in the log"},
+      {"F", "", "column F is 0.1 in the replica, 0.10000001 in the log"},
+      {"N", "", "column N is 12.34 in the replica, 12.35 in the log"},
+      {"S", "", "column S is 2020-01-02T10:00:00.0000 in the replica, 2020-01-02T10:00:00.0001"},
+      {"Z", "", "column Z is NULL in the replica, 5 in the log"},
+  };
+  std::uint64_t number = 1;
+  for (const auto& [changed, v, expected] : cases) {
+    SCOPED_TRACE(std::string(changed) + " " + v);
+    clearLogs();
+    LiteralRow old("X"), row("X");
+    image(old, changed, v);
+    image(row, "V", "new");
+    ReplTransaction* t = begin(number++);
+    t->updateRecord(status, nullptr, nullptr, &old, &row);
+    ASSERT_EQ(0, t->commit(status));
+    t->dispose();
+    std::string error;
+    try {
+      applyAll(dir, ReplicaApplier::Conflicts::kError);
+    } catch (const ApplyError& e) {
+      error = e.what();
+    }
+    if (*expected)
+      EXPECT_THAT(error, ::testing::HasSubstr("table X, key ID=1: " + std::string(expected)));
+    else
+      EXPECT_EQ("", error);
+    Database(dir / "replica.fdb", false).executeAlone("UPDATE X SET V = 'Ab'");
+  }
+}
+
+// compare lists each difference with both values, a row missing on one side once, up to
+// --max-differences, and counts them all.
+TEST_F(ApplyCases, CompareListsTheDifferences) {
+  const std::string a = dir / "replica.fdb", b = dir / "other.fdb";
+  {
+    Database other(b, true);
+    other.executeAlone("CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER)");
+    other.executeAlone("CREATE TABLE BAG (V INTEGER, B BLOB SUB_TYPE TEXT)");
+    other.executeAlone("INSERT INTO T VALUES (1, 11)");
+    other.executeAlone("INSERT INTO T VALUES (3, 30)");
+    fillBag(other);
+    other.executeAlone("UPDATE BAG SET B = 'z' WHERE CAST(B AS VARCHAR(9)) = 'y'");
+    Database(a, false).executeAlone("INSERT INTO T VALUES (2, 20)");
+  }
+  const std::string listed = "differ: table BAG, V=8: column B is blob 'y' (1 bytes) in " + a +
+                             ", blob 'z' (1 bytes) in " + b +
+                             "\ndiffer: table T, ID=1: column V is 10 in " + a + ", 11 in " + b +
+                             "\n";
+  const std::string rest = "differ: table T, ID=2: the row is only in " + a +
+                           "\ndiffer: table T, ID=3: the row is only in " + b + "\n";
+  for (const char* max : {"", "2"}) {
+    std::vector<std::string> args = {FBCDC_CLI_PATH, "compare", a, b};
+    if (*max) args.insert(args.end(), {"--max-differences", max});
+    EXPECT_EQ(1, waitFor(spawn(args, dir / "out.txt", dir / "err.txt")));
+    EXPECT_EQ(*max ? listed + "differ: 4 differences, 2 listed\n"
+                   : listed + rest + "differ: 4 differences, 4 listed\n",
+              readText(dir / "out.txt"));
   }
 }
 
