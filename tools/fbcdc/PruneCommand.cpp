@@ -39,17 +39,20 @@ std::int64_t duration(const std::string& text) {
   return std::stoll(text.substr(0, digits)) * scale * kSecond;
 }
 
+// "1 log", "2 logs".
+std::string logs(std::uint64_t n) { return std::to_string(n) + (n == 1 ? " log" : " logs"); }
+
 }  // namespace
 
 int pruneCommand(int argc, char** argv) {
   CLI::App app(
       "Removes the published logs of LOGDIR that every named consumer has taken, or moves them "
       "into an archive directory; with --keep-for, only those published longer ago. A log goes "
-      "only when every consumer's position says it is done: the logs after it, those of its "
-      "own clock tick that it has not named, and those whose turn it cannot tell (changed after "
-      "publication) stay; a consumer that has taken nothing keeps them all. Temporary logs are "
-      "never touched. Safe while the plugin writes and the consumers run. A consumer not named "
-      "here is not protected: name every consumer of the directory.",
+      "only when every consumer's position says it is done: logs after a position, logs of the "
+      "position's own clock tick that it does not name, and logs whose turn it cannot tell "
+      "(changed after publication) stay; a consumer that has taken nothing keeps them all. "
+      "Temporary logs are never touched. Safe while the plugin writes and the consumers run. A "
+      "consumer not named here is not protected: name every consumer of the directory.",
       argv[0]);
   std::string directory;
   std::vector<std::string> specs;
@@ -115,20 +118,19 @@ int pruneCommand(int argc, char** argv) {
     const char* done = archive.empty() ? "removed" : "archived";
     if (dryRun)
       for (const LogFile& log : o.pruned) std::printf("would be %s: %s\n", done, log.name.c_str());
-    std::printf("prune: %zu logs %s%s (%llu bytes)", o.pruned.size(), dryRun ? "would be " : "",
-                done, static_cast<unsigned long long>(o.bytes));
+    std::printf("prune: %s %s%s (%llu bytes)", logs(o.pruned.size()).c_str(),
+                dryRun ? "would be " : "", done, static_cast<unsigned long long>(o.bytes));
     if (!o.pruned.empty())
       std::printf(", %s to %s", o.pruned.front().name.c_str(), o.pruned.back().name.c_str());
-    std::printf("; %llu kept\n", static_cast<unsigned long long>(o.kept));
+    std::printf("; %s kept\n", logs(o.kept).c_str());
     for (std::size_t i = 0; i < consumers.size(); ++i)
-      std::printf("  %s has not taken %llu\n", consumers[i].text().c_str(),
-                  static_cast<unsigned long long>(o.needed[i]));
+      std::printf("  %s has not taken %s\n", consumers[i].text().c_str(),
+                  logs(o.needed[i]).c_str());
     if (o.unknown > 0)
-      std::printf("  %llu whose turn a position cannot tell (changed after publication)\n",
-                  static_cast<unsigned long long>(o.unknown));
+      std::printf("  %s whose turn a position cannot tell (changed after publication)\n",
+                  logs(o.unknown).c_str());
     if (o.young > 0)
-      std::printf("  %llu published within --keep-for %s\n",
-                  static_cast<unsigned long long>(o.young), keepFor.c_str());
+      std::printf("  %s published within --keep-for %s\n", logs(o.young).c_str(), keepFor.c_str());
   } catch (const std::invalid_argument& e) {
     return refuse("prune", e.what());
   } catch (const std::exception& e) {

@@ -48,6 +48,9 @@ std::string bytesText(std::uint64_t bytes) {
   return text + scaled;
 }
 
+// "1 log", "2 logs".
+std::string logs(std::uint64_t n) { return std::to_string(n) + (n == 1 ? " log" : " logs"); }
+
 // Seconds with milliseconds, as a lag is shown.
 double seconds(std::int64_t nanoseconds) {
   return static_cast<double>(nanoseconds / 1000000) / 1000.0;
@@ -65,13 +68,13 @@ struct Report {
 void printText(const std::string& directory, const DirectoryStatus& s,
                const std::vector<Report>& reports, long long maxLag) {
   std::printf("directory %s\n", directory.c_str());
-  std::printf("  published    %zu logs, %s", s.published().size(),
+  std::printf("  published    %s, %s", logs(s.published().size()).c_str(),
               bytesText(s.publishedBytes()).c_str());
   if (!s.published().empty())
     std::printf("; oldest %s, %s", s.published().front().file.name.c_str(),
                 utc(s.published().front().file.publishedAt).c_str());
-  std::printf("\n  temporary    %llu logs, %zu open more than a minute\n",
-              static_cast<unsigned long long>(s.temporaryLogs()), s.staleTemporaries().size());
+  std::printf("\n  temporary    %s, %zu begun more than a minute ago\n",
+              logs(s.temporaryLogs()).c_str(), s.staleTemporaries().size());
   for (const DirectoryStatus::Temporary& t : s.staleTemporaries())
     std::printf("               %s: begun %lld s ago, last written %lld s ago, %s\n",
                 t.name.c_str(), static_cast<long long>(t.ageSeconds),
@@ -88,7 +91,7 @@ void printText(const std::string& directory, const DirectoryStatus& s,
     if (!position.empty()) position.pop_back();
     std::printf("  position     %s\n",
                 position.empty() ? "none: it has taken nothing" : position.c_str());
-    std::printf("  not taken    %llu logs, %s", static_cast<unsigned long long>(r.backlog.logs),
+    std::printf("  not taken    %s, %s", logs(r.backlog.logs).c_str(),
                 bytesText(r.backlog.bytes).c_str());
     if (!r.backlog.oldest.empty()) std::printf("; oldest %s", r.backlog.oldest.c_str());
     std::printf("\n  lag          %.3f s", seconds(r.backlog.lag));
