@@ -3,10 +3,14 @@
 // temporary logs stay), archives them without losing one, and marks what went; status reports each
 // consumer's backlog and lag and serves as a monitoring check; a replica's position is read from
 // the real database; and pruning while a follower and an applier run loses nothing.
+#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <netinet/in.h>
 #include <rapidjson/document.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -567,8 +571,8 @@ TEST(StatusPruneCommandTest, FiguresMonitoringChecksAndRefusals) {
   }
 }
 
-// A replica with one table, and a plugin writing logs for it.
-class ReplicaPruneTest : public PluginFixture {
+// A replica with one table, and a plugin writing logs for it, for the consumers to take.
+class ConsumerPruneTest : public PluginFixture {
  protected:
   void SetUp() override {
     PluginFixture::SetUp();
@@ -609,7 +613,7 @@ class ReplicaPruneTest : public PluginFixture {
 
 // The replica's position is read from its FBCDC_APPLIED row through the embedded engine; a replica
 // nothing was applied to keeps every log and is left without the table.
-TEST_F(ReplicaPruneTest, PruneAndStatusReadTheReplicasPosition) {
+TEST_F(ConsumerPruneTest, PruneAndStatusReadTheReplicasPosition) {
   for (int i = 1; i <= 4; ++i) insert(static_cast<std::uint64_t>(i), i);
   const std::vector<LogFile> published = LogDirectory::list(logs);
   ASSERT_EQ(4u, published.size());
@@ -644,6 +648,58 @@ TEST_F(ReplicaPruneTest, PruneAndStatusReadTheReplicasPosition) {
   EXPECT_EQ("1 2 ", rows());
 }
 
+// A follower into Redis keeps its position under <prefix>.checkpoint in a real redis-server: status
+// and prune read it there, under the prefix the spec names.
+TEST_F(ConsumerPruneTest, PruneAndStatusReadARedisFollowersPosition) {
+  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(0, ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address));
+  socklen_t length = sizeof address;
+  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+  const std::string port = std::to_string(ntohs(address.sin_port));
+  ::close(probe);
+  const pid_t server = spawn({"redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "",
+                              "--appendonly", "no", "--dir", dir.path()},
+                             dir / "redis.out", dir / "redis.err");
+  redisContext* redis = nullptr;
+  for (int i = 0; i < 100 && (!redis || redis->err); ++i) {
+    if (redis) redisFree(redis);
+    ::usleep(50000);
+    redis = redisConnect("127.0.0.1", std::stoi(port));
+  }
+  ASSERT_TRUE(redis && !redis->err)
+      << "redis-server did not start: " << readText(dir / "redis.err");
+  redisFree(redis);
+
+  const std::string at = "127.0.0.1:" + port;
+  for (int i = 1; i <= 3; ++i) insert(static_cast<std::uint64_t>(i), i);
+  Outcome r = run(
+      dir, {"follow", logs, "--once", "--sink", "redis", "--redis", at, "--stream-prefix", "erp"});
+  ASSERT_EQ(0, r.status) << r.err;
+  insert(4, 4);
+  const std::vector<LogFile> published = LogDirectory::list(logs);
+  ASSERT_EQ(4u, published.size());
+
+  r = run(dir, {"status", logs, "--redis", at, "--stream-prefix", "erp", "--consumer",
+                "redis:" + at, "--format", "json"});
+  EXPECT_EQ(0, r.status) << r.err;
+  const Strings b = backlogs(json(r.out));
+  ASSERT_EQ(2u, b.size());
+  EXPECT_THAT(b[0], ::testing::StartsWith("1 " + published[3].name + " "));
+  EXPECT_THAT(b[1], ::testing::StartsWith("4 " + published[0].name + " ")) << "prefix fbcdc";
+  r = run(dir, {"prune", logs, "--consumer", "redis:" + at + "/erp"});
+  EXPECT_EQ(0, r.status) << r.err;
+  EXPECT_THAT(r.out, HasSubstr("prune: 3 logs removed"));
+  EXPECT_EQ((Strings{published[3].name, PruneMark::kFileName}), listDirectory(logs));
+  stop(server, SIGTERM);
+  r = run(dir, {"prune", logs, "--consumer", "redis:" + at + "/erp"});
+  EXPECT_EQ(1, r.status);
+  EXPECT_THAT(r.err,
+              HasSubstr("fbcdc prune: redis:" + at + "/erp: cannot connect to Redis at " + at));
+}
+
 // The events of a follower's output, by log: the indexes seen.
 std::map<std::string, std::set<int>> eventsOf(const std::string& path) {
   std::map<std::string, std::set<int>> seen;
@@ -668,7 +724,7 @@ bool caughtUp(const std::string& output, std::size_t logs) {
 
 // fbcdc prune runs again and again while logs are published and a follower streams them: the
 // follower emits every event of every log, and the logs it took go.
-TEST_F(ReplicaPruneTest, PruneRacingAFollowerLosesNothing) {
+TEST_F(ConsumerPruneTest, PruneRacingAFollowerLosesNothing) {
   const std::string checkpoint = dir / "follow.pos";
   const pid_t follower =
       start({"follow", logs, "--checkpoint", checkpoint}, dir / "follow.jsonl", dir / "follow.err");
@@ -720,7 +776,7 @@ TEST_F(ReplicaPruneTest, PruneRacingAFollowerLosesNothing) {
 
 // Pruning for a follower and an applier at once while logs are published: the replica gets every
 // row, the follower every log, and no named consumer is ever told by the mark that it missed one.
-TEST_F(ReplicaPruneTest, PruneRacingAFollowerAndAnApplierLosesNothing) {
+TEST_F(ConsumerPruneTest, PruneRacingAFollowerAndAnApplierLosesNothing) {
   const std::string checkpoint = dir / "follow.pos";
   const std::string replica = dir / "replica.fdb";
   {
