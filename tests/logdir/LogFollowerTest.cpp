@@ -7,6 +7,7 @@
 #include <functional>
 
 #include "LogFollower.h"
+#include "PluginFixture.h"
 #include "TestFiles.h"
 
 namespace {
@@ -119,6 +120,34 @@ TEST(LogFollowerTest, ReportOrderStandsWithinOneTime) {
   std::vector<std::uint64_t> transactions;
   for (const LogFile& log : queue) transactions.push_back(std::stoull(log.name.substr(17, 16), nullptr, 16));
   EXPECT_EQ((std::vector<std::uint64_t>{7, 1, 9, 2, 4}), transactions);
+}
+
+// A publishing rename that returns 70 s after the name's second: the plugin renames the log once
+// more under the second it returned at, so a follower already past the first second's window
+// (restarted, or reading the directory afresh) takes it instead of taking it for one touched since.
+using LateRename = PluginFixture;
+TEST_F(LateRename, ALogRenamedLateIsRenamedAgainAndTaken) {
+  const std::int64_t now = std::time(nullptr);
+  PosixFaults::setTime(now - 70);
+  PosixFaults::setTimeAfter(PosixFaults::kRename, now);
+  ReplTransaction* t = begin(7);
+  ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = 1", 1));
+  ASSERT_EQ(0, t->commit(status));
+  t->dispose();
+  PosixFaults::setTime(0);
+  EXPECT_EQ(Strings{logName(now, 7)}, listDirectory(logs));
+  FollowPosition position;
+  LogFile before;
+  before.name = logName(now - 5, 99);
+  LogName::parse(before.name, before.parsed);
+  before.publishedAt = (now - 5) * 1000000000;
+  position.advance(before);
+  Strings taken;
+  LogFollower follower(logs, LogRange());
+  follower.run(
+      position, [&](const LogFile& log) { taken.push_back(log.name); },
+      [](const FollowPosition&) {}, true);
+  EXPECT_EQ(Strings{logName(now, 7)}, taken);
 }
 
 }  // namespace

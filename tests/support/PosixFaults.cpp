@@ -24,6 +24,8 @@ std::atomic<int> counts[kCalls];
 std::atomic<int> firedCount{0};
 std::atomic<long> readBytes{0};
 std::atomic<std::time_t> fixedTime{0};
+std::atomic<int> timeAfterCall{-1};
+std::atomic<std::time_t> timeAfter{0};
 std::atomic<bool> recording{false};
 std::mutex recordMutex;
 std::vector<Recorded> records;
@@ -59,6 +61,8 @@ int passOrFail(Call call, const char* path, const char* path2, int fd, long long
                Args... args) {
   const int r = inject(call) ? -1 : real(args...);
   if (r == 0 && recording) record({call, path, path2, fd, offset, ""});
+  int expected = call;
+  if (r == 0 && timeAfterCall.compare_exchange_strong(expected, -1)) fixedTime = timeAfter.load();
   return r;
 }
 
@@ -75,6 +79,10 @@ int calls(Call call) { return counts[call]; }
 int fired() { return firedCount; }
 long bytesRead() { return readBytes; }
 void setTime(std::time_t t) { fixedTime = t; }
+void setTimeAfter(Call call, std::time_t t) {
+  timeAfter = t;
+  timeAfterCall = call;
+}
 
 const char* nameOf(Call call) {
   static const char* const names[] = {"open",        "write", "read",     "lseek64",
@@ -105,6 +113,7 @@ void reset() {
   firedCount = 0;
   readBytes = 0;
   fixedTime = 0;
+  timeAfterCall = -1;
 }
 
 }  // namespace PosixFaults

@@ -42,6 +42,9 @@ long bytesRead();
 int fired();
 // Makes time() return t until reset; 0 restores the clock.
 void setTime(std::time_t t);
+// Makes time() return t from the moment the next call of this kind succeeds (a call that was slow
+// to return, as seen by the clock).
+void setTimeAfter(Call call, std::time_t t);
 // Disarms every rule, restores the clock and zeroes the counters.
 void reset();
 
