@@ -779,24 +779,23 @@ TEST_F(ConsumerPruneTest, PruneRacingAFollowerLosesNothing) {
 TEST_F(ConsumerPruneTest, PruneRacingAFollowerAndAnApplierLosesNothing) {
   const std::string checkpoint = dir / "follow.pos";
   const std::string replica = dir / "replica.fdb";
-  {
-    // Made before the applier and the pruner attach, so that they do not both make it.
-    Database db(replica, false);
-    ReplicaApplier made(db, ReplicaApplier::Conflicts::kError);
-  }
+  // The embedded engine lets one process open the replica: the applier runs here, beside the
+  // pruner's own attachment. Both attach before either starts (an attachment made while the
+  // other applies may wait for it to end).
+  Database applierDb(replica, false);
+  ReplicaApplier applying(applierDb, ReplicaApplier::Conflicts::kError);
+  Database prunerDb(replica, false);
+  ReplicaApplier reader(prunerDb, ReplicaApplier::Conflicts::kError);
   const pid_t follower =
       start({"follow", logs, "--checkpoint", checkpoint}, dir / "follow.jsonl", dir / "follow.err");
   std::atomic<bool> publishing{true};
-  std::atomic<bool> applying{true};
+  std::atomic<bool> applierRuns{true};
   std::atomic<int> removed{0};
-  // The applier looks at the directory again and again, as apply --follow's rescans do, and applies
-  // what its position has not taken. The embedded engine lets one process open the replica, so it
-  // runs here, beside the pruner's own attachment.
+  // The applier looks at the directory again and again, as apply --follow's rescans do, and
+  // applies what its position has not taken.
   std::thread applier([&] {
     try {
-      Database db(replica, false);
-      ReplicaApplier a(db, ReplicaApplier::Conflicts::kError);
-      FollowPosition position = a.position();
+      FollowPosition position = applying.position();
       LogFollower follower(logs, LogRange());
       for (bool last = false; !last;) {
         last = !publishing;
@@ -805,7 +804,7 @@ TEST_F(ConsumerPruneTest, PruneRacingAFollowerAndAnApplierLosesNothing) {
             [&](const LogFile& log) {
               FollowPosition next = position;
               next.advance(log);
-              a.apply(log, next);
+              applying.apply(log, next);
             },
             [](const FollowPosition&) {}, true);
         ::usleep(3000);
@@ -813,14 +812,12 @@ TEST_F(ConsumerPruneTest, PruneRacingAFollowerAndAnApplierLosesNothing) {
     } catch (const std::exception& e) {
       ADD_FAILURE() << "applier: " << e.what();
     }
-    applying = false;
+    applierRuns = false;
   });
   std::thread pruner([&] {
     try {
-      Database db(replica, false);
-      ReplicaApplier reader(db, ReplicaApplier::Conflicts::kError);
       std::mt19937 random(6);
-      while (applying) {
+      while (applierRuns) {
         const std::vector<LogPruner::Consumer> consumers = {
             {"follower", FollowPosition::parse(CheckpointFile(checkpoint).load())},
             {"replica", reader.position()}};
@@ -856,8 +853,6 @@ TEST_F(ConsumerPruneTest, PruneRacingAFollowerAndAnApplierLosesNothing) {
   EXPECT_EQ(expected, rows());
   EXPECT_EQ(60u, eventsOf(dir / "follow.jsonl").size());
   // Both have taken everything: everything goes.
-  Database db(replica, false);
-  ReplicaApplier reader(db, ReplicaApplier::Conflicts::kError);
   LogPruner(logs, {}).prune({{"follower", FollowPosition::parse(CheckpointFile(checkpoint).load())},
                              {"replica", reader.position()}},
                             now());
