@@ -6,7 +6,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <tuple>
 
 #include "AllocationFaults.h"
 #include "PluginFixture.h"
@@ -18,68 +22,68 @@ namespace {
 
 Strings cdcError(const std::string& text) { return {"1", "335544382", "2", text}; }
 
-// Each row starts the plugin from a configuration file. A directory the plugin makes lets owner and
-// group create files in it (0770 less the umask, which is 0 here); an existing path is taken as it
-// is. A refused version or configuration creates nothing.
+// Each row starts the plugin from a configuration file ("$" stands for a fresh directory); the
+// outcomes are in golden/start.txt: the output directory and its mode, or the status. A directory
+// the plugin makes lets owner and group create files in it (0770 less the umask, which is 0 here);
+// an existing path is taken as it is; a refused version or configuration creates nothing.
+// FBCDC_UPDATE_GOLDEN=1 rewrites the file, to be reviewed line by line before a commit.
 TEST(ReplPluginStart, VersionsAndConfigurations) {
   PosixFaults::Scope faults;
   TempDir dir;
+  const mode_t savedMask = ::umask(0);
   writeFile(dir / "plain-file", "x");
   ::mkdir((dir / "exists").c_str(), 0700);
-  struct Case {
-    std::string config;
-    int version;
-    std::string outputDirectory;  // empty: construction fails
-    Strings errors;
-    bool mkdirFails = false;
-  };
-  const auto key = [&](const std::string& value) { return "OutputDirectory = " + value + "\n"; };
-  const std::string p = dir.path();
-  std::vector<Case> cases = {
-      {key(p + "cdc"), 30, p + "cdc/", {}},
-      {key(p + "slash/"), 30, p + "slash/", {}},
-      {key("\"" + p + "with space\""), 30, p + "with space/", {}},
-      {key(p + "exists"), 30, p + "exists/", {}},
-      {key(p + "plain-file"), 30, p + "plain-file/", {}},
-      {"# no key at all\nOther = 1\n", 30, "",
-       cdcError("CDC error: No output directory name configured")},
-      {"OutputDirectory\n", 30, "", cdcError("CDC error: No output directory name configured")},
-      {key(p + "no/such/dir"), 30, "",
-       cdcError("CDC error creating output directory " + p +
-                "no/such/dir/: No such file or directory")},
-      {key("/" + std::string(4095, 'a')), 30, "",
-       cdcError("CDC error: Too long output directory name")},
-      {key(p + "denied"), 30, "",
-       cdcError("CDC error creating output directory " + p + "denied/: Permission denied"), true},
+  // Configuration, interface version, whether mkdir fails (with EACCES).
+  std::vector<std::tuple<std::string, int, bool>> cases = {
+      {"OutputDirectory = $cdc", 30, false},
+      {"OutputDirectory = $slash/", 30, false},
+      {"OutputDirectory = \"$with space\"", 30, false},
+      {"OutputDirectory = $exists", 30, false},
+      {"OutputDirectory = $plain-file", 30, false},
+      {"# no key at all\nOther = 1", 30, false},
+      {"OutputDirectory", 30, false},
+      {"OutputDirectory = $no/such/dir", 30, false},
+      {"OutputDirectory = /" + std::string(4095, 'a'), 30, false},
+      {"OutputDirectory = $denied", 30, true},
+      {"OutputDirectory = $durable\nDurableLogs = TRUE", 30, false},
+      {"OutputDirectory = $plain\nDurableLogs = false", 30, false},
+      {"OutputDirectory = $refused\nDurableLogs = yes", 30, false},
   };
   for (int version : {29, 31, 0, -1, 3000})
-    cases.push_back(
-        {key(p + "v"), version, "", {"1", "335545000", "4", "30", "4", std::to_string(version)}});
-  const mode_t savedMask = ::umask(0);
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.config.substr(0, 80) + " version " + std::to_string(c.version));
+    cases.push_back({"OutputDirectory = $v", version, false});
+  std::string text;
+  const auto shown = [&](std::string s) {
+    for (std::size_t at; (at = s.find(dir.path())) != std::string::npos;)
+      s.replace(at, dir.path().size(), "$");
+    std::replace(s.begin(), s.end(), '\n', ';');
+    return s.size() > 80 ? s.substr(0, 40) + "... (" + std::to_string(s.size()) + " bytes)" : s;
+  };
+  for (auto [config, version, mkdirFails] : cases) {
     PosixFaults::reset();
-    if (c.mkdirFails) PosixFaults::failAt(PosixFaults::kMkdir, 1, EACCES);
-    const bool existed = fileExists(c.outputDirectory.substr(0, c.outputDirectory.size() - 1));
+    if (mkdirFails) PosixFaults::failAt(PosixFaults::kMkdir, 1, EACCES);
+    for (std::size_t at; (at = config.find('$')) != std::string::npos;)
+      config.replace(at, 1, dir.path());
     FbStatus status;
-    Firebird::IReplPlugin* plugin = startPlugin(status, dir / "c.conf", c.config, c.version);
-    if (c.outputDirectory.empty()) {
-      EXPECT_EQ(c.errors, status.errors());
-      EXPECT_EQ(nullptr, plugin);
-      EXPECT_FALSE(fileExists(p + "v"));
-      continue;
+    Firebird::IReplPlugin* plugin = startPlugin(status, dir / "c.conf", config + "\n", version);
+    text += shown(config) + " (version " + std::to_string(version) + "):";
+    if (plugin) {
+      const std::string out = static_cast<ReplPlugin*>(plugin)->getOutputDirectory();
+      struct stat st {};
+      ::stat(out.substr(0, out.size() - 1).c_str(), &st);
+      char mode[16];
+      std::snprintf(mode, sizeof mode, "%o", st.st_mode);
+      text += " " + shown(out) + " mode " + mode;
+      plugin->dispose();
     }
-    ASSERT_NE(nullptr, plugin) << status.text();
-    EXPECT_FALSE(status.hasErrors());
-    EXPECT_EQ(c.outputDirectory, static_cast<ReplPlugin*>(plugin)->getOutputDirectory());
-    struct stat st;
-    ASSERT_EQ(0, ::stat(c.outputDirectory.substr(0, c.outputDirectory.size() - 1).c_str(), &st));
-    if (!existed) {
-      EXPECT_EQ(S_IFDIR | 0770u, st.st_mode);
-    }
-    plugin->dispose();
+    for (const std::string& item : status.hasErrors() ? status.errors() : Strings())
+      text += " " + shown(item);
+    text += "\n";
   }
   ::umask(savedMask);
+  for (const std::string& name : listDirectory(dir.path())) text += name + " ";
+  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/plugin/golden/start.txt";
+  EXPECT_EQ(readText(golden), text + "\n");
+  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text + "\n");
 }
 
 TEST(ReplPluginNormalize, SeparatorsAndLengthLimits) {
