@@ -398,9 +398,10 @@ Strings backlogs(const rapidjson::Document& d) {
 TEST(StatusPruneCommandTest, FiguresMonitoringChecksAndRefusals) {
   TempDir root;
   const Layout l(root / "logs/");
-  const std::string all = root / "all.pos", f1 = root / "f1.pos", none = root / "none.pos",
-                    bad = root / "bad.pos";
+  const std::string all = root / "all.pos", f0 = root / "f0.pos", f1 = root / "f1.pos",
+                    none = root / "none.pos", bad = root / "bad.pos";
   CheckpointFile(all).store(l.after(kAll).serialize());
+  CheckpointFile(f0).store(l.after({"U2", "U0", "U1", "F0"}).serialize());
   CheckpointFile(f1).store(l.after({"U2", "U0", "U1", "F0", "F1"}).serialize());
   writeFile(bad, "garbage\n");
   const std::string dir = l.dir;
@@ -544,6 +545,16 @@ TEST(StatusPruneCommandTest, FiguresMonitoringChecksAndRefusals) {
              HasSubstr("prune: 2 logs removed (" + std::to_string(l.bytes({"F0", "F1"})) +
                        " bytes), " + l.name.at("F0") + " to " + l.name.at("F1") + "; 4 logs kept"));
        }},
+      // A consumer left out of the prunes had not taken F1 when it went.
+      {{"status", dir, "--checkpoint", f0, "--checkpoint", f1},
+       1,
+       "fbcdc status: checkpoint:" + f0 + " had not taken logs that were pruned (" +
+           l.name.at("F1") + " among them)\n",
+       [&](const Outcome& r) {
+         EXPECT_THAT(r.out, HasSubstr("\n  pruned       through " + l.name.at("F1") + "\n"));
+         EXPECT_THAT(r.out, HasSubstr("\n  missed       pruned logs it had not taken (" +
+                                      l.name.at("F1") + " among them)\ncheckpoint:" + f1));
+       }},
       {{"status", dir, "--consumer", "checkpoint:" + f1, "--format", "json"},
        0,
        "",
@@ -551,6 +562,8 @@ TEST(StatusPruneCommandTest, FiguresMonitoringChecksAndRefusals) {
          const rapidjson::Document d = json(r.out);
          EXPECT_EQ(4u, d["published"]["logs"].GetUint64());
          EXPECT_EQ("checkpoint:" + f1, d["consumers"][0]["consumer"].GetString());
+         EXPECT_EQ(l.name.at("F1"), d["pruned_through"].GetString());
+         EXPECT_TRUE(d["consumers"][0]["missed_pruned"].IsNull());
          EXPECT_THAT(backlogs(d)[0], ::testing::StartsWith("4 " + l.name.at("F2") + " "));
        }},
   };

@@ -11,6 +11,7 @@
 #include "DirectoryStatus.h"
 #include "JsonOutput.h"
 #include "LogDirectory.h"
+#include "PruneMark.h"
 
 namespace fbcdc {
 
@@ -63,9 +64,10 @@ struct Report {
   FollowPosition position;
   DirectoryStatus::Backlog backlog;
   bool lagging = false;
+  std::string missed;  // a pruned log it had not taken; empty when none
 };
 
-void printText(const std::string& directory, const DirectoryStatus& s,
+void printText(const std::string& directory, const DirectoryStatus& s, const PruneMark& mark,
                const std::vector<Report>& reports, long long maxLag) {
   std::printf("directory %s\n", directory.c_str());
   std::printf("  published    %s, %s", logs(s.published().size()).c_str(),
@@ -81,6 +83,7 @@ void printText(const std::string& directory, const DirectoryStatus& s,
                 static_cast<long long>(t.idleSeconds), bytesText(t.bytes).c_str());
   std::printf("  free space   %s of %s\n", bytesText(s.freeBytes()).c_str(),
               bytesText(s.totalBytes()).c_str());
+  if (!mark.empty()) std::printf("  pruned       through %s\n", mark.position().lastName().c_str());
   for (const Report& r : reports) {
     std::printf("%s\n", r.consumer.text().c_str());
     if (!r.error.empty()) {
@@ -97,10 +100,13 @@ void printText(const std::string& directory, const DirectoryStatus& s,
     std::printf("\n  lag          %.3f s", seconds(r.backlog.lag));
     if (r.lagging) std::printf(", more than --max-lag %lld", maxLag);
     std::printf("\n");
+    if (!r.missed.empty())
+      std::printf("  missed       pruned logs it had not taken (%s among them)\n",
+                  r.missed.c_str());
   }
 }
 
-void printJson(const std::string& directory, const DirectoryStatus& s,
+void printJson(const std::string& directory, const DirectoryStatus& s, const PruneMark& mark,
                const std::vector<Report>& reports, long long maxLag) {
   JsonOutput out;
   rapidjson::Writer<JsonOutput> w(out);
@@ -151,6 +157,8 @@ void printJson(const std::string& directory, const DirectoryStatus& s,
   w.Uint64(s.freeBytes());
   w.Key("total_bytes");
   w.Uint64(s.totalBytes());
+  w.Key("pruned_through");
+  nameOrNull(mark.empty() ? "" : mark.position().lastName());
   if (maxLag >= 0) {
     w.Key("max_lag_seconds");
     w.Int64(maxLag);
@@ -184,6 +192,8 @@ void printJson(const std::string& directory, const DirectoryStatus& s,
     w.Double(seconds(r.backlog.lag));
     w.Key("lagging");
     w.Bool(r.lagging);
+    w.Key("missed_pruned");
+    nameOrNull(r.missed);
     w.EndObject();
   }
   w.EndArray();
@@ -201,7 +211,8 @@ int statusCommand(int argc, char** argv) {
       "was published (0 when it has taken every log). For the directory: its published logs, "
       "temporary logs begun more than a minute ago (a long transaction, or a writer that died) "
       "and the free space of its file system. Exit status 1 when a consumer's position cannot be "
-      "read or, with --max-lag, when a consumer lags more: a monitoring check.",
+      "read, when logs it had not taken were pruned, or, with --max-lag, when it lags more: a "
+      "monitoring check.",
       argv[0]);
   std::string directory;
   std::vector<std::string> checkpoints, replicas, redis, prefixes, specs;
@@ -257,6 +268,7 @@ int statusCommand(int argc, char** argv) {
   int status = kExitOk;
   try {
     const DirectoryStatus s(directory, nowNanoseconds());
+    const PruneMark mark(directory);
     for (Report& r : reports) {
       if (!r.error.empty()) {
         complain("status", r.consumer.text() + ": " + r.error);
@@ -272,11 +284,18 @@ int statusCommand(int argc, char** argv) {
                                std::to_string(maxLag));
         status = kExitFailed;
       }
+      // A consumer left out of a prune may have lost logs it had not taken yet.
+      r.missed = mark.missedBy(r.position);
+      if (!r.missed.empty()) {
+        complain("status", r.consumer.text() + " had not taken logs that were pruned (" + r.missed +
+                               " among them)");
+        status = kExitFailed;
+      }
     }
     if (format == "json")
-      printJson(directory, s, reports, maxLag);
+      printJson(directory, s, mark, reports, maxLag);
     else
-      printText(directory, s, reports, maxLag);
+      printText(directory, s, mark, reports, maxLag);
   } catch (const std::exception& e) {
     complain("status", e.what());
     return kExitFailed;
