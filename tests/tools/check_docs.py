@@ -71,7 +71,7 @@ def run(line, cwd, redis_port):
     if waits:
         process = subprocess.Popen([fbcdc] + words[1:], cwd=cwd, env=env, text=True,
                                    stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-        time.sleep(3)
+        time.sleep(2)
         process.send_signal(signal.SIGTERM)
         status, err = process.wait(timeout=60), process.stderr.read()
     else:
