@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <ctime>
 #include <functional>
 
+#include "CheckpointFile.h"
+#include "CrashStates.h"
 #include "LogFollower.h"
 #include "PluginFixture.h"
 #include "TestFiles.h"
@@ -118,8 +121,36 @@ TEST(LogFollowerTest, ReportOrderStandsWithinOneTime) {
   std::deque<LogFile> queue = {at(5, 9), at(5, 2), at(3, 7), at(5, 4), at(4, 1)};
   LogFollower::order(queue);
   std::vector<std::uint64_t> transactions;
-  for (const LogFile& log : queue) transactions.push_back(std::stoull(log.name.substr(17, 16), nullptr, 16));
+  for (const LogFile& log : queue)
+    transactions.push_back(std::stoull(log.name.substr(17, 16), nullptr, 16));
   EXPECT_EQ((std::vector<std::uint64_t>{7, 1, 9, 2, 4}), transactions);
+}
+
+// A follower's checkpoint after a crash or a power loss, in every state the recorded calls of two
+// stores can leave (unsynced changes dropped in any combination): absent or one of the texts
+// whole, never a part of one; and once a store has returned, its text or a later one.
+TEST(CheckpointFileTest, EveryCrashStateHoldsAWholePositionAndKeepsAStoredOne) {
+  TempDir dir;
+  const CheckpointFile checkpoint(dir / "follow.pos");
+  const Strings texts = {"1 first.fbl\n", "2 second.fbl\n"};
+  std::vector<std::size_t> returned;
+  PosixFaults::startRecording();
+  for (const std::string& text : texts) {
+    checkpoint.store(text);
+    returned.push_back(PosixFaults::takeRecordingSize());
+  }
+  const std::vector<CrashStates::Op> ops = CrashStates::resolve(PosixFaults::takeRecording());
+  CrashStates::forEach(ops, false, 5, [&](std::size_t end, const CrashStates::Files& files) {
+    const auto found = files.find(checkpoint.path());
+    std::size_t holds = 0;  // 0: absent, k: texts[k - 1]
+    if (found != files.end()) {
+      const auto at = std::find(texts.begin(), texts.end(), found->second);
+      ASSERT_TRUE(at != texts.end()) << "\"" << found->second << "\" after a crash at call " << end;
+      holds = static_cast<std::size_t>(at - texts.begin()) + 1;
+    }
+    for (std::size_t k = 0; k < returned.size(); ++k)
+      if (end >= returned[k]) EXPECT_GT(holds, k) << "store " << k << " lost at call " << end;
+  });
 }
 
 // A publishing rename that returns 70 s after the name's second: the plugin renames the log once
