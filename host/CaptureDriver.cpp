@@ -6,6 +6,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <functional>
+#include <map>
 #include <mutex>
 #include <stdexcept>
 #include <thread>
@@ -29,10 +31,10 @@ std::string statusText(Firebird::IStatus* status) {
 }
 
 // The number the server gives a transaction.
-std::uint64_t transactionNumber(Database& db) {
+std::uint64_t transactionNumber(Database& db, Firebird::ITransaction* transaction) {
   const unsigned char items[] = {isc_info_tra_id, isc_info_end};
   unsigned char buffer[32] = {0};
-  db.transaction()->getInfo(db.status(), sizeof items, items, sizeof buffer, buffer);
+  transaction->getInfo(db.status(), sizeof items, items, sizeof buffer, buffer);
   if (buffer[0] != isc_info_tra_id) throw std::runtime_error("no transaction number");
   const int length = buffer[1] | buffer[2] << 8;
   std::uint64_t number = 0;
@@ -44,23 +46,21 @@ std::uint64_t transactionNumber(Database& db) {
 // Hands a transaction's changes to the plugin, timing every call into it.
 class PluginTransaction : public Workload::Listener {
  public:
-  PluginTransaction(Firebird::IReplTransaction* t, Database& db, Firebird::IStatus* status)
-      : t_(t), db_(db), status_(status) {}
+  PluginTransaction(Firebird::IReplTransaction* t, Firebird::IAttachment* attachment,
+                    Firebird::ITransaction* transaction, Firebird::IStatus* status)
+      : t_(t), attachment_(attachment), transaction_(transaction), status_(status) {}
 
   void inserted(Firebird::IReplRecord* row) override {
-    check(
-        timed([&] { return t_->insertRecord(status_, db_.attachment(), db_.transaction(), row); }));
+    check(timed([&] { return t_->insertRecord(status_, attachment_, transaction_, row); }));
     ++rows;
   }
   void updated(Firebird::IReplRecord* oldRow, Firebird::IReplRecord* newRow) override {
-    check(timed([&] {
-      return t_->updateRecord(status_, db_.attachment(), db_.transaction(), oldRow, newRow);
-    }));
+    check(timed(
+        [&] { return t_->updateRecord(status_, attachment_, transaction_, oldRow, newRow); }));
     ++rows;
   }
   void deleted(Firebird::IReplRecord* row) override {
-    check(
-        timed([&] { return t_->deleteRecord(status_, db_.attachment(), db_.transaction(), row); }));
+    check(timed([&] { return t_->deleteRecord(status_, attachment_, transaction_, row); }));
     ++rows;
   }
   void statement(const std::string& sql, std::int64_t number) override {
@@ -117,7 +117,8 @@ class PluginTransaction : public Workload::Listener {
     int number;
     std::uint64_t rows, statements;
   };
-  Database& db_;
+  Firebird::IAttachment* attachment_;
+  Firebird::ITransaction* transaction_;
   Firebird::IStatus* status_;
   std::vector<Savepoint> savepoints_;
 };
@@ -135,6 +136,37 @@ std::uint64_t logBytes(const std::string& directory) {
     // Not there yet: nothing published.
   }
   return total;
+}
+
+// A committed transaction: its number, the place of its database commit among all, and the hot
+// rows it changed.
+struct Commit {
+  std::uint64_t transaction;
+  std::uint64_t order;
+  std::vector<std::int64_t> hotRows;
+};
+
+// Compares the publication order of the logs in directory with the commit order of commits,
+// filling the summary's order figures. Logs of other transactions are left out.
+void compareOrders(const std::string& directory, const std::vector<Commit>& commits,
+                   CaptureSummary& summary) {
+  std::map<std::uint64_t, const Commit*> byNumber;
+  for (const Commit& c : commits) byNumber[c.transaction] = &c;
+  std::vector<const Commit*> published;
+  for (const LogFile& log : LogDirectory::list(directory)) {
+    auto found = byNumber.find(log.parsed.transaction);
+    if (found != byNumber.end()) published.push_back(found->second);
+  }
+  summary.orderedLogs = published.size();
+  std::map<std::int64_t, std::uint64_t> lastOnRow;  // each hot row's last log's commit order
+  for (std::size_t i = 0; i < published.size(); ++i) {
+    if (i > 0 && published[i - 1]->order > published[i]->order) ++summary.inverted;
+    for (const std::int64_t row : published[i]->hotRows) {
+      auto last = lastOnRow.find(row);
+      if (last != lastOnRow.end() && last->second > published[i]->order) ++summary.hotInverted;
+      lastOnRow[row] = published[i]->order;
+    }
+  }
 }
 
 }  // namespace
@@ -173,87 +205,159 @@ CaptureSummary CaptureDriver::run() {
   }
   status->dispose();
 
-  {
-    bool created = false;
-    Database db(options_.database, true, &created);
-    if (created) Workload::createSchema(db);
-  }
-
   const std::uint64_t bytesBefore = logBytes(options_.outputDirectory);
   CaptureSummary summary;
   std::mutex mutex;
   std::string failure;
   std::atomic<std::uint64_t> done{0};
+  std::atomic<std::uint64_t> commitOrder{0};
   std::atomic<bool> stop{false};
+  std::vector<Commit> commits;
+  auto fail = [&](const std::string& where, const std::string& what) {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (failure.empty()) failure = where + what;
+    stop = true;
+  };
+
+  // One transaction through the plugin and the database; body makes its changes and says whether
+  // to commit. A transaction ended by a lock conflict is rolled back and counted, like one rolled
+  // back on purpose; any other failure is thrown.
+  auto play = [&](Database& db, Workload& workload, bool hot, Firebird::IStatus* st,
+                  CaptureSummary& mine, std::vector<Commit>& committed, Clock::duration& pluginTime,
+                  const std::function<bool(Workload::Listener&)>& body) {
+    workload.begin(hot);
+    const std::uint64_t number = transactionNumber(db, workload.transaction());
+    st->init();
+    const auto begun = Clock::now();
+    Firebird::IReplTransaction* t = plugin->startTransaction(st, number);
+    pluginTime += Clock::now() - begun;
+    if (!t) {
+      workload.rollback();
+      throw std::runtime_error("startTransaction failed: " + statusText(st));
+    }
+    PluginTransaction listener(t, db.attachment(), workload.transaction(), st);
+    auto abandon = [&] {
+      try {
+        workload.rollback();
+      } catch (const Firebird::FbException&) {
+        // The failure that counts is the one that abandons the transaction.
+      }
+      t->dispose();
+    };
+    try {
+      if (body(listener)) {
+        st->init();
+        listener.check(listener.timed([&] { return t->commit(st); }));
+        workload.commit();
+        committed.push_back({number, commitOrder++, workload.hotRowsChanged()});
+        ++mine.committed;
+        mine.rows += listener.rows;
+        mine.statements += listener.statements;
+      } else {
+        workload.rollback();
+        ++mine.rolledBack;
+      }
+      listener.timed([&] {
+        t->dispose();
+        return 0;
+      });
+    } catch (const Firebird::FbException& e) {
+      abandon();
+      if (!Workload::isConflict(e)) throw;
+      ++mine.rolledBack;
+      ++mine.conflicts;
+    } catch (...) {
+      abandon();
+      throw;
+    }
+    pluginTime += listener.pluginTime;
+  };
+
+  std::int64_t keyBase = 0;
+  try {
+    bool created = false;
+    Database db(options_.database, true, &created);
+    if (created)
+      Workload::createSchema(db);
+    else
+      Workload::prepareKeys(db);
+    keyBase = Workload::reserveKeys(db, options_.threads);
+    if (options_.hotRows > 0) {
+      // The hot rows that are missing, inserted before the threads start.
+      Workload::Options w;
+      w.seed = options_.seed;
+      w.maxBlob = options_.maxBlob;
+      w.hotRows = options_.hotRows;
+      Workload workload(db, w);
+      Firebird::IStatus* st = master->getStatus();
+      CaptureSummary setup;
+      Clock::duration pluginTime{};
+      try {
+        play(db, workload, false, st, setup, commits, pluginTime,
+             [&](Workload::Listener& l) { return workload.insertHotRows(l) > 0; });
+      } catch (...) {
+        st->dispose();
+        throw;
+      }
+      st->dispose();
+      summary.committed += setup.committed;
+      summary.rows += setup.rows;
+    }
+  } catch (const Firebird::FbException& e) {
+    fail("", Database::describe(e));
+  } catch (const std::exception& e) {
+    fail("", e.what());
+  }
+
   const auto start = Clock::now();
   auto work = [&](int thread) {
     const auto threadStart = Clock::now();
     CaptureSummary mine;
+    std::vector<Commit> committed;
     Clock::duration pluginTime{};
+    const std::string who = "thread " + std::to_string(thread) + ": ";
     try {
       Database db(options_.database, false);
       Workload::Options w;
       w.seed = options_.seed;
       w.thread = thread;
+      w.keyBase = keyBase + thread * Workload::kKeyRange;
       w.maxBlob = options_.maxBlob;
+      w.hotRows = options_.hotRows;
       Workload workload(db, w);
       Firebird::IStatus* st = master->getStatus();
-      for (std::uint64_t index = static_cast<std::uint64_t>(thread);
-           index < options_.transactions && !stop;
-           index += static_cast<std::uint64_t>(options_.threads)) {
-        const std::uint64_t number = transactionNumber(db);
-        st->init();
-        const auto begun = Clock::now();
-        Firebird::IReplTransaction* t = plugin->startTransaction(st, number);
-        pluginTime += Clock::now() - begun;
-        if (!t) throw std::runtime_error("startTransaction failed: " + statusText(st));
-        PluginTransaction listener(t, db, st);
-        try {
-          const bool commit = workload.run(index, listener);
-          if (commit) {
-            st->init();
-            listener.check(listener.timed([&] { return t->commit(st); }));
-            db.commit();
-            ++mine.committed;
-            mine.rows += listener.rows;
-            mine.statements += listener.statements;
-          } else {
-            db.rollback();
-            ++mine.rolledBack;
-          }
-          listener.timed([&] {
-            t->dispose();
-            return 0;
-          });
-        } catch (...) {
-          db.rollback();
-          t->dispose();
-          throw;
+      try {
+        for (std::uint64_t index = static_cast<std::uint64_t>(thread);
+             index < options_.transactions && !stop;
+             index += static_cast<std::uint64_t>(options_.threads)) {
+          play(db, workload, workload.isHot(index), st, mine, committed, pluginTime,
+               [&](Workload::Listener& l) { return workload.run(index, l); });
+          ++done;
         }
-        pluginTime += listener.pluginTime;
-        ++done;
+      } catch (...) {
+        st->dispose();
+        throw;
       }
       st->dispose();
     } catch (const Firebird::FbException& e) {
-      std::lock_guard<std::mutex> lock(mutex);
-      failure = "thread " + std::to_string(thread) + ": " + Database::describe(e);
-      stop = true;
+      fail(who, Database::describe(e));
     } catch (const std::exception& e) {
-      std::lock_guard<std::mutex> lock(mutex);
-      failure = "thread " + std::to_string(thread) + ": " + e.what();
-      stop = true;
+      fail(who, e.what());
     }
     std::lock_guard<std::mutex> lock(mutex);
     summary.committed += mine.committed;
     summary.rolledBack += mine.rolledBack;
+    summary.conflicts += mine.conflicts;
     summary.rows += mine.rows;
     summary.statements += mine.statements;
     summary.pluginSeconds += std::chrono::duration<double>(pluginTime).count();
     summary.workSeconds += std::chrono::duration<double>(Clock::now() - threadStart).count();
+    commits.insert(commits.end(), committed.begin(), committed.end());
   };
 
   std::vector<std::thread> threads;
-  for (int i = 0; i < options_.threads; ++i) threads.emplace_back(work, i);
+  const bool ready = failure.empty();
+  for (int i = 0; i < options_.threads && ready; ++i) threads.emplace_back(work, i);
   while (options_.progress && done < options_.transactions && !stop) {
     std::this_thread::sleep_for(std::chrono::milliseconds(500));
     const double s = std::chrono::duration<double>(Clock::now() - start).count();
@@ -266,6 +370,13 @@ CaptureSummary CaptureDriver::run() {
   if (options_.progress) std::fprintf(stderr, "\r\033[K");
   summary.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   summary.logBytes = logBytes(options_.outputDirectory) - bytesBefore;
+  if (summary.logBytes > 0) {
+    try {
+      compareOrders(options_.outputDirectory, commits, summary);
+    } catch (const std::runtime_error& e) {
+      fail("", e.what());
+    }
+  }
   plugin->dispose();
   ::dlclose(library);
   if (!failure.empty()) throw std::runtime_error(failure);

@@ -4,6 +4,11 @@
 // database transaction. Order at the end of a transaction: the plugin's commit, the database's
 // commit, then dispose; a transaction rolled back in the database is disposed without commit.
 // Every transaction is disposed before the plugin.
+//
+// The driver also records the order in which the database's commits returned, and compares it
+// with the order in which the logs were published (LogDirectory's order): a thread that stalls
+// between the database's commit and the plugin's dispose, which publishes the log, lets a log
+// committed later be published first.
 #pragma once
 
 #include <cstdint>
@@ -18,20 +23,29 @@ struct CaptureOptions {
   std::uint64_t transactions = 1000;
   int threads = 1;
   std::size_t maxBlob = 4 << 20;
+  int hotRows = 0;        // rows shared by all threads (Workload's hot rows)
   bool progress = false;  // a line on stderr every second
 };
 
 struct CaptureSummary {
   std::uint64_t committed = 0;
   std::uint64_t rolledBack = 0;
+  std::uint64_t conflicts = 0;  // of the rolled back: ended by a lock conflict or a deadlock
   // Row changes and statements of committed transactions that no savepoint rollback undid:
   // what the published logs hold.
   std::uint64_t rows = 0;
   std::uint64_t statements = 0;
-  std::uint64_t logBytes = 0;    // bytes of the logs published
-  double seconds = 0;            // wall time of the workload
-  double pluginSeconds = 0;      // time inside the plugin's calls, all threads together
-  double workSeconds = 0;        // time of the threads' work, all threads together
+  std::uint64_t logBytes = 0;  // bytes of the logs published
+  double seconds = 0;          // wall time of the workload
+  double pluginSeconds = 0;    // time inside the plugin's calls, all threads together
+  double workSeconds = 0;      // time of the threads' work, all threads together
+  // Publication order against commit order: the published logs of this run's transactions, the
+  // adjacent pairs of them published in the opposite order of their commits, and of those
+  // inverted pairs, the ones among the logs that changed one hot row (taking each hot row's logs
+  // in publication order), which an applier must not take in publication order.
+  std::uint64_t orderedLogs = 0;
+  std::uint64_t inverted = 0;
+  std::uint64_t hotInverted = 0;
 };
 
 class CaptureDriver {

@@ -10,8 +10,13 @@
 
 namespace {
 
-// Keys of different threads never meet: each owns a range this wide.
-constexpr std::int64_t kKeyRange = 1000000000;
+constexpr std::int64_t kKeyRange = Workload::kKeyRange;
+// The sequence that key ranges are taken from. It starts below the first range, leaving the keys
+// under it to the hot rows.
+const char kKeySequence[] = "WORKLOAD_KEYS";
+// The columns a hot-row update sets: those of ITEMS after the key and before the blobs and the
+// array, which the hot transaction does not make.
+constexpr std::size_t kHotFirst = 1, kHotEnd = 21;
 
 struct Column {
   const char* name;
@@ -106,18 +111,26 @@ const Workload::Table kLines{"LINES", names(kLineColumns), {"ITEM_ID", "LINE"}, 
 // NOTES has no primary key; the workload finds its rows by TAG, which it keeps unique.
 const Workload::Table kNotes{"NOTES", names(kNoteColumns), {"TAG"}, "TAG"};
 
-// A note's tag sorts like its number, so that a thread's notes form a range of tags.
-std::string noteTag(std::int64_t key) {
+}  // namespace
+
+// Every key of a BIGINT takes the same width, so that a workload's notes form a range of tags.
+std::string Workload::noteTag(std::int64_t key) {
   char tag[24];
-  std::snprintf(tag, sizeof tag, "N%012lld", static_cast<long long>(key));
+  std::snprintf(tag, sizeof tag, "N%019lld", static_cast<long long>(key));
   return tag;
 }
 
-}  // namespace
+bool Workload::isConflict(const Firebird::FbException& e) {
+  const ISC_STATUS* errors = e.getStatus()->getErrors();
+  if (errors[0] != isc_arg_gds) return false;
+  return errors[1] == isc_deadlock || errors[1] == isc_update_conflict ||
+         errors[1] == isc_lock_conflict;
+}
 
 const char* const Workload::kTables[] = {"ITEMS", "LINES", "NOTES", "COUNTERS"};
 
 struct Workload::Prepared {
+  std::string sql;
   Firebird::IStatement* statement;
   std::unique_ptr<Message> in;
   std::unique_ptr<Message> out;  // for statements that return rows
@@ -138,31 +151,55 @@ void Workload::createSchema(Database& db) {
   db.executeAlone(
       "EXECUTE BLOCK AS DECLARE I INTEGER = 0; BEGIN WHILE (I < 64) DO BEGIN "
       "INSERT INTO COUNTERS VALUES (:I, 0); I = I + 1; END END");
+  prepareKeys(db);
+}
+
+void Workload::prepareKeys(Database& db) {
+  const std::string name = kKeySequence;
+  if (!db.texts("SELECT CAST(RDB$GENERATOR_NAME AS VARCHAR(63) CHARACTER SET UTF8) FROM "
+                "RDB$GENERATORS WHERE RDB$GENERATOR_NAME = '" +
+                name + "'")
+           .empty())
+    return;
+  // Above every key and tag in the tables, and never below the first range.
+  const auto used = db.texts(
+      "SELECT CAST(MAX(K) AS VARCHAR(24) CHARACTER SET UTF8) FROM (SELECT MAX(ID) AS K FROM ITEMS "
+      "UNION ALL SELECT MAX(ITEM_ID) FROM LINES UNION ALL SELECT "
+      "MAX(CAST(SUBSTRING(TAG FROM 2) AS BIGINT)) FROM NOTES)");
+  std::int64_t last = kKeyRange - 1;
+  if (!used.empty() && !used[0][0].empty())
+    last = std::max<std::int64_t>(last, std::stoll(used[0][0]));
+  db.commit();
+  db.executeAlone("CREATE SEQUENCE " + name);
+  // Sets its value whatever a new sequence starts at.
+  db.texts("SELECT CAST(GEN_ID(" + name + ", " + std::to_string(last) + " - GEN_ID(" + name +
+           ", 0)) AS VARCHAR(24) CHARACTER SET UTF8) FROM RDB$DATABASE");
+  db.commit();
+}
+
+std::int64_t Workload::reserveKeys(Database& db, int count) {
+  const auto last = db.texts(std::string("SELECT CAST(GEN_ID(") + kKeySequence + ", " +
+                             std::to_string(count * kKeyRange) +
+                             ") AS VARCHAR(24) CHARACTER SET UTF8) FROM RDB$DATABASE");
+  db.commit();
+  return static_cast<std::int64_t>(std::stoll(last.at(0).at(0))) - count * kKeyRange + 1;
 }
 
 Workload::Workload(Database& db, const Options& options)
     : db_(db),
       options_(options),
       random_(options.seed * 1000003 + static_cast<std::uint64_t>(options.thread)),
-      keyBase_((options.thread + 1) * kKeyRange),
-      nextKey_(keyBase_) {
-  // A workload run again on the same database goes on behind the keys it made before.
-  Prepared& p = statement("SELECT MAX(ID) FROM ITEMS WHERE ID >= ? AND ID < ?");
-  std::memcpy(p.in->data(0), &keyBase_, 8);
-  const std::int64_t end = keyBase_ + kKeyRange;
-  std::memcpy(p.in->data(1), &end, 8);
-  Firebird::IResultSet* rows = p.statement->openCursor(
-      db_.status(), db_.transaction(), p.in->metadata(), p.in->buffer(), p.out->metadata(), 0);
-  if (rows->fetchNext(db_.status(), p.out->buffer()) == Firebird::IStatus::RESULT_OK &&
-      !p.out->isNull(0)) {
-    std::int64_t max;
-    std::memcpy(&max, p.out->data(0), 8);
-    nextKey_ = max + 1;
-  }
-  rows->close(db_.status());
-}
+      keyBase_(options.keyBase),
+      nextKey_(keyBase_) {}
 
 Workload::~Workload() {
+  if (ownTransaction_ && transaction_) {
+    try {
+      rollback();
+    } catch (const Firebird::FbException&) {
+      // Ending anyway: the attachment's end rolls it back.
+    }
+  }
   for (auto& entry : statements_) {
     try {
       entry.second->statement->free(db_.status());
@@ -176,6 +213,7 @@ Workload::Prepared& Workload::statement(const std::string& sql) {
   std::unique_ptr<Prepared>& p = statements_[sql];
   if (!p) {
     p = std::make_unique<Prepared>();
+    p->sql = sql;
     p->statement = db_.prepare(sql);
     Firebird::IMessageMetadata* in = p->statement->getInputMetadata(db_.status());
     p->in = std::make_unique<Message>(db_.status(), in);
@@ -187,9 +225,55 @@ Workload::Prepared& Workload::statement(const std::string& sql) {
   return *p;
 }
 
-void Workload::execute(Prepared& p) {
-  p.statement->execute(db_.status(), db_.transaction(), p.in->metadata(), p.in->buffer(), nullptr,
+void Workload::change(Prepared& p) {
+  p.statement->execute(db_.status(), transaction_, p.in->metadata(), p.in->buffer(), nullptr,
                        nullptr);
+  // The plugin is told of one row: a statement that changed another would leave the logs short
+  // of a change, and the replica silently different.
+  const ISC_UINT64 rows = p.statement->getAffectedRecords(db_.status());
+  if (rows != 1)
+    throw std::runtime_error("the statement " + p.sql + " changed " + std::to_string(rows) +
+                             " rows where the plugin is told of one");
+}
+
+Firebird::IResultSet* Workload::open(Prepared& p) {
+  return p.statement->openCursor(db_.status(), transaction_, p.in->metadata(), p.in->buffer(),
+                                 p.out->metadata(), 0);
+}
+
+bool Workload::isHot(std::uint64_t index) const {
+  if (options_.hotRows <= 0) return false;
+  // The first draw of the transaction's own sequence, as run() makes it.
+  std::mt19937_64 random(options_.seed * 0x9E3779B97F4A7C15ull + index);
+  return random() % 4 == 0;
+}
+
+void Workload::begin(bool hot) {
+  ownTransaction_ = hot;
+  if (!hot) {
+    transaction_ = db_.transaction();
+    return;
+  }
+  static const unsigned char tpb[] = {isc_tpb_version3, isc_tpb_write, isc_tpb_read_committed,
+                                      isc_tpb_rec_version, isc_tpb_wait};
+  transaction_ = db_.attachment()->startTransaction(db_.status(), sizeof tpb, tpb);
+}
+
+void Workload::commit() {
+  if (ownTransaction_)
+    transaction_->commit(db_.status());
+  else
+    db_.commit();
+  transaction_ = nullptr;
+}
+
+void Workload::rollback() {
+  Firebird::ITransaction* t = transaction_;
+  transaction_ = nullptr;
+  if (!ownTransaction_)
+    db_.rollback();
+  else if (t)
+    t->rollback(db_.status());
 }
 
 std::string Workload::randomText(const Message::Field& f) {
@@ -331,8 +415,7 @@ bool Workload::pickRow(const Table& t, Message*& key) {
       std::memcpy(p.in->data(0), &start, 8);
       std::memcpy(p.in->data(1), &end, 8);
     }
-    Firebird::IResultSet* rows = p.statement->openCursor(
-        db_.status(), db_.transaction(), p.in->metadata(), p.in->buffer(), p.out->metadata(), 0);
+    Firebird::IResultSet* rows = open(p);
     const bool found =
         rows->fetchNext(db_.status(), p.out->buffer()) == Firebird::IStatus::RESULT_OK;
     rows->close(db_.status());
@@ -348,19 +431,17 @@ std::unique_ptr<RowImage> Workload::readRow(const Table& t, Message& key) {
   Prepared& p =
       statement(std::string("SELECT * FROM ") + t.name + " WHERE " + join(t.key, " = ?", " AND "));
   bindKey(key, key.count(), *p.in, 0);
-  Firebird::IResultSet* rows = p.statement->openCursor(
-      db_.status(), db_.transaction(), p.in->metadata(), p.in->buffer(), p.out->metadata(), 0);
+  Firebird::IResultSet* rows = open(p);
   const bool found = rows->fetchNext(db_.status(), p.out->buffer()) == Firebird::IStatus::RESULT_OK;
   rows->close(db_.status());
   if (!found) throw std::logic_error(std::string("a row of ") + t.name + " vanished");
   return std::make_unique<ResultSetRow>(t.name, p.out->metadata(), p.out->buffer());
 }
 
-void Workload::insertRow(Listener& l, const Table& t) {
+void Workload::insertRow(Listener& l, const Table& t, std::int64_t key) {
   Prepared& p = statement(std::string("INSERT INTO ") + t.name + " (" + join(t.columns, "", ", ") +
                           ") VALUES (" +
                           join(std::vector<std::string>(t.columns.size(), "?"), "", ", ") + ")");
-  const std::int64_t key = nextKey_++;
   for (std::size_t i = 0; i < t.columns.size(); ++i) fill(*p.in, i, t.name, t.columns[i]);
   // The key columns come first in every table.
   if (&t == &kNotes) {
@@ -374,14 +455,12 @@ void Workload::insertRow(Listener& l, const Table& t) {
     std::memcpy(p.in->data(1), &line, 2);
     p.in->setNull(1, false);
   }
-  execute(p);
+  change(p);
   // The new row, found by the key just inserted: the insert's first parameters are the key.
   Prepared& find = statement("SELECT FIRST 1 " + join(t.key, "", ", ") + " FROM " + t.name +
                              " WHERE " + join(t.key, " = ?", " AND "));
   bindKey(*p.in, t.key.size(), *find.in, 0);
-  Firebird::IResultSet* rows =
-      find.statement->openCursor(db_.status(), db_.transaction(), find.in->metadata(),
-                                 find.in->buffer(), find.out->metadata(), 0);
+  Firebird::IResultSet* rows = open(find);
   rows->fetchNext(db_.status(), find.out->buffer());
   rows->close(db_.status());
   std::unique_ptr<RowImage> row = readRow(t, *find.out);
@@ -390,7 +469,7 @@ void Workload::insertRow(Listener& l, const Table& t) {
 
 void Workload::updateRow(Listener& l, const Table& t) {
   Message* key;
-  if (!pickRow(t, key)) return insertRow(l, t);
+  if (!pickRow(t, key)) return insertRow(l, t, nextKey_++);
   std::unique_ptr<RowImage> before = readRow(t, *key);
   // A run of the columns that are not the key; now and then an item's key itself.
   const std::size_t first = t.key.size();
@@ -410,7 +489,7 @@ void Workload::updateRow(Listener& l, const Table& t) {
     p.in->setNull(0, false);
     std::memcpy(key->data(0), &id, 8);
   }
-  execute(p);
+  change(p);
   std::unique_ptr<RowImage> after = readRow(t, *key);
   l.updated(before.get(), after.get());
 }
@@ -422,8 +501,64 @@ void Workload::deleteRow(Listener& l, const Table& t) {
   Prepared& p =
       statement(std::string("DELETE FROM ") + t.name + " WHERE " + join(t.key, " = ?", " AND "));
   bindKey(*key, key->count(), *p.in, 0);
-  execute(p);
+  change(p);
   l.deleted(before.get());
+}
+
+void Workload::updateHotRows(Listener& l) {
+  // One to three of the hot rows, each once, locked in the order of their keys, so that
+  // transactions wait for each other but never deadlock.
+  std::vector<std::int64_t>& rows = hotChanged_;
+  const int count =
+      1 + static_cast<int>(random_() % static_cast<unsigned>(std::min(3, options_.hotRows)));
+  while (static_cast<int>(rows.size()) < count) {
+    const auto id =
+        static_cast<std::int64_t>(1 + random_() % static_cast<unsigned>(options_.hotRows));
+    if (std::find(rows.begin(), rows.end(), id) == rows.end()) rows.push_back(id);
+  }
+  std::sort(rows.begin(), rows.end());
+  Prepared& lock = statement("SELECT * FROM ITEMS WHERE ID = ? WITH LOCK");
+  for (const std::int64_t id : rows) {
+    // The old image is the row as locked, once the transaction holding it has ended (read
+    // committed: its last committed version): no other transaction can change it before this one
+    // ends.
+    std::memcpy(lock.in->data(0), &id, 8);
+    Firebird::IResultSet* cursor = open(lock);
+    const bool found =
+        cursor->fetchNext(db_.status(), lock.out->buffer()) == Firebird::IStatus::RESULT_OK;
+    cursor->close(db_.status());
+    if (!found) throw std::logic_error("hot row " + std::to_string(id) + " is missing");
+    ResultSetRow before("ITEMS", lock.out->metadata(), lock.out->buffer());
+    // Values set, not added to: applied in another order, the changes leave another row.
+    const std::size_t a = kHotFirst + random_() % (kHotEnd - kHotFirst);
+    const std::size_t b = a + 1 + random_() % (kHotEnd - a);
+    const std::vector<std::string> set(kItems.columns.begin() + static_cast<std::ptrdiff_t>(a),
+                                       kItems.columns.begin() + static_cast<std::ptrdiff_t>(b));
+    Prepared& p = statement("UPDATE ITEMS SET " + join(set, " = ?", ", ") + " WHERE ID = ?");
+    for (std::size_t i = 0; i < set.size(); ++i) fill(*p.in, i, "ITEMS", set[i]);
+    std::memcpy(p.in->data(set.size()), &id, 8);
+    p.in->setNull(set.size(), false);
+    change(p);
+    std::unique_ptr<RowImage> after = readRow(kItems, *lock.in);
+    l.updated(&before, after.get());
+  }
+}
+
+unsigned Workload::insertHotRows(Listener& l) {
+  random_.seed(options_.seed * 0x9E3779B97F4A7C15ull - 1);
+  unsigned inserted = 0;
+  Prepared& find = statement("SELECT ID FROM ITEMS WHERE ID = ?");
+  for (std::int64_t id = 1; id <= options_.hotRows; ++id) {
+    std::memcpy(find.in->data(0), &id, 8);
+    Firebird::IResultSet* rows = open(find);
+    const bool found =
+        rows->fetchNext(db_.status(), find.out->buffer()) == Firebird::IStatus::RESULT_OK;
+    rows->close(db_.status());
+    if (found) continue;
+    insertRow(l, kItems, id);
+    ++inserted;
+  }
+  return inserted;
 }
 
 void Workload::counterStatement(Listener& l) {
@@ -435,6 +570,13 @@ void Workload::counterStatement(Listener& l) {
 
 bool Workload::run(std::uint64_t index, Listener& l) {
   random_.seed(options_.seed * 0x9E3779B97F4A7C15ull + index);
+  hotChanged_.clear();
+  // The same draw as isHot's, made only when there are hot rows, so that a workload without them
+  // is the same as it always was.
+  if (options_.hotRows > 0 && random_() % 4 == 0) {
+    updateHotRows(l);
+    return true;
+  }
   const unsigned size = static_cast<unsigned>(random_() % 100);
   const unsigned operations = size < 70   ? 1 + random_() % 8
                               : size < 95 ? 9 + random_() % 32
@@ -444,19 +586,19 @@ bool Workload::run(std::uint64_t index, Listener& l) {
   for (unsigned op = 0; op < operations; ++op) {
     const unsigned r = static_cast<unsigned>(random_() % 100);
     if (r < 30) {
-      insertRow(l, kItems);
+      insertRow(l, kItems, nextKey_++);
     } else if (r < 50) {
       updateRow(l, kItems);
     } else if (r < 58) {
       deleteRow(l, kItems);
     } else if (r < 64) {
-      insertRow(l, kLines);
+      insertRow(l, kLines, nextKey_++);
     } else if (r < 68) {
       updateRow(l, kLines);
     } else if (r < 71) {
       deleteRow(l, kLines);
     } else if (r < 77) {
-      insertRow(l, kNotes);
+      insertRow(l, kNotes, nextKey_++);
     } else if (r < 81) {
       updateRow(l, kNotes);
     } else if (r < 84) {

@@ -9,7 +9,14 @@
 // INTEGER array); LINES has a primary key of two columns; NOTES has no primary key; COUNTERS is
 // changed only by SQL statements, which are reported as statements and not as rows.
 //
-// Each thread owns a range of keys, so that concurrent workloads never wait for each other.
+// Each workload owns a range of keys, so that concurrent workloads never wait for each other:
+// ranges are taken from the sequence WORKLOAD_KEYS, so that a workload run again on the same
+// database never makes a key or a NOTES tag that an earlier run made. Keys below the first range
+// are left for the hot rows: ITEMS rows 1 to hotRows, shared by every workload, which a quarter of
+// the transactions (by a seeded choice) change and nothing else, in READ COMMITTED transactions of
+// their own, so that transactions changing one row wait for each other and commit in a row.
+//
+// Every change is checked to have changed exactly one row before it is reported.
 #pragma once
 
 #include <cstdint>
@@ -18,6 +25,7 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <vector>
 
 #include "Database.h"
 #include "IReplRecord.h"
@@ -41,12 +49,27 @@ class Workload {
 
   struct Options {
     std::uint64_t seed = 1;
-    int thread = 0;  // this workload's key range
+    int thread = 0;            // this workload's COUNTERS row
+    std::int64_t keyBase = 0;  // the first key of this workload's range, from reserveKeys
     std::size_t maxBlob = 4 << 20;
+    int hotRows = 0;  // at most kMaxHotRows
   };
 
-  // Creates the tables (and the COUNTERS rows) in an empty database.
+  // Keys of one workload's range.
+  static constexpr std::int64_t kKeyRange = 1000000000;
+  static constexpr int kMaxHotRows = 1000;
+
+  // Creates the tables (and the COUNTERS rows) and the key sequence in an empty database.
   static void createSchema(Database& db);
+  // Creates the key sequence when the database lacks it (made by an earlier version), starting
+  // above every key and tag that any table holds.
+  static void prepareKeys(Database& db);
+  // Takes count key ranges from the sequence; the first key of the first, the others following.
+  static std::int64_t reserveKeys(Database& db, int count);
+  // The NOTES tag made of a key: it sorts like the key.
+  static std::string noteTag(std::int64_t key);
+  // Whether a failure is a lock conflict with a concurrent transaction (or a deadlock).
+  static bool isConflict(const Firebird::FbException& e);
   // Every table of the schema.
   static const char* const kTables[];
   struct Table;
@@ -54,14 +77,31 @@ class Workload {
   Workload(Database& db, const Options& options);
   ~Workload();
 
-  // Makes the changes of transaction number index in the database's current transaction,
-  // reporting each to listener. Returns false when the transaction is to be rolled back whole.
+  // Whether transaction number index changes hot rows.
+  bool isHot(std::uint64_t index) const;
+  // Starts the database transaction for a transaction that is hot or not: the database's own
+  // (concurrency, wait), or for hot rows one of the workload's (read committed, record version,
+  // wait). transaction() is the one started, for the plugin's calls; commit() and rollback() end
+  // it.
+  void begin(bool hot);
+  Firebird::ITransaction* transaction() const { return transaction_; }
+  void commit();
+  void rollback();
+
+  // Makes the changes of transaction number index in the transaction begun for it, reporting each
+  // to listener. Returns false when the transaction is to be rolled back whole.
   bool run(std::uint64_t index, Listener& listener);
+  // The hot rows that the last run changed.
+  const std::vector<std::int64_t>& hotRowsChanged() const { return hotChanged_; }
+  // Inserts the hot rows that are missing, reporting each; how many it inserted.
+  unsigned insertHotRows(Listener& listener);
 
  private:
   struct Prepared;
   Prepared& statement(const std::string& sql);
-  void execute(Prepared& p);
+  // Runs a statement that changes a row, and stops the workload unless it changed exactly one.
+  void change(Prepared& p);
+  Firebird::IResultSet* open(Prepared& p);
   // Sets parameter i, for column of table, to a random value (null now and then).
   void fill(Message& m, std::size_t i, const std::string& table, const std::string& column);
   std::string randomText(const Message::Field& f);
@@ -73,8 +113,9 @@ class Workload {
   // Copies the first count values of key into params from first on.
   static void bindKey(Message& key, std::size_t count, Message& params, std::size_t first);
 
-  void insertRow(Listener& l, const Table& t);
+  void insertRow(Listener& l, const Table& t, std::int64_t key);
   void updateRow(Listener& l, const Table& t);
+  void updateHotRows(Listener& l);
   void deleteRow(Listener& l, const Table& t);
   void counterStatement(Listener& l);
 
@@ -84,4 +125,7 @@ class Workload {
   std::int64_t keyBase_;
   std::int64_t nextKey_;
   std::map<std::string, std::unique_ptr<Prepared>> statements_;
+  Firebird::ITransaction* transaction_ = nullptr;
+  bool ownTransaction_ = false;  // a hot transaction, not the database's
+  std::vector<std::int64_t> hotChanged_;
 };

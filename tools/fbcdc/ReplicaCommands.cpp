@@ -84,6 +84,9 @@ void addCaptureOptions(CLI::App& app, CaptureArguments& a) {
   wholeNumber(
       app.add_option("--max-blob", a.options.maxBlob, "largest blob in bytes (default 4194304)"), 0,
       INT_MAX);
+  wholeNumber(
+      app.add_option("--hot-rows", a.options.hotRows, "rows shared by all threads (default 0)"), 0,
+      Workload::kMaxHotRows);
   app.add_option("--plugin", a.options.pluginLibrary, "the plugin (default: beside fbcdc)")
       ->type_name("FILE");
 }
@@ -98,6 +101,14 @@ int printSummary(const CaptureSummary& s) {
       static_cast<unsigned long long>(s.rows), static_cast<unsigned long long>(s.statements),
       mib(s.logBytes), s.seconds, static_cast<double>(s.committed + s.rolledBack) / s.seconds,
       100.0 * s.pluginSeconds / s.workSeconds);
+  if (s.conflicts > 0)
+    std::printf("capture: %llu of the rolled back ended by a lock conflict\n",
+                static_cast<unsigned long long>(s.conflicts));
+  std::printf(
+      "capture: publication order differs from commit order for %llu of %llu logs (adjacent "
+      "pairs inverted), %llu of them between logs changing one hot row\n",
+      static_cast<unsigned long long>(s.inverted), static_cast<unsigned long long>(s.orderedLogs),
+      static_cast<unsigned long long>(s.hotInverted));
   return kExitOk;
 }
 
