@@ -3,10 +3,12 @@
 #include <dlfcn.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <functional>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -152,20 +154,34 @@ void compareOrders(const std::string& directory, const std::vector<Commit>& comm
                    CaptureSummary& summary) {
   std::map<std::uint64_t, const Commit*> byNumber;
   for (const Commit& c : commits) byNumber[c.transaction] = &c;
-  std::vector<const Commit*> published;
+  std::vector<std::pair<const Commit*, std::int64_t>> published;  // and its publication time
   for (const LogFile& log : LogDirectory::list(directory)) {
     auto found = byNumber.find(log.parsed.transaction);
-    if (found != byNumber.end()) published.push_back(found->second);
+    if (found != byNumber.end()) published.emplace_back(found->second, log.publishedAt);
   }
   summary.orderedLogs = published.size();
   std::map<std::int64_t, std::uint64_t> lastOnRow;  // each hot row's last log's commit order
   for (std::size_t i = 0; i < published.size(); ++i) {
-    if (i > 0 && published[i - 1]->order > published[i]->order) ++summary.inverted;
-    for (const std::int64_t row : published[i]->hotRows) {
-      auto last = lastOnRow.find(row);
-      if (last != lastOnRow.end() && last->second > published[i]->order) ++summary.hotInverted;
-      lastOnRow[row] = published[i]->order;
+    const Commit& c = *published[i].first;
+    if (i > 0 && published[i - 1].first->order > c.order) {
+      ++summary.inverted;
+      summary.invertedSameTime += published[i - 1].second == published[i].second;
     }
+    for (const std::int64_t row : c.hotRows) {
+      auto last = lastOnRow.find(row);
+      if (last != lastOnRow.end() && last->second > c.order) ++summary.hotInverted;
+      lastOnRow[row] = c.order;
+    }
+  }
+  // In commit order, from the last: each log against the earliest published of those committed
+  // after it.
+  std::sort(published.begin(), published.end(),
+            [](const auto& a, const auto& b) { return a.first->order < b.first->order; });
+  std::int64_t earliestLater = std::numeric_limits<std::int64_t>::max();
+  for (auto p = published.rbegin(); p != published.rend(); ++p) {
+    if (earliestLater != std::numeric_limits<std::int64_t>::max())
+      summary.latestBy = std::max(summary.latestBy, p->second - earliestLater);
+    earliestLater = std::min(earliestLater, p->second);
   }
 }
 

@@ -39,13 +39,17 @@ struct CaptureSummary {
   double seconds = 0;          // wall time of the workload
   double pluginSeconds = 0;    // time inside the plugin's calls, all threads together
   double workSeconds = 0;      // time of the threads' work, all threads together
-  // Publication order against commit order: the published logs of this run's transactions, the
-  // adjacent pairs of them published in the opposite order of their commits, and of those
-  // inverted pairs, the ones among the logs that changed one hot row (taking each hot row's logs
-  // in publication order), which an applier must not take in publication order.
+  // Publication order against commit order, over the published logs of this run's transactions
+  // (orderedLogs): the adjacent pairs of them published in the opposite order of their commits;
+  // of those, the pairs with one publication time, which their names ordered; and the inverted
+  // pairs among the logs that changed one hot row (each hot row's logs in publication order),
+  // which an applier must not take in publication order. latestBy: the longest a log was
+  // published after one that committed after it, in nanoseconds (0 when none was).
   std::uint64_t orderedLogs = 0;
   std::uint64_t inverted = 0;
+  std::uint64_t invertedSameTime = 0;
   std::uint64_t hotInverted = 0;
+  std::int64_t latestBy = 0;
 };
 
 class CaptureDriver {

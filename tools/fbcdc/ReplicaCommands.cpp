@@ -106,9 +106,11 @@ int printSummary(const CaptureSummary& s) {
                 static_cast<unsigned long long>(s.conflicts));
   std::printf(
       "capture: publication order differs from commit order for %llu of %llu logs (adjacent "
-      "pairs inverted), %llu of them between logs changing one hot row\n",
+      "pairs inverted; %llu of one publication time, ordered by name; %llu changing one hot "
+      "row); a log was published up to %.1f ms after one committed after it\n",
       static_cast<unsigned long long>(s.inverted), static_cast<unsigned long long>(s.orderedLogs),
-      static_cast<unsigned long long>(s.hotInverted));
+      static_cast<unsigned long long>(s.invertedSameTime),
+      static_cast<unsigned long long>(s.hotInverted), static_cast<double>(s.latestBy) / 1e6);
   return kExitOk;
 }
 
