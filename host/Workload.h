@@ -14,7 +14,8 @@
 // database never makes a key or a NOTES tag that an earlier run made. Keys below the first range
 // are left for the hot rows: ITEMS rows 1 to hotRows, shared by every workload, which a quarter of
 // the transactions (by a seeded choice) change and nothing else, in READ COMMITTED transactions of
-// their own, so that transactions changing one row wait for each other and commit in a row.
+// their own, so that transactions changing one row wait for each other and commit one right after
+// the other.
 //
 // Every change is checked to have changed exactly one row before it is reported.
 #pragma once
