@@ -673,9 +673,15 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadARedisFollowersPosition) {
   ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
   const std::string port = std::to_string(ntohs(address.sin_port));
   ::close(probe);
-  const pid_t server = spawn({"redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "",
-                              "--appendonly", "no", "--dir", dir.path()},
-                             dir / "redis.out", dir / "redis.err");
+  // Stopped also when an assertion ends the test early.
+  struct Server {
+    pid_t pid;
+    ~Server() {
+      if (pid > 0) stop(pid, SIGTERM);
+    }
+  } server{spawn({"redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "",
+                  "--appendonly", "no", "--dir", dir.path()},
+                 dir / "redis.out", dir / "redis.err")};
   redisContext* redis = nullptr;
   for (int i = 0; i < 100 && (!redis || redis->err); ++i) {
     if (redis) redisFree(redis);
@@ -706,7 +712,8 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadARedisFollowersPosition) {
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_THAT(r.out, HasSubstr("prune: 3 logs removed"));
   EXPECT_EQ((Strings{published[3].name, PruneMark::kFileName}), listDirectory(logs));
-  stop(server, SIGTERM);
+  stop(server.pid, SIGTERM);
+  server.pid = -1;
   r = run(dir, {"prune", logs, "--consumer", "redis:" + at + "/erp"});
   EXPECT_EQ(1, r.status);
   EXPECT_THAT(r.err,
