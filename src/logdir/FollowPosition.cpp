@@ -10,8 +10,12 @@ bool FollowPosition::renamedAgain(const LogFile& log) const {
   if (log.name.size() != 37) return false;
   for (const std::string& name : names_) {
     LogName done;
+    // The second rename follows the first at once, however long the first stalled: an hour is
+    // allowed for that. A number met again later than that is another transaction (a restored
+    // database counts its transactions anew).
     if (name.compare(17, 16, log.name, 17, 16) == 0 && LogName::parse(name, done) &&
-        log.parsed.time - done.time >= kLateRenameSeconds)
+        log.parsed.time - done.time >= kLateRenameSeconds &&
+        log.parsed.time - done.time <= kLongestStallSeconds)
       return true;
   }
   return false;

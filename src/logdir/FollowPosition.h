@@ -11,8 +11,8 @@
 // again at every look.
 //
 // A log that the plugin renamed once more, because its first rename came late, carries the
-// transaction number of a log finished under its first name, at least half a minute earlier: it is
-// that log, and done. (Transaction numbers of one database never repeat; a directory shared by two
+// transaction number of a log finished under its first name, at least half a minute and at most an
+// hour earlier: it is that log, and done. (Transaction numbers of one database never repeat; a directory shared by two
 // databases whose numbers meet within one tick of the clock is the only case this could confuse.)
 //
 // Stored as text on one line: the time, then the names of that time, then, while it still decides
@@ -59,6 +59,7 @@ class FollowPosition {
   // The plugin renames a log once more when its publishing rename returned this many seconds or
   // more after the second in the name.
   static constexpr std::int64_t kLateRenameSeconds = 30;
+  static constexpr std::int64_t kLongestStallSeconds = 3600;
   bool renamedAgain(const LogFile& log) const;
 
   std::int64_t publishedAt_ = 0;

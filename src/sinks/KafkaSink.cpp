@@ -110,17 +110,27 @@ std::string KafkaSink::keyOf(const ChangeEvent& e) {
   JsonOutput buffer;
   rapidjson::Writer<JsonOutput> w(buffer);
   KeySink sink{w};
-  ValueRenderer renderer(format_);
+  // Keys are rendered in one fixed form whatever the output options, so that a follower started
+  // again with other options keeps every row in its partition.
+  static const EventFormat kKeyFormat;
+  ValueRenderer renderer(kKeyFormat);
   w.StartObject();
   for (const std::string& column : named->second) {
+    bool found = false;
     for (const FieldChange& f : e.fields) {
       if (f.name != column) continue;
+      found = true;
       const FieldValue& v = useNew || !f.before.present() ? f.after : f.before;
       keyBuffer_.clear();
       CharacterSets::appendValidUtf8(f.name, keyBuffer_);
       w.Key(keyBuffer_.data(), static_cast<unsigned>(keyBuffer_.size()));
       renderer.render(v, sink);
     }
+    // A key short of a column would put rows together, and a tombstone would remove them all.
+    if (!found)
+      throw std::runtime_error("log " + log_.file + ", event " + std::to_string(e.index) +
+                               ": the key column " + column + " of table " +
+                               std::string(e.relation) + " is not in the event (see --key)");
   }
   w.EndObject();
   return std::string(buffer.view());

@@ -74,7 +74,11 @@ std::string RedisSink::loadPosition() {
   for (const std::string& key : {positionKey(options_.prefix), options_.prefix + ":checkpoint"}) {
     redisReply* type = command({"TYPE", key});
     const std::string kind = textOf(type);
+    const bool refused = type->type == REDIS_REPLY_ERROR;
     freeReplyObject(type);
+    // A server still loading, or one that wants a password, must not pass for one without a
+    // position: the follower would send every log again.
+    if (refused) fail(kind);
     if (kind != "string") continue;
     redisReply* reply = command({"GET", key});
     const std::string text = textOf(reply);

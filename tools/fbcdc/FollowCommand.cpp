@@ -179,7 +179,10 @@ std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions&
       std::stringstream in(columns);
       std::vector<std::string>& named = o.keys[table];
       named.clear();
-      for (std::string c; std::getline(in, c, ',');) named.push_back(c);
+      for (std::string c; std::getline(in, c, ',');) {
+        const std::size_t first = c.find_first_not_of(' '), last = c.find_last_not_of(' ');
+        if (first != std::string::npos) named.push_back(c.substr(first, last - first + 1));
+      }
     }
     auto told = std::make_shared<std::set<std::string>>();
     o.keyedByName = [told, known = !a.keysFrom.empty()](const std::string& table) {
