@@ -1,7 +1,7 @@
-// Events and damage as users read them: golden JSON and text for a log with every kind of value,
+// Events as users read them: golden JSON and text for a log with every kind of value,
 // 64-bit integers read back exactly, END's counts against a model, one escaping for JSON and the
-// listing, the listing's marks and cuts, dump and verify wording damage alike, text forms of known
-// values, and the character set table against the server's own.
+// listing, the listing's marks and cuts, text forms of known values, and the character set table
+// against the server's own.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
@@ -120,53 +120,33 @@ TEST_F(EventWriterTest, SixtyFourBitIntegersReadBackExactly) {
                                  267232655130119182,
                                  std::numeric_limits<std::int64_t>::max(),
                                  std::numeric_limits<std::int64_t>::min()};
-  constexpr std::uint64_t kTransaction = 267232655130119182;
   LiteralRow row("T");
   std::vector<std::string> names;
   for (std::size_t i = 0; i < std::size(values); ++i) names.push_back("B" + std::to_string(i));
   for (std::size_t i = 0; i < std::size(values); ++i) row.addInt64(names[i].c_str(), values[i]);
   row.addLong("SMALL", std::numeric_limits<std::int32_t>::min());
-  ReplTransaction* t = begin(kTransaction);
+  ReplTransaction* t = begin(267232655130119182);
   EXPECT_EQ(0, t->insertRecord(status, nullptr, nullptr, &row));
   for (const std::int64_t v : values) EXPECT_EQ(0, t->executeSql(status, "select 1", v));
   EXPECT_EQ(0, t->commit(status)) << status.text();
   t->dispose();
   const std::string path = publishedLog();
-
+  // Each value exactly as written: a string unless numbers were asked for.
   for (const bool asNumber : {false, true}) {
     SCOPED_TRACE(asNumber ? "numbers" : "strings");
     EventFormat format;
     format.bigintAsNumber = asNumber;
-    // Read back as an exact integer, and expected as a string unless numbers were asked for.
-    auto check = [&](const rapidjson::Value& json, std::int64_t expected, const char* what) {
-      SCOPED_TRACE(what);
-      if (asNumber) {
-        ASSERT_TRUE(json.IsInt64());
-        EXPECT_EQ(expected, json.GetInt64());
-      } else {
-        ASSERT_TRUE(json.IsString());
-        EXPECT_EQ(std::to_string(expected), json.GetString());
-      }
+    const std::string json = render(path, "json", format);
+    auto shown = [&](const std::string& name, std::int64_t v) {
+      const std::string q = asNumber ? "" : "\"";
+      return '"' + name + "\":" + q + std::to_string(v) + q;
     };
-    std::istringstream lines(render(path, "json", format));
-    std::string line;
-    std::getline(lines, line);
-    rapidjson::Document insert;
-    ASSERT_FALSE(insert.Parse(line.c_str()).HasParseError()) << line;
-    for (std::size_t i = 0; i < std::size(values); ++i)
-      check(insert["after"][names[i].c_str()], values[i], names[i].c_str());
-    EXPECT_TRUE(insert["after"]["SMALL"].IsInt()) << line;
-    const rapidjson::Value& source = insert["source"]["transaction"];
-    if (asNumber)
-      EXPECT_TRUE(source.IsUint64() && source.GetUint64() == kTransaction) << line;
-    else
-      EXPECT_EQ(std::to_string(kTransaction), source.GetString()) << line;
-    for (const std::int64_t v : values) {
-      ASSERT_TRUE(std::getline(lines, line));
-      rapidjson::Document statement;
-      ASSERT_FALSE(statement.Parse(line.c_str()).HasParseError()) << line;
-      check(statement["sql"]["number"], v, "statement number");
+    for (std::size_t i = 0; i < std::size(values); ++i) {
+      EXPECT_THAT(json, HasSubstr(shown(names[i], values[i]) + ","));
+      EXPECT_THAT(json, HasSubstr(shown("number", values[i]) + "}"));
     }
+    EXPECT_THAT(json, HasSubstr(shown("transaction", values[5]) + ","));
+    EXPECT_THAT(json, HasSubstr("\"SMALL\":-2147483648}"));
   }
   const std::string text = render(path, "text", EventFormat());
   for (std::size_t i = 0; i < std::size(values); ++i)
@@ -363,59 +343,6 @@ TEST_F(EventWriterTest, ListingCutsLongValues) {
   const std::string json = render(path, "json", EventFormat());
   EXPECT_NE(std::string::npos, json.find("\"DOC\":\"" + base64 + "\"")) << "the whole blob";
   EXPECT_NE(std::string::npos, json.find("\"TEXT\":\"" + accents + "\"")) << "the whole text";
-}
-
-// dump and verify word the same damage alike: the block, log position and reason that dump
-// prints after the file's name are what verify prints after its verdict, for damage that the
-// block reader finds (a CRC, a short block) as for damage under valid CRCs.
-TEST_F(EventWriterTest, DumpAndVerifyWordDamageAlike) {
-  ReplTransaction* t = begin();
-  for (int i = 0; i < 800; ++i)
-    EXPECT_EQ(0, t->executeSql(status, std::string(200, 'a').c_str(), i));
-  EXPECT_EQ(0, t->commit(status)) << status.text();
-  t->dispose();
-  const Bytes good = readFile(publishedLog());
-  ASSERT_GT(good.size(), 3u * 32768);
-  const Bytes stream = streamOf(good);
-  auto flipped = [&](std::size_t at) {
-    Bytes b = good;
-    b[at] ^= 0x10;
-    return b;
-  };
-  Bytes retagged = stream;
-  retagged[5] = 'Q';  // the first record's tag
-  // Case, file, where and why.
-  const std::tuple<const char*, Bytes, const char*> cases[] = {
-      {"CRC in block 2", flipped(2 * 32768 + 100), "block 2, log position 65536: CRC mismatch"},
-      {"CRC in the header's block", flipped(2), "block 0, log position 0: CRC mismatch"},
-      {"short last block", Bytes(good.begin(), good.begin() + 2 * 32768 + 3),
-       "block 2, log position 65536: the block is too short"},
-      {"empty file", Bytes(), "block 0, log position 0: the log ends where it should hold"},
-      {"record tag", containerOf(retagged), "block 0, log position 5: expected a record tag"},
-      {"cut stream", containerOf(Bytes(stream.begin(), stream.begin() + 1000)),
-       "block 0, log position 1004: the log ends where it should hold"},
-  };
-  int n = 0;
-  for (const auto& [name, bytes, wording] : cases) {
-    SCOPED_TRACE(name);
-    const std::string path =
-        dir / ("0000000000000001_000000000000000" + std::to_string(++n) + ".fbl");
-    writeFile(path, bytes);
-    const std::string dumped = dir / "dump.err", verified = dir / "verify.out";
-    EXPECT_EQ(1, waitFor(spawn({FBCDC_CLI_PATH, "dump", path}, dir / "dump.out", dumped)));
-    EXPECT_EQ(1,
-              waitFor(spawn({FBCDC_CLI_PATH, "verify", "-q", path}, verified, dir / "verify.err")));
-    // What follows each command's own words, to the end of the line.
-    auto after = [](const std::string& text, const std::string& start) {
-      const std::size_t at = text.find(start);
-      if (at == std::string::npos) return "(missing) " + text;
-      return text.substr(at + start.size(), text.find('\n', at) - at - start.size());
-    };
-    const std::string dump = after(readText(dumped), "fbcdc dump: " + path + ": ");
-    const std::string verify = after(readText(verified), path + ": damaged: ");
-    EXPECT_EQ(verify, dump);
-    EXPECT_THAT(dump, ::testing::StartsWith(wording));
-  }
 }
 
 // Edge forms; the usual ones (scaled values, the ISO time, a WIN1252 euro sign, sets shown as

@@ -68,86 +68,69 @@ class FbcdcCommandTest : public PluginFixture {
 TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
   writeFile(dir / "plain.fbl", readFile(publish(1, 3)));
   writeFile(dir / "other.txt", "");
-  const std::string logs = this->logs, none = dir / "none/x.pos";
+  const std::string none = dir / "none/x.pos";
   auto see = [](const char* command, const std::string& text) {
     return "fbcdc " + std::string(command) + ": " + text + " (see fbcdc " + command + " --help)\n";
   };
-  // Arguments, exit status, text expected in stdout, text expected in stderr (the whole of it
-  // where it ends in a newline).
-  const std::tuple<std::vector<std::string>, int, std::string, std::string> cases[] = {
-      {{}, 2, "", "usage: fbcdc COMMAND"},
-      {{"--help"}, 0, "commands:", ""},
-      {{"help", "dump"}, 0, "Usage: fbcdc dump", ""},
-      {{"verify", "--help"}, 0, "Usage: fbcdc verify", ""},
-      {{"nosuch"}, 2, "", "fbcdc: unknown command \"nosuch\" (see fbcdc --help)\n"},
-      {{"help", "nosuch"}, 2, "", "unknown command"},
-      {{"dump"}, 2, "", see("dump", "FILE|DIR missing")},
-      {{"dump", "--format", "xml", logs}, 2, "", see("dump", "--format: xml is not json or text")},
-      {{"dump", logs, "--format"}, 2, "", see("dump", "--format needs a value")},
-      {{"dump", "--to", "a", "--to", "b", logs}, 2, "", see("dump", "--to given more than once")},
-      {{"dump", "--bogus", logs}, 2, "", see("dump", "unknown option --bogus")},
-      {{"compare", "a", "b", "c"}, 2, "", see("compare", "unexpected argument c")},
-      {{"dump", "--since", "2023-11-14T22:13:20", logs},
-       2,
-       "",
+  // Arguments (L/ the log directory, D/ the test's directory), exit status, text expected in
+  // stdout, text expected in stderr (the whole of it where it ends in a newline).
+  const std::tuple<std::string, int, std::string, std::string> cases[] = {
+      {"", 2, "", "usage: fbcdc COMMAND"},
+      {"--help", 0, "commands:", ""},
+      {"help dump", 0, "Usage: fbcdc dump", ""},
+      {"verify --help", 0, "Usage: fbcdc verify", ""},
+      {"nosuch", 2, "", "fbcdc: unknown command \"nosuch\" (see fbcdc --help)\n"},
+      {"help nosuch", 2, "", "unknown command"},
+      {"dump", 2, "", see("dump", "FILE|DIR missing")},
+      {"dump --format xml L/", 2, "", see("dump", "--format: xml is not json or text")},
+      {"dump L/ --format", 2, "", see("dump", "--format needs a value")},
+      {"dump --to a --to b L/", 2, "", see("dump", "--to given more than once")},
+      {"dump --bogus L/", 2, "", see("dump", "unknown option --bogus")},
+      {"compare a b c", 2, "", see("compare", "unexpected argument c")},
+      {"dump --since 2023-11-14T22:13:20 L/", 2, "",
        see("dump",
            "--since: 2023-11-14T22:13:20 is not a time; give 2023-11-14T22:13:20Z, "
            "2023-11-14 or @1700000000 (UTC)")},
-      {{"dump", "--since", "2026-02-30", logs}, 2, "", "is not a time"},
-      {{"dump", "--until", "@99", logs}, 0, "", ""},  // every log is later
-      {{"dump", "--since", "2023-11-14", "--until", "2099-01-01T00:00:00Z", logs}, 0, "op", ""},
-      {{"follow", logs, "--key", "T=A"}, 2, "", see("follow", "--key is for --sink kafka")},
-      {{"follow", logs, "--sink", "kafka", "--brokers", "b:1", "--maxlen", "5"},
-       2,
-       "",
+      {"dump --since 2026-02-30 L/", 2, "", "is not a time"},
+      {"dump --until @99 L/", 0, "", ""},  // every log is later
+      {"dump --since 2023-11-14 --until 2099-01-01T00:00:00Z L/", 0, "op", ""},
+      {"follow L/ --key T=A", 2, "", see("follow", "--key is for --sink kafka")},
+      {"follow L/ --sink kafka --brokers b:1 --maxlen 5", 2, "",
        see("follow", "--maxlen is for --sink redis")},
-      {{"follow", logs, "--sink", "redis", "--maxlen", "-5"},
-       2,
-       "",
+      {"follow L/ --sink redis --maxlen -5", 2, "",
        see("follow", "--maxlen: -5 is not a whole number of at least 0")},
-      {{"follow", logs, "--sink", "kafka"},
-       2,
-       "",
-       see("follow", "--brokers is needed with --sink kafka")},
-      {{"follow", logs, "--sink", "redis", "--checkpoint", "c"}, 2, "", "--checkpoint is not for"},
-      {{"follow", logs, "--sink", "redis", "--format", "text"}, 2, "", "--format text is for"},
-      {{"follow", logs, "--once", "--checkpoint", none},
-       1,
-       "",
+      {"follow L/ --sink kafka", 2, "", see("follow", "--brokers is needed with --sink kafka")},
+      {"follow L/ --sink redis --checkpoint c", 2, "", "--checkpoint is not for"},
+      {"follow L/ --sink redis --format text", 2, "", "--format text is for"},
+      {"follow L/ --once --checkpoint D/none/x.pos", 1, "",
        "fbcdc follow: cannot keep the position in " + none + ": " + (dir / "none") +
            ": No such file or directory\n"},
-      {{"follow", logs, "--once", "--sink", "kafka", "--brokers", "b:1", "-X", "no.such=1"},
-       2,
-       "",
+      {"follow L/ --once --sink kafka --brokers b:1 -X no.such=1", 2, "",
        "Kafka setting no.such=1"},
-      {{"capture", "--database", "x", "--threads", "0"},
-       2,
-       "",
+      {"capture --database x --threads 0", 2, "",
        see("capture", "--threads: 0 is not a whole number from 1 to 64")},
-      {{"apply", "--follow=out", "--database", "r", logs},
-       2,
-       "",
-       see("apply", "--follow takes no value")},
-      {{"apply", "--database", "r", "--follow", logs, logs},
-       2,
-       "",
+      {"apply --follow=out --database r L/", 2, "", see("apply", "--follow takes no value")},
+      {"apply --database r --follow L/ L/", 2, "",
        see("apply", "--follow takes exactly one directory")},
-      {{"apply", "--database", dir / "none.fdb", dir / "plain.fbl"},
-       2,
-       "",
-       "not named as a published log"},
-      {{"demo", "--dir", dir.path()}, 2, "", ", which no demo made; give another --dir"},
-      {{"dump", dir / "none"}, 1, "", "no such file"},
-      {{"dump", logs}, 0, "\"op\":\"sql\"", ""},
-      {{"verify", logs}, 0, "1 published logs: 1 valid", ""},
-      {{"follow", dir / "none"}, 1, "", "not a directory"},
-      {{"dump", dir / "."}, 0, "", "no published logs there"},
-      {{"verify", "/dev/zero"}, 1, "", "not a regular file"},
-      {{"follow", logs, "--until", "2000-01-01"}, 0, "", ""},  // ends: no log can come
-      {{"follow", logs, "--to", "0000000000000001_0000000000000000.fbl"}, 0, "", ""},
+      {"apply --database D/none.fdb D/plain.fbl", 2, "", "not named as a published log"},
+      {"demo --dir D/", 2, "", ", which no demo made; give another --dir"},
+      {"dump D/none", 1, "", "no such file"},
+      {"dump L/", 0, "\"op\":\"sql\"", ""},
+      {"verify L/", 0, "1 published logs: 1 valid", ""},
+      {"follow D/none", 1, "", "not a directory"},
+      {"dump D/.", 0, "", "no published logs there"},
+      {"verify /dev/zero", 1, "", "not a regular file"},
+      {"follow L/ --until 2000-01-01", 0, "", ""},  // ends: no log can come
+      {"follow L/ --to 0000000000000001_0000000000000000.fbl", 0, "", ""},
   };
-  for (const auto& [args, exitStatus, out, err] : cases) {
-    SCOPED_TRACE(::testing::PrintToString(args));
+  for (const auto& [line, exitStatus, out, err] : cases) {
+    SCOPED_TRACE(line);
+    std::vector<std::string> args;
+    std::istringstream words(line);
+    for (std::string w; words >> w;)
+      args.push_back(w.rfind("L/", 0) == 0   ? logs + w.substr(2)
+                     : w.rfind("D/", 0) == 0 ? dir / w.substr(2)
+                                             : w);
     const Outcome r = run(dir, args);
     EXPECT_EQ(exitStatus, r.status) << r.err;
     EXPECT_THAT(r.out, HasSubstr(out));
@@ -176,40 +159,61 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
   }
 }
 
-// A flipped bit is found in its block; damage under valid CRCs at its position; temporary logs
-// are classified, not counted as damage.
-TEST_F(FbcdcCommandTest, VerifyNamesBlockAndPosition) {
+// dump and verify name damage alike: the block, log position and reason that dump prints after the
+// file's name are what verify prints after its verdict, for damage that the block reader finds (a
+// CRC, a short block) as for damage under valid CRCs; temporary logs are classified, not damage.
+TEST_F(FbcdcCommandTest, DumpAndVerifyNameBlockAndPosition) {
   const Bytes good = readFile(publish(1, 800, 200));
   ASSERT_GT(good.size(), 4u * 32768);
-  const std::string checked = dir / "checked";
-  ::mkdir(checked.c_str(), 0700);
-  auto put = [&](const std::string& name, const Bytes& b) { writeFile(checked + "/" + name, b); };
-  put("0000000000000001_0000000000000001.fbl", good);
-  Bytes flipped = good;
-  flipped[2 * 32768 + 100] ^= 0x10;
-  put("0000000000000001_0000000000000002.fbl", flipped);
-  // The statement tag of the record at stream offset 70000 or so, changed and resealed.
-  Bytes stream = streamOf(good);
-  const std::size_t tag = 5 + 330 * 214;  // each record: 53 00 len text 13 00 00 number
+  const Bytes stream = streamOf(good);
+  auto flipped = [](Bytes b, std::size_t at, std::uint8_t bits) {
+    b[at] ^= bits;
+    return b;
+  };
+  // The statement tag of a record in block 2 (each record: 53 00 len text 13 00 00 number), at a
+  // log position that counts the 4 bytes of every block before it.
+  const std::size_t tag = 5 + 330 * 214, position = tag + 4 * (tag / 32764);
   ASSERT_EQ('S', stream[tag]);
-  stream[tag] = 'Q';
-  put("0000000000000001_0000000000000003.fbl", containerOf(stream));
-  put("0000000000000001_0000000000000004.tmp", good);
-  put("0000000000000001_0000000000000005.tmp", Bytes(good.begin(), good.begin() + 3 * 32768));
-
-  const Outcome r = run(dir, {"verify", checked});
-  EXPECT_EQ(1, r.status);
-  const std::int64_t position = tag + 4 * (tag / 32764);
-  for (const std::string& line :
-       {checked + "/0000000000000001_0000000000000002.fbl: damaged: block 2, log position 65536: "
-                  "CRC mismatch",
-        "0000000000000003.fbl: damaged: block " + std::to_string(position >> 15) +
-            ", log position " + std::to_string(position) + ": expected a record tag",
-        std::string("0004.tmp: complete but never published (800 events)"),
-        std::string("0005.tmp: incomplete: block 3, log position 98304"),
-        std::string("3 published logs: 1 valid, 2 damaged; 2 temporary")})
-    EXPECT_THAT(r.out, HasSubstr(line));
-  EXPECT_EQ(0, run(dir, {"verify", checked + "/0000000000000001_0000000000000001.fbl"}).status);
+  // Each damaged log and what both commands say of it.
+  const std::pair<Bytes, std::string> cases[] = {
+      {flipped(good, 2 * 32768 + 100, 0x10), "block 2, log position 65536: CRC mismatch"},
+      {flipped(good, 2, 0x10), "block 0, log position 0: CRC mismatch"},
+      {Bytes(good.begin(), good.begin() + 2 * 32768 + 3),
+       "block 2, log position 65536: the block is too short"},
+      {Bytes(), "block 0, log position 0: the log ends where it should hold"},
+      {containerOf(flipped(stream, tag, 'S' ^ 'Q')),
+       "block 2, log position " + std::to_string(position) + ": expected a record tag"},
+      {containerOf(Bytes(stream.begin(), stream.begin() + 1000)),
+       "block 0, log position 1004: the log ends where it should hold"},
+  };
+  const std::string named = dir / "checked/0000000000000001_000000000000000";
+  ::mkdir((dir / "checked").c_str(), 0700);
+  writeFile(named + "0.fbl", good);
+  for (std::size_t i = 0; i < std::size(cases); ++i)
+    writeFile(named + std::to_string(i + 1) + ".fbl", cases[i].first);
+  writeFile(named + "8.tmp", good);
+  writeFile(named + "9.tmp", Bytes(good.begin(), good.begin() + 3 * 32768));
+  const Outcome verify = run(dir, {"verify", dir / "checked"});
+  EXPECT_EQ(1, verify.status);
+  for (const char* line : {"0008.tmp: complete but never published (800 events)",
+                           "0009.tmp: incomplete: block 3, log position 98304",
+                           "7 published logs: 1 valid, 6 damaged; 2 temporary"})
+    EXPECT_THAT(verify.out, HasSubstr(line));
+  // What follows each command's own words, to the end of the line.
+  auto after = [](const std::string& text, const std::string& start) {
+    const std::size_t at = text.find(start);
+    if (at == std::string::npos) return "(missing) " + text;
+    return text.substr(at + start.size(), text.find('\n', at) - at - start.size());
+  };
+  for (std::size_t i = 0; i < std::size(cases); ++i) {
+    SCOPED_TRACE(cases[i].second);
+    const std::string path = named + std::to_string(i + 1) + ".fbl";
+    const Outcome dump = run(dir, {"dump", path});
+    EXPECT_EQ(1, dump.status);
+    const std::string said = after(dump.err, "fbcdc dump: " + path + ": ");
+    EXPECT_EQ(after(verify.out, path + ": damaged: "), said);
+    EXPECT_THAT(said, ::testing::StartsWith(cases[i].second));
+  }
 }
 
 // The follower is killed at random moments while logs are published, and started again with the
