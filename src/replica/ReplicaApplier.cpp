@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstring>
 
 #include "LogDecoder.h"
@@ -37,23 +38,10 @@ std::string join(const std::vector<std::string>& items, const char* separator) {
   return out;
 }
 
-// Whether the old-value check compares a text by its bytes (see checkedColumn).
-bool byBytes(const FieldValue& v) {
-  return v.kind == FieldValue::Kind::kText && !(v.typeCode == 1 && v.charSet == 1);
-}
-
-// The column as the old-value check compares it with the log's value. Texts by their bytes, cast
-// to OCTETS, so that neither a collation that ignores case or accents nor the pad that makes 'a'
-// equal 'a ' hides a difference, with a closing byte that keeps trailing zero bytes (OCTETS's pad)
-// apart; a fixed-length text loses its trailing blanks first, as the log drops its pad, and one of
-// OCTETS, padded with zero bytes in column and log alike, compares as it is. Every other value
-// compares as the server holds it, exactly: a FLOAT column with the log's double, which holds the
-// float's value exactly; scaled numbers, dates and times as the integers they are.
-std::string checkedColumn(const FieldChange& f) {
-  const std::string column = Database::quote(f.name);
-  if (!byBytes(f.before)) return column;
-  return "CAST(" + (f.before.typeCode == 1 ? "TRIM(TRAILING FROM " + column + ")" : column) +
-         " AS VARCHAR(32765) CHARACTER SET OCTETS) || X'01'";
+std::string literal(std::string_view text) {
+  std::string out = "'";
+  for (const char c : text) out += c == '\'' ? std::string("''") : std::string(1, c);
+  return out + "'";
 }
 
 }  // namespace
@@ -63,7 +51,7 @@ std::string checkedColumn(const FieldChange& f) {
 struct ReplicaApplier::Binder {
   explicit Binder(Database& database) : db(database) {}
   ~Binder() {
-    for (auto& m : metadata) m.second->release();
+    for (auto& l : layouts) l.second.metadata->release();
   }
 
   struct Param {
@@ -73,13 +61,22 @@ struct ReplicaApplier::Binder {
     unsigned charSet = 0;
     bool null = true;
     std::string bytes;
+    int subType = 0;  // blobs: their column's
+    unsigned blobCharSet = 0;
   };
 
-  void clear() { params.clear(); }
+  // The parameters are kept between executions, with the room their bytes took.
+  void clear() { count = 0; }
 
   void add(const FieldValue& v, std::string_view table, std::string_view column) {
     using Kind = FieldValue::Kind;
-    Param p;
+    if (count == params.size()) params.emplace_back();
+    Param& p = params[count];
+    p.type = SQL_VARYING;
+    p.length = 1;
+    p.scale = 0;
+    p.charSet = 0;
+    p.bytes.clear();
     p.null = v.kind == Kind::kNull;
     auto fixed = [&p](unsigned type, const void* data, std::size_t n) {
       p.type = type;
@@ -117,7 +114,13 @@ struct ReplicaApplier::Binder {
         fixed(SQL_INT64, &v.integer, 8);
         p.scale = v.scale;
         break;
-      case Kind::kFloat:
+      case Kind::kFloat: {
+        // The writer widened the column's float to a double, exactly: narrowed back, it is the
+        // float again.
+        const auto x = static_cast<float>(v.real);
+        fixed(SQL_FLOAT, &x, 4);
+        break;
+      }
       case Kind::kDouble:
         fixed(SQL_DOUBLE, &v.real, 8);
         break;
@@ -159,68 +162,95 @@ struct ReplicaApplier::Binder {
         break;
       }
     }
-    params.push_back(std::move(p));
+    ++count;
   }
 
-  // An old value to compare with checkedColumn's form of its column.
-  void addChecked(const FieldValue& v, std::string_view table, std::string_view column) {
-    if (!byBytes(v)) return add(v, table, column);
-    std::string bytes(v.bytes);
-    bytes += '\x01';
-    FieldValue octets = v;
-    octets.charSet = 1;
-    octets.bytes = bytes;
-    add(octets, table, column);
+  // An old value to compare with its column as the check does (see Checked).
+  void addChecked(const FieldValue& v, Checked::How how, std::string_view table,
+                  std::string_view column) {
+    if (how == Checked::kAsIs || v.kind != FieldValue::Kind::kText) return add(v, table, column);
+    closed.assign(v.bytes);
+    closed += '\x01';
+    FieldValue text = v;
+    if (how == Checked::kOctets) text.charSet = 1;
+    text.bytes = closed;
+    add(text, table, column);
   }
 
-  // The message for the parameters, laid out by metadata shared by every execution of the same
-  // layout. Blob parameters take the sub type and character set of their columns, so that the
-  // server stores the blob as it is.
-  Firebird::IMessageMetadata* build(Firebird::IMessageMetadata* columns,
-                                    std::vector<unsigned char>& buffer) {
+  // The message for the parameters of a statement, laid out by metadata shared by every execution
+  // of the same layout. A null takes the shape that the statement describes for its parameter,
+  // and a text the length, so that the layouts of one statement are few. Blob parameters take
+  // the sub type and character set of their columns, so that the server stores the blob as it is.
+  Firebird::IMessageMetadata* build(const Prepared& statement, std::vector<unsigned char>& buffer) {
     Firebird::ThrowStatusWrapper* st = db.status();
-    std::string signature;
-    std::vector<int> subTypes(params.size(), 0);
-    std::vector<unsigned> blobCharSets(params.size(), 0);
-    for (std::size_t i = 0; i < params.size(); ++i) {
-      const Param& p = params[i];
-      if (p.type == SQL_BLOB) {
-        subTypes[i] = columns->getSubType(st, static_cast<unsigned>(i));
-        blobCharSets[i] = columns->getCharSet(st, static_cast<unsigned>(i));
+    signature.clear();
+    for (std::size_t i = 0; i < count; ++i) {
+      Param& p = params[i];
+      const Prepared::Param* described =
+          i < statement.params.size() ? &statement.params[i] : nullptr;
+      if (described) {
+        const bool text = described->type == SQL_TEXT || described->type == SQL_VARYING;
+        if (p.null) {
+          p.type = text ? SQL_VARYING : described->type;
+          p.length = described->length;
+          p.scale = described->scale;
+          p.charSet = described->charSet;
+        } else if (text && p.type == SQL_VARYING && p.bytes.size() - 2 <= described->length) {
+          p.length = std::max(described->length, 1u);
+        }
       }
-      signature += std::to_string(p.type) + ":" + std::to_string(p.length) + ":" +
-                   std::to_string(p.scale) + ":" + std::to_string(p.charSet) + ":" +
-                   std::to_string(subTypes[i]) + ":" + std::to_string(blobCharSets[i]) + ";";
+      p.subType = described && p.type == SQL_BLOB ? described->subType : 0;
+      p.blobCharSet = described && p.type == SQL_BLOB ? described->charSet : 0;
+      const int shape[] = {static_cast<int>(p.type),
+                           static_cast<int>(p.length),
+                           p.scale,
+                           static_cast<int>(p.charSet),
+                           p.subType,
+                           static_cast<int>(p.blobCharSet)};
+      signature.append(reinterpret_cast<const char*>(shape), sizeof shape);
     }
-    Firebird::IMessageMetadata*& meta = metadata[signature];
-    if (!meta) {
-      Firebird::IMetadataBuilder* b = Firebird::fb_get_master_interface()->getMetadataBuilder(
-          st, static_cast<unsigned>(params.size()));
-      for (unsigned i = 0; i < params.size(); ++i) {
+    Layout& layout = layouts[signature];
+    if (!layout.metadata) {
+      Firebird::IMetadataBuilder* b =
+          Firebird::fb_get_master_interface()->getMetadataBuilder(st, static_cast<unsigned>(count));
+      for (unsigned i = 0; i < count; ++i) {
         const Param& p = params[i];
         b->setType(st, i, p.type | 1);
         b->setLength(st, i, p.length);
         b->setScale(st, i, p.scale);
-        b->setCharSet(st, i, p.type == SQL_BLOB ? blobCharSets[i] : p.charSet);
-        b->setSubType(st, i, subTypes[i]);
+        b->setCharSet(st, i, p.type == SQL_BLOB ? p.blobCharSet : p.charSet);
+        b->setSubType(st, i, p.subType);
       }
-      meta = b->getMetadata(st);
+      layout.metadata = b->getMetadata(st);
       b->release();
+      layout.length = layout.metadata->getMessageLength(st);
+      for (unsigned i = 0; i < count; ++i) {
+        layout.offsets.push_back(layout.metadata->getOffset(st, i));
+        layout.nullOffsets.push_back(layout.metadata->getNullOffset(st, i));
+      }
     }
-    buffer.assign(meta->getMessageLength(st), 0);
-    for (unsigned i = 0; i < params.size(); ++i) {
+    if (buffer.size() < layout.length) buffer.resize(layout.length);
+    for (unsigned i = 0; i < count; ++i) {
       const Param& p = params[i];
       const std::int16_t indicator = p.null ? -1 : 0;
-      std::memcpy(buffer.data() + meta->getNullOffset(st, i), &indicator, 2);
-      if (!p.null)
-        std::memcpy(buffer.data() + meta->getOffset(st, i), p.bytes.data(), p.bytes.size());
+      std::memcpy(buffer.data() + layout.nullOffsets[i], &indicator, 2);
+      if (!p.null) std::memcpy(buffer.data() + layout.offsets[i], p.bytes.data(), p.bytes.size());
     }
-    return meta;
+    return layout.metadata;
   }
+
+  struct Layout {
+    Firebird::IMessageMetadata* metadata = nullptr;
+    unsigned length = 0;
+    std::vector<unsigned> offsets, nullOffsets;
+  };
 
   Database& db;
   std::vector<Param> params;
-  std::map<std::string, Firebird::IMessageMetadata*> metadata;
+  std::size_t count = 0;  // params in use
+  std::string signature;
+  std::string closed;  // a text with its closing byte
+  std::map<std::string, Layout> layouts;
 };
 
 namespace {
@@ -325,15 +355,15 @@ bool ReplicaApplier::positionTableUsable() {
 ReplicaApplier::~ReplicaApplier() {
   for (auto& s : statements_) {
     try {
-      s.second->free(db_.status());
+      s.second.statement->free(db_.status());
     } catch (const Firebird::FbException&) {
-      s.second->release();
+      s.second.statement->release();
     }
   }
 }
 
 FollowPosition ReplicaApplier::position() {
-  Firebird::IStatement* s = statement(kReadPosition);
+  Firebird::IStatement* s = statement(kReadPosition).statement;
   Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
   std::vector<unsigned char> row(out->getMessageLength(db_.status()));
   Firebird::IResultSet* rows =
@@ -367,39 +397,81 @@ const ReplicaApplier::TableInfo& ReplicaApplier::table(std::string_view name) {
   if (found != tables_.end()) return found->second;
   TableInfo info;
   info.primaryKey = db_.primaryKey(name);
+  // How the check compares each column, by its type (not by the log's value, so that a null does
+  // not make a statement of its own). A text of its character set's own collation, which tells
+  // bytes apart, as it is; but a VARCHAR with a closing byte, since the pad that makes 'a' equal
+  // 'a ' would hide a trailing blank (or a trailing zero byte, OCTETS's pad). A CHAR as it is,
+  // since the log drops its pad too. A text of another collation (one that ignores case or
+  // accents, say) by its bytes, cast to OCTETS and closed; a CHAR loses its trailing blanks first.
+  // Every other value compares as the server holds it, exactly: a FLOAT with the log's float,
+  // scaled numbers, dates and times as the integers they are.
+  for (const auto& row :
+       db_.texts("SELECT CAST(TRIM(RF.RDB$FIELD_NAME) AS VARCHAR(252) CHARACTER SET UTF8), "
+                 "CAST(F.RDB$FIELD_TYPE AS VARCHAR(8) CHARACTER SET UTF8), "
+                 "CAST(F.RDB$FIELD_LENGTH AS VARCHAR(8) CHARACTER SET UTF8), "
+                 "CAST(COALESCE(RF.RDB$COLLATION_ID, F.RDB$COLLATION_ID, 0) AS VARCHAR(8) "
+                 "CHARACTER SET UTF8) FROM RDB$RELATION_FIELDS RF JOIN RDB$FIELDS F ON "
+                 "F.RDB$FIELD_NAME = RF.RDB$FIELD_SOURCE WHERE RF.RDB$RELATION_NAME = " +
+                 literal(name))) {
+    const std::string column = Database::quote(row[0]);
+    const bool fixed = row[1] == "14", text = fixed || row[1] == "37" || row[1] == "40";
+    Checked& c = info.columns[row[0]];
+    c.how = !text           ? Checked::kAsIs
+            : row[3] != "0" ? Checked::kOctets
+            : fixed         ? Checked::kAsIs
+                            : Checked::kClosed;
+    c.expression = c.how == Checked::kAsIs ? column
+                   : c.how == Checked::kClosed
+                       ? column + " || X'01'"
+                       : "CAST(" + (fixed ? "TRIM(TRAILING FROM " + column + ")" : column) +
+                             " AS VARCHAR(" +
+                             std::to_string(std::clamp(std::atoi(row[2].c_str()), 1, 32765)) +
+                             ") CHARACTER SET OCTETS) || X'01'";
+  }
   return tables_.emplace(std::string(name), std::move(info)).first->second;
 }
 
-Firebird::IStatement* ReplicaApplier::statement(const std::string& sql) {
+ReplicaApplier::Prepared& ReplicaApplier::statement(const std::string& sql) {
   auto found = statements_.find(sql);
   if (found != statements_.end()) return found->second;
   // Kept only once prepared: a statement the replica refuses leaves nothing to free.
-  Firebird::IStatement* s = db_.prepare(sql);
-  statements_.emplace(sql, s);
-  return s;
+  Prepared p;
+  p.statement = db_.prepare(sql);
+  Firebird::ThrowStatusWrapper* st = db_.status();
+  Firebird::IMessageMetadata* in = nullptr;
+  try {
+    in = p.statement->getInputMetadata(st);
+    for (unsigned i = 0, n = in->getCount(st); i < n; ++i)
+      p.params.push_back({in->getType(st, i) & ~1u, in->getLength(st, i), in->getScale(st, i),
+                          in->getCharSet(st, i), in->getSubType(st, i)});
+  } catch (...) {
+    if (in) in->release();
+    p.statement->release();
+    throw;
+  }
+  in->release();
+  return statements_.emplace(sql, std::move(p)).first->second;
 }
 
 std::uint64_t ReplicaApplier::run(const std::string& sql, Binder& binder) {
-  Firebird::IStatement* s = statement(sql);
-  Firebird::IMessageMetadata* columns = s->getInputMetadata(db_.status());
-  std::vector<unsigned char> buffer;
-  Firebird::IMessageMetadata* meta = binder.build(columns, buffer);
-  columns->release();
-  s->execute(db_.status(), db_.transaction(), meta, buffer.data(), nullptr, nullptr);
-  return s->getAffectedRecords(db_.status());
+  return run(statement(sql), binder);
+}
+
+std::uint64_t ReplicaApplier::run(const Prepared& p, Binder& binder) {
+  Firebird::IMessageMetadata* meta = binder.build(p, buffer_);
+  p.statement->execute(db_.status(), db_.transaction(), meta, buffer_.data(), nullptr, nullptr);
+  return p.statement->getAffectedRecords(db_.status());
 }
 
 void ReplicaApplier::query(const std::string& sql, const std::function<bool(const Message&)>& fn) {
-  Firebird::IStatement* s = statement(sql);
-  Firebird::IMessageMetadata* columns = s->getInputMetadata(db_.status());
-  std::vector<unsigned char> buffer;
-  Firebird::IMessageMetadata* meta = binder_->build(columns, buffer);
-  columns->release();
+  const Prepared& p = statement(sql);
+  Firebird::IStatement* s = p.statement;
+  Firebird::IMessageMetadata* meta = binder_->build(p, buffer_);
   Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
   Message row(db_.status(), out);
   out->release();
   Firebird::IResultSet* rows =
-      s->openCursor(db_.status(), db_.transaction(), meta, buffer.data(), row.metadata(), 0);
+      s->openCursor(db_.status(), db_.transaction(), meta, buffer_.data(), row.metadata(), 0);
   try {
     while (rows->fetchNext(db_.status(), row.buffer()) == Firebird::IStatus::RESULT_OK)
       if (!fn(row)) break;
@@ -437,17 +509,21 @@ void ReplicaApplier::insert(const ChangeEvent& e) {
   }
 }
 
-void ReplicaApplier::setTerms(std::string_view relation, const FieldList& fields,
-                              std::vector<std::string>& out) {
+std::size_t ReplicaApplier::setTerms(std::string_view relation, const FieldList& fields,
+                                     std::vector<std::string>* out) {
+  std::size_t n = 0;
   for (const FieldChange& f : fields) {
     if (!f.after.present()) continue;
-    out.push_back(Database::quote(f.name) + " = ?");
+    if (out) out->push_back(Database::quote(f.name) + " = ?");
     binder_->add(f.after, relation, f.name);
+    ++n;
   }
+  return n;
 }
 
-void ReplicaApplier::keyTerms(const TableInfo& t, std::string_view relation,
-                              const FieldList& fields, Find find, std::vector<std::string>& out) {
+std::size_t ReplicaApplier::keyTerms(const TableInfo& t, std::string_view relation,
+                                     const FieldList& fields, Find find,
+                                     std::vector<std::string>* out) {
   // The key's old value names the row (an update may change the key); the new one where the log
   // carries no old value, or where the row is found by its new key.
   for (const std::string& k : t.primaryKey) {
@@ -459,25 +535,34 @@ void ReplicaApplier::keyTerms(const TableInfo& t, std::string_view relation,
       v = found->before.present() && find != Find::kNewKey ? &found->before : &found->after;
     if (!v || !v->present())
       throw ApplyError(where_ + ": the log does not carry the primary key column " + k);
-    out.push_back(Database::quote(k) + " = ?");
+    if (out) out->push_back(Database::quote(k) + " = ?");
     binder_->add(*v, relation, k);
   }
+  return t.primaryKey.size();
 }
 
-void ReplicaApplier::checkTerms(const TableInfo& t, std::string_view relation,
-                                const FieldList& fields, std::vector<std::string>& out,
-                                std::vector<const FieldChange*>* compared) {
+std::size_t ReplicaApplier::checkTerms(const TableInfo& t, std::string_view relation,
+                                       const FieldList& fields, std::vector<std::string>* out,
+                                       std::vector<const FieldChange*>* compared) {
+  std::size_t n = 0;
   for (const FieldChange& f : fields) {
     if (!f.before.present() || f.before.isBlobLike()) continue;
-    // A key column's "=" is exact already, unless it is a text that a collation or a pad may
-    // call equal to another.
-    if (f.before.kind != FieldValue::Kind::kText &&
+    const auto found = t.columns.find(f.name);
+    const bool known = found != t.columns.end();
+    const Checked::How how = known ? found->second.how : Checked::kAsIs;
+    // A key column's "=" is as exact as the check, unless a collation or a pad may call its text
+    // equal to another.
+    if (how == Checked::kAsIs &&
         std::find(t.primaryKey.begin(), t.primaryKey.end(), f.name) != t.primaryKey.end())
       continue;
-    out.push_back(checkedColumn(f) + " IS NOT DISTINCT FROM ?");
-    binder_->addChecked(f.before, relation, f.name);
+    if (out)
+      out->push_back((known ? found->second.expression : Database::quote(f.name)) +
+                     " IS NOT DISTINCT FROM ?");
+    binder_->addChecked(f.before, how, relation, f.name);
     if (compared) compared->push_back(&f);
+    ++n;
   }
+  return n;
 }
 
 std::string ReplicaApplier::keyText(const TableInfo& t, const FieldList& fields) {
@@ -495,35 +580,47 @@ std::string ReplicaApplier::keyText(const TableInfo& t, const FieldList& fields)
 ReplicaApplier::Outcome ReplicaApplier::change(std::string_view relation, const FieldList& fields,
                                                bool remove, Find find) {
   const TableInfo& t = table(relation);
-  binder_->clear();
-  std::vector<std::string> set, where;
-  if (!remove) {
-    setTerms(relation, fields, set);
-    if (set.empty()) return Outcome::kChanged;
-  }
-  const std::string head = remove
-                               ? "DELETE FROM " + Database::quote(relation)
-                               : "UPDATE " + Database::quote(relation) + " SET " + join(set, ", ");
-  std::string sql;
   const bool keyed = !t.primaryKey.empty();
   const bool checked = find == Find::kOldValues && (check_ || !keyed);
+  // The statement follows from the table, the way the row is found and which values the log
+  // carries: a statement prepared before is found by that shape, and its SQL is made only once.
+  shape_.assign(1, remove ? 'D' : 'U');
+  shape_ += static_cast<char>('0' + static_cast<int>(find));
+  shape_ += checked ? 'c' : '-';
+  shape_.append(relation).push_back('\0');
+  for (const FieldChange& f : fields) {
+    shape_.append(f.name);
+    shape_ += static_cast<char>(1 | (f.after.present() ? 2 : 0) | (f.before.present() ? 4 : 0) |
+                                (f.before.isBlobLike() ? 8 : 0));
+  }
+  Prepared*& prepared = shapes_[shape_];
+  std::vector<std::string> set, where;
+  binder_->clear();
+  if (!remove && setTerms(relation, fields, prepared ? nullptr : &set) == 0)
+    return Outcome::kChanged;
+  std::size_t terms = 0;
   if (keyed) {
-    keyTerms(t, relation, fields, find, where);
-    if (checked) checkTerms(t, relation, fields, where, nullptr);
-    sql = head + " WHERE " + join(where, " AND ");
+    terms += keyTerms(t, relation, fields, find, prepared ? nullptr : &where);
+    if (checked) terms += checkTerms(t, relation, fields, prepared ? nullptr : &where, nullptr);
   } else {
+    terms += checkTerms(t, relation, fields, prepared ? nullptr : &where, nullptr);
+  }
+  if (terms == 0) throw ApplyError(where_ + ": the log carries no old value to find the row by");
+  if (!prepared) {
+    const std::string head =
+        remove ? "DELETE FROM " + Database::quote(relation)
+               : "UPDATE " + Database::quote(relation) + " SET " + join(set, ", ");
     // Without a primary key the row is the one that holds every old value the log carries. The
     // singleton subquery fails the statement (which the server then undoes alone) where several
     // rows do.
-    checkTerms(t, relation, fields, where, nullptr);
-    if (where.empty())
-      throw ApplyError(where_ + ": the log carries no old value to find the row by");
-    sql = head + " WHERE RDB$DB_KEY = (SELECT RDB$DB_KEY FROM " + Database::quote(relation) +
-          " WHERE " + join(where, " AND ") + ")";
+    prepared =
+        &statement(keyed ? head + " WHERE " + join(where, " AND ")
+                         : head + " WHERE RDB$DB_KEY = (SELECT RDB$DB_KEY FROM " +
+                               Database::quote(relation) + " WHERE " + join(where, " AND ") + ")");
   }
   std::uint64_t changed = 0;
   try {
-    changed = run(sql, *binder_);
+    changed = run(*prepared, *binder_);
   } catch (const Firebird::FbException& x) {
     if (keyed || !reports(x, {kSingletonSelect})) throw;
     changeOneOf(t, relation, fields, remove);
@@ -543,8 +640,8 @@ bool ReplicaApplier::findDifference(const TableInfo& t, std::string_view relatio
   binder_->clear();
   std::vector<std::string> checks, key;
   std::vector<const FieldChange*> compared;
-  checkTerms(t, relation, fields, checks, &compared);
-  keyTerms(t, relation, fields, Find::kOldKey, key);
+  checkTerms(t, relation, fields, &checks, &compared);
+  keyTerms(t, relation, fields, Find::kOldKey, &key);
   std::vector<std::string> items;
   for (const std::string& c : checks) items.push_back("(" + c + ")");
   for (const FieldChange* f : compared) items.push_back(Database::quote(f->name));
@@ -573,7 +670,7 @@ void ReplicaApplier::changeOneOf(const TableInfo& t, std::string_view relation,
                                  const FieldList& fields, bool remove) {
   binder_->clear();
   std::vector<std::string> where;
-  checkTerms(t, relation, fields, where, nullptr);
+  checkTerms(t, relation, fields, &where, nullptr);
   const std::string table = Database::quote(relation);
   std::vector<std::string> first;
   std::vector<std::string> differing;
@@ -600,8 +697,8 @@ void ReplicaApplier::changeOneOf(const TableInfo& t, std::string_view relation,
   binder_->clear();
   std::vector<std::string> set;
   where.clear();
-  if (!remove) setTerms(relation, fields, set);
-  checkTerms(t, relation, fields, where, nullptr);
+  if (!remove) setTerms(relation, fields, &set);
+  checkTerms(t, relation, fields, &where, nullptr);
   const std::string sql =
       (remove ? "DELETE FROM " + table : "UPDATE " + table + " SET " + join(set, ", ")) +
       " WHERE " + join(where, " AND ") + " ROWS 1";

@@ -83,8 +83,16 @@ class ReplicaApplier {
 
  private:
   struct Binder;
+  // How the old-value check compares a column (see table()).
+  struct Checked {
+    std::string expression;  // the column as compared
+    // As it is; a text with a closing byte; a text's bytes as OCTETS with a closing byte. The
+    // value is bound alike.
+    enum How { kAsIs, kClosed, kOctets } how = kAsIs;
+  };
   struct TableInfo {
     std::vector<std::string> primaryKey;  // empty: rows are found by all their old values
+    std::map<std::string, Checked, std::less<>> columns;
   };
 
   // The number a SELECT COUNT(*) returns, in a transaction of its own.
@@ -94,9 +102,21 @@ class ReplicaApplier {
   // Moves a position kept in an earlier version's layout into the present one.
   void upgradePositionTable();
   const TableInfo& table(std::string_view name);
-  Firebird::IStatement* statement(const std::string& sql);
+  // A prepared statement, with its parameters as the server describes them.
+  struct Prepared {
+    struct Param {
+      unsigned type, length;
+      int scale;
+      unsigned charSet;
+      int subType;
+    };
+    Firebird::IStatement* statement = nullptr;
+    std::vector<Param> params;
+  };
+  Prepared& statement(const std::string& sql);
   // Runs sql with the binder's values; returns the number of rows it changed.
   std::uint64_t run(const std::string& sql, Binder& binder);
+  std::uint64_t run(const Prepared& statement, Binder& binder);
   // Runs a query with the binder's values and hands each row to fn until it returns false.
   void query(const std::string& sql, const std::function<bool(const Message&)>& fn);
   void applyEvent(const ChangeEvent& e);
@@ -110,15 +130,17 @@ class ReplicaApplier {
   // Updates or deletes the row that the log names. kDiffers: the row of the key differs from the
   // old values, in the way differs_ says.
   Outcome change(std::string_view relation, const FieldList& fields, bool remove, Find find);
-  // The SET terms of an update, binding the new values.
-  void setTerms(std::string_view relation, const FieldList& fields, std::vector<std::string>& out);
+  // The terms of an update's SET, binding the new values; the number of terms. out (when given)
+  // receives the terms.
+  std::size_t setTerms(std::string_view relation, const FieldList& fields,
+                       std::vector<std::string>* out);
   // The terms naming the row by its primary key, binding its values.
-  void keyTerms(const TableInfo& t, std::string_view relation, const FieldList& fields, Find find,
-                std::vector<std::string>& out);
+  std::size_t keyTerms(const TableInfo& t, std::string_view relation, const FieldList& fields,
+                       Find find, std::vector<std::string>* out);
   // The terms comparing the old values the log carries with the row, binding them; compared
   // (when given) receives their fields. Key columns compared exactly by keyTerms are left out.
-  void checkTerms(const TableInfo& t, std::string_view relation, const FieldList& fields,
-                  std::vector<std::string>& out, std::vector<const FieldChange*>* compared);
+  std::size_t checkTerms(const TableInfo& t, std::string_view relation, const FieldList& fields,
+                         std::vector<std::string>* out, std::vector<const FieldChange*>* compared);
   // After a change found no row: whether the row of the key is there, and then the first column
   // in which it differs from the old values, in differs_.
   bool findDifference(const TableInfo& t, std::string_view relation, const FieldList& fields);
@@ -134,8 +156,12 @@ class ReplicaApplier {
   Conflicts conflicts_;
   std::function<void(const std::string&)> warn_;
   std::map<std::string, TableInfo, std::less<>> tables_;
-  std::map<std::string, Firebird::IStatement*> statements_;
+  std::map<std::string, Prepared> statements_;
+  // Updates and deletes by their shape (see change()); the statements are statements_'s.
+  std::map<std::string, Prepared*> shapes_;
+  std::string shape_;
   std::unique_ptr<Binder> binder_;
+  std::vector<unsigned char> buffer_;  // the parameters' message
   Summary summary_;
   std::string where_;    // log and event of the change being applied, for messages
   std::string differs_;  // how the row differs from the log's old values (Outcome::kDiffers)

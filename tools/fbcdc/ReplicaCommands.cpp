@@ -16,6 +16,7 @@
 #include "DatabaseComparer.h"
 #include "LogDirectory.h"
 #include "LogFollower.h"
+#include "PruneMark.h"
 #include "LogName.h"
 #include "LogVerifier.h"
 #include "Progress.h"
@@ -144,6 +145,8 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
                                   const std::string& directory,
                                   const std::set<std::string>& named = {}) {
   FollowPosition position = applier.position();
+  // A replica behind logs that were pruned would skip them: it stops instead.
+  if (LogDirectory::isDirectory(directory)) PruneMark::check(directory, position);
   // The log's changes and the position after it go into the replica in one transaction.
   auto applyOne = [&](const LogFile& log) {
     FollowPosition after = position;
