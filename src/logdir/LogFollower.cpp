@@ -15,6 +15,7 @@
 #include <stdexcept>
 
 #include "LogDirectory.h"
+#include "PruneMark.h"
 
 namespace {
 
@@ -172,6 +173,8 @@ void LogFollower::run(FollowPosition& position, const Handler& handle, const Com
       throw std::runtime_error("cannot watch directory " + directory_ + ": " +
                                std::strerror(errno));
   }
+  // Logs pruned that this position had not taken stop it before anything is handed over.
+  PruneMark::check(directory_, position);
   rescan(position);
   for (;;) {
     while (!queue_.empty()) {
@@ -183,7 +186,13 @@ void LogFollower::run(FollowPosition& position, const Handler& handle, const Com
       // A log may have gone since it was queued, or been handled under a report and a rescan.
       // It keeps the time it was queued with: a report's is the finer one.
       LogFile still;
-      if (position.isDone(log) || !LogFile::examine(log.path, still)) continue;
+      if (position.isDone(log)) continue;
+      if (!LogFile::examine(log.path, still)) {
+        // Gone before it was taken: pruned, it must not be passed over in silence.
+        if (PruneMark(directory_).covers(log))
+          throw std::runtime_error("log " + log.name + " was pruned before it was taken");
+        continue;
+      }
       handle(log);
       position.advance(log);
       committed(position);
