@@ -233,6 +233,7 @@ TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
   });
   std::mt19937 random(7);
   std::map<std::string, int> counts;  // events per published log
+  std::string lastLog;
   int runs = 0;
   for (int round = 0; round < 8; ++round) {
     const pid_t pid = start({"follow", logs, "--checkpoint", checkpoint},
@@ -240,7 +241,8 @@ TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
     for (int i = 0; i < 6; ++i) {
       const int n = 1 + static_cast<int>(random() % 400);
       const std::uint64_t number = 100 * (round + 1) + i;
-      counts[LogName::baseName(publish(number, n))] = n;
+      lastLog = LogName::baseName(publish(number, n));
+      counts[lastLog] = n;
       ::usleep(random() % 30000);
     }
     stop(pid, SIGKILL);
@@ -248,7 +250,10 @@ TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
   // A last follower empties the directory and is stopped as a user would stop it.
   const pid_t pid = start({"follow", logs, "--checkpoint", checkpoint},
                           dir / ("run" + std::to_string(runs++) + ".jsonl"), dir / "err.txt");
-  ::sleep(1);
+  // It has taken everything once its position names the last log published (a slow, sanitized
+  // build may need a while).
+  for (int i = 0; i < 600 && readText(checkpoint).find(lastLog) == std::string::npos; ++i)
+    ::usleep(100000);
   EXPECT_EQ(0, stop(pid, SIGTERM)) << readText(dir / "err.txt");
   done = true;
   reader.join();
