@@ -251,7 +251,8 @@ TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
   const pid_t pid = start({"follow", logs, "--checkpoint", checkpoint},
                           dir / ("run" + std::to_string(runs++) + ".jsonl"), dir / "err.txt");
   // It has taken everything once its position names the last log published (a slow, sanitized
-  // build may need a while).
+  // build may need a while), and it takes SIGTERM as a stop once it has started.
+  ::sleep(1);
   for (int i = 0; i < 600 && readText(checkpoint).find(lastLog) == std::string::npos; ++i)
     ::usleep(100000);
   EXPECT_EQ(0, stop(pid, SIGTERM)) << readText(dir / "err.txt");
