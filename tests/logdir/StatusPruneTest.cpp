@@ -631,14 +631,14 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadTheReplicasPosition) {
   const std::vector<LogFile> published = LogDirectory::list(logs);
   ASSERT_EQ(4u, published.size());
   const std::string replica = dir / "replica.fdb";
-  const std::string spec = "replica:" + replica;
+  const std::string consumer = "replica:" + replica;
 
   Outcome r = run(dir, {"status", logs, "--replica", replica, "--format", "json"});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_THAT(backlogs(json(r.out)).at(0), ::testing::StartsWith("4 " + published[0].name));
-  r = run(dir, {"prune", logs, "--consumer", spec});
+  r = run(dir, {"prune", logs, "--consumer", consumer});
   EXPECT_EQ(0, r.status) << r.err;
-  EXPECT_EQ("fbcdc prune: " + spec + " has taken nothing: every log stays\n", r.err);
+  EXPECT_EQ("fbcdc prune: " + consumer + " has taken nothing: every log stays\n", r.err);
   EXPECT_FALSE(hasPositionTable()) << "reading a replica's position made its table";
 
   {
@@ -650,19 +650,19 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadTheReplicasPosition) {
       applier.apply(published[i], position);
     }
   }
-  r = run(dir, {"prune", logs, "--consumer", spec});
+  r = run(dir, {"prune", logs, "--consumer", consumer});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_THAT(r.out, HasSubstr("prune: 2 logs removed"));
   EXPECT_EQ((Strings{published[2].name, published[3].name, PruneMark::kFileName}),
             listDirectory(logs));
-  r = run(dir, {"status", logs, "--consumer", spec, "--format", "json"});
+  r = run(dir, {"status", logs, "--consumer", consumer, "--format", "json"});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_THAT(backlogs(json(r.out)).at(0), ::testing::StartsWith("2 " + published[2].name));
   EXPECT_EQ("1 2 ", rows());
 }
 
 // A follower into Redis keeps its position under <prefix>.checkpoint in a real redis-server: status
-// and prune read it there, under the prefix the spec names.
+// and prune read it there, under the prefix the consumer names.
 TEST_F(ConsumerPruneTest, PruneAndStatusReadARedisFollowersPosition) {
   const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};

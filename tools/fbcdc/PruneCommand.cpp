@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "Command.h"
-#include "ConsumerSpec.h"
+#include "Consumer.h"
 #include "LogDirectory.h"
 #include "LogPruner.h"
 
@@ -55,20 +55,20 @@ int pruneCommand(int argc, char** argv) {
       "consumer not named here is not protected: name every consumer of the directory.",
       argv[0]);
   std::string directory;
-  std::vector<std::string> specs;
+  std::vector<std::string> consumerTexts;
   std::string keepFor;
   std::string archive;
   bool dryRun = false;
   app.add_option("LOGDIR", directory, "the plugin's output directory")->required();
-  app.add_option("--consumer", specs, "a consumer of LOGDIR; repeatable")
-      ->type_name("SPEC")
+  app.add_option("--consumer", consumerTexts, "a consumer of LOGDIR; repeatable")
+      ->type_name("CONSUMER")
       ->required()
       ->allow_extra_args(false);
   app.add_option("--keep-for", keepFor, "keep logs published within it")->type_name("DURATION");
   app.add_option("--archive", archive, "move the logs there, not remove them")->type_name("DIR");
   app.add_flag("--dry-run", dryRun, "list what would go, change nothing");
   app.footer(
-      "SPEC, a consumer of LOGDIR:\n"
+      "CONSUMER, a consumer of LOGDIR:\n"
       "  checkpoint:FILE         follow --checkpoint FILE\n"
       "  replica:DB              apply --database DB (a path or host:path)\n"
       "  redis:HOST:PORT/PREFIX  follow --sink redis (PREFIX: its --stream-prefix;\n"
@@ -79,10 +79,10 @@ int pruneCommand(int argc, char** argv) {
       "directory could not be read, or a log could not go; 2 wrong arguments.");
   if (const int status = parse(app, argc, argv); status >= 0) return status;
 
-  std::vector<ConsumerSpec> consumers;
+  std::vector<Consumer> consumers;
   LogPruner::Options options;
   try {
-    for (const std::string& s : specs) consumers.push_back(ConsumerSpec::parse(s));
+    for (const std::string& s : consumerTexts) consumers.push_back(Consumer::parse(s));
     if (!keepFor.empty()) options.keepFor = duration(keepFor);
   } catch (const CLI::ValidationError& e) {
     return refuse("prune", e.what());
@@ -102,7 +102,7 @@ int pruneCommand(int argc, char** argv) {
     // Each position is read before the directory is listed; a consumer moves only forward, so a
     // position read a moment ago never counts a log as taken that the consumer has not taken.
     std::vector<LogPruner::Consumer> positions;
-    for (const ConsumerSpec& c : consumers) {
+    for (const Consumer& c : consumers) {
       try {
         positions.push_back({c.text(), c.position()});
       } catch (const std::exception& e) {

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "Command.h"
-#include "ConsumerSpec.h"
+#include "Consumer.h"
 #include "DirectoryStatus.h"
 #include "JsonOutput.h"
 #include "LogDirectory.h"
@@ -58,8 +58,8 @@ double seconds(std::int64_t nanoseconds) {
 }
 
 struct Report {
-  explicit Report(ConsumerSpec c) : consumer(std::move(c)) {}
-  ConsumerSpec consumer;
+  explicit Report(Consumer c) : consumer(std::move(c)) {}
+  Consumer consumer;
   std::string error;  // empty when the position was read
   FollowPosition position;
   DirectoryStatus::Backlog backlog;
@@ -215,7 +215,7 @@ int statusCommand(int argc, char** argv) {
       "monitoring check.",
       argv[0]);
   std::string directory;
-  std::vector<std::string> checkpoints, replicas, redis, prefixes, specs;
+  std::vector<std::string> checkpoints, replicas, redis, prefixes, consumerTexts;
   std::string format = "text";
   long long maxLag = -1;
   app.add_option("LOGDIR", directory, "the plugin's output directory")->required();
@@ -226,14 +226,14 @@ int statusCommand(int argc, char** argv) {
       ->type_name("HOST:PORT");
   app.add_option("--stream-prefix", prefixes, "its prefix (default fbcdc), one per --redis")
       ->type_name("PREFIX");
-  app.add_option("--consumer", specs, "a consumer as prune names it; repeatable")
-      ->type_name("SPEC");
+  app.add_option("--consumer", consumerTexts, "a consumer as prune names it; repeatable")
+      ->type_name("CONSUMER");
   choice(app.add_option("--format", format, "text (default) or json"), {"text", "json"});
   wholeNumber(app.add_option("--max-lag", maxLag, "exit status 1 when a consumer lags more"), 0,
               LLONG_MAX / 1000000000)
       ->type_name("SECONDS");
   app.footer(
-      "SPEC: checkpoint:FILE, replica:DB or redis:HOST:PORT/PREFIX\n"
+      "CONSUMER: checkpoint:FILE, replica:DB or redis:HOST:PORT/PREFIX\n"
       "(see fbcdc prune --help).");
   // Each occurrence takes one value, so that LOGDIR may come after them.
   for (const char* name : {"--checkpoint", "--replica", "--redis", "--stream-prefix", "--consumer"})
@@ -242,13 +242,13 @@ int statusCommand(int argc, char** argv) {
 
   std::vector<Report> reports;
   try {
-    for (const std::string& c : checkpoints) reports.emplace_back(ConsumerSpec::checkpoint(c));
-    for (const std::string& r : replicas) reports.emplace_back(ConsumerSpec::replica(r));
+    for (const std::string& c : checkpoints) reports.emplace_back(Consumer::checkpoint(c));
+    for (const std::string& r : replicas) reports.emplace_back(Consumer::replica(r));
     if (!prefixes.empty() && prefixes.size() != redis.size())
       throw CLI::ValidationError("give one --stream-prefix for each --redis, or none");
     for (std::size_t i = 0; i < redis.size(); ++i)
-      reports.emplace_back(ConsumerSpec::redis(redis[i], prefixes.empty() ? "fbcdc" : prefixes[i]));
-    for (const std::string& s : specs) reports.emplace_back(ConsumerSpec::parse(s));
+      reports.emplace_back(Consumer::redis(redis[i], prefixes.empty() ? "fbcdc" : prefixes[i]));
+    for (const std::string& s : consumerTexts) reports.emplace_back(Consumer::parse(s));
   } catch (const CLI::ValidationError& e) {
     return refuse("status", e.what());
   }

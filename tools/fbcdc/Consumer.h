@@ -12,16 +12,16 @@
 
 namespace fbcdc {
 
-class ConsumerSpec {
+class Consumer {
  public:
   enum class Kind { kCheckpoint, kReplica, kRedis };
 
   // Reads one of the forms above; throws CLI::ValidationError worded for the user.
-  static ConsumerSpec parse(const std::string& text);
-  static ConsumerSpec checkpoint(const std::string& file);
-  static ConsumerSpec replica(const std::string& database);
+  static Consumer parse(const std::string& text);
+  static Consumer checkpoint(const std::string& file);
+  static Consumer replica(const std::string& database);
   // address is HOST:PORT; throws CLI::ValidationError when it is not.
-  static ConsumerSpec redis(const std::string& address, const std::string& prefix);
+  static Consumer redis(const std::string& address, const std::string& prefix);
 
   Kind kind() const { return kind_; }
   // The consumer as the user names it, in the form parse reads.

@@ -1,4 +1,4 @@
-#include "ConsumerSpec.h"
+#include "Consumer.h"
 
 #include <CLI/CLI.hpp>
 
@@ -11,25 +11,25 @@
 
 namespace fbcdc {
 
-ConsumerSpec ConsumerSpec::checkpoint(const std::string& file) {
+Consumer Consumer::checkpoint(const std::string& file) {
   if (file.empty()) throw CLI::ValidationError("checkpoint: names no file");
-  ConsumerSpec c;
+  Consumer c;
   c.kind_ = Kind::kCheckpoint;
   c.text_ = "checkpoint:" + file;
   c.target_ = file;
   return c;
 }
 
-ConsumerSpec ConsumerSpec::replica(const std::string& database) {
+Consumer Consumer::replica(const std::string& database) {
   if (database.empty()) throw CLI::ValidationError("replica: names no database");
-  ConsumerSpec c;
+  Consumer c;
   c.kind_ = Kind::kReplica;
   c.text_ = "replica:" + database;
   c.target_ = database;
   return c;
 }
 
-ConsumerSpec ConsumerSpec::redis(const std::string& address, const std::string& prefix) {
+Consumer Consumer::redis(const std::string& address, const std::string& prefix) {
   const std::size_t colon = address.rfind(':');
   const std::string port = colon == std::string::npos ? "" : address.substr(colon + 1);
   const bool digits = !port.empty() && port.size() <= 5 &&
@@ -38,7 +38,7 @@ ConsumerSpec ConsumerSpec::redis(const std::string& address, const std::string& 
     throw CLI::ValidationError("redis:" + address +
                                " has no HOST:PORT with a port from 1 to 65535");
   if (prefix.empty()) throw CLI::ValidationError("redis:" + address + "/ names no stream prefix");
-  ConsumerSpec c;
+  Consumer c;
   c.kind_ = Kind::kRedis;
   c.text_ = "redis:" + address + "/" + prefix;
   c.target_ = address.substr(0, colon);
@@ -47,7 +47,7 @@ ConsumerSpec ConsumerSpec::redis(const std::string& address, const std::string& 
   return c;
 }
 
-ConsumerSpec ConsumerSpec::parse(const std::string& text) {
+Consumer Consumer::parse(const std::string& text) {
   const std::size_t colon = text.find(':');
   const std::string kind = colon == std::string::npos ? "" : text.substr(0, colon);
   const std::string rest = colon == std::string::npos ? "" : text.substr(colon + 1);
@@ -64,7 +64,7 @@ ConsumerSpec ConsumerSpec::parse(const std::string& text) {
                              "redis:HOST:PORT/PREFIX");
 }
 
-FollowPosition ConsumerSpec::position() const {
+FollowPosition Consumer::position() const {
   std::string stored;
   switch (kind_) {
     case Kind::kCheckpoint:
