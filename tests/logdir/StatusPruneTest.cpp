@@ -31,6 +31,7 @@
 #include "LogPruner.h"
 #include "PluginFixture.h"
 #include "Processes.h"
+#include "RedisServer.h"
 #include "PruneMark.h"
 #include "ReplicaApplier.h"
 
@@ -664,35 +665,10 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadTheReplicasPosition) {
 // A follower into Redis keeps its position under <prefix>.checkpoint in a real redis-server: status
 // and prune read it there, under the prefix the consumer names.
 TEST_F(ConsumerPruneTest, PruneAndStatusReadARedisFollowersPosition) {
-  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address));
-  socklen_t length = sizeof address;
-  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  const std::string port = std::to_string(ntohs(address.sin_port));
-  ::close(probe);
-  // Stopped also when an assertion ends the test early.
-  struct Server {
-    pid_t pid;
-    ~Server() {
-      if (pid > 0) stop(pid, SIGTERM);
-    }
-  } server{spawn({"redis-server", "--port", port, "--bind", "127.0.0.1", "--save", "",
-                  "--appendonly", "no", "--dir", dir.path()},
-                 dir / "redis.out", dir / "redis.err")};
-  redisContext* redis = nullptr;
-  for (int i = 0; i < 100 && (!redis || redis->err); ++i) {
-    if (redis) redisFree(redis);
-    ::usleep(50000);
-    redis = redisConnect("127.0.0.1", std::stoi(port));
-  }
-  ASSERT_TRUE(redis && !redis->err)
-      << "redis-server did not start: " << readText(dir / "redis.err");
-  redisFree(redis);
+  RedisServer server(dir.path());
+  ASSERT_TRUE(server.ready()) << "redis-server did not start: " << server.errors();
 
-  const std::string at = "127.0.0.1:" + port;
+  const std::string at = server.address();
   for (int i = 1; i <= 3; ++i) insert(static_cast<std::uint64_t>(i), i);
   Outcome r = run(
       dir, {"follow", logs, "--once", "--sink", "redis", "--redis", at, "--stream-prefix", "erp"});
@@ -712,8 +688,7 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadARedisFollowersPosition) {
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_THAT(r.out, HasSubstr("prune: 3 logs removed"));
   EXPECT_EQ((Strings{published[3].name, PruneMark::kFileName}), listDirectory(logs));
-  stop(server.pid, SIGTERM);
-  server.pid = -1;
+  server.stop();  // a server that cannot be reached
   r = run(dir, {"prune", logs, "--consumer", "redis:" + at + "/erp"});
   EXPECT_EQ(1, r.status);
   EXPECT_THAT(r.err,

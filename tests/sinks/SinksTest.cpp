@@ -23,6 +23,7 @@
 #include "LogName.h"
 #include "PluginFixture.h"
 #include "Processes.h"
+#include "RedisServer.h"
 #include "StreamSink.h"
 
 namespace {
@@ -231,29 +232,10 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
 }
 
 TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
-  // A free loopback port, then a real redis-server on it.
-  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address));
-  socklen_t length = sizeof address;
-  ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
-  const int port = ntohs(address.sin_port);
-  ::close(probe);
-  const pid_t server = spawn({"redis-server", "--port", std::to_string(port), "--bind", "127.0.0.1",
-                              "--save", "", "--appendonly", "no", "--dir", dir.path()},
-                             dir / "redis.out", dir / "redis.err");
-  redisContext* redis = nullptr;
-  for (int i = 0; i < 100 && (!redis || redis->err); ++i) {
-    if (redis) redisFree(redis);
-    ::usleep(50000);
-    redis = redisConnect("127.0.0.1", port);
-  }
-  ASSERT_TRUE(redis && !redis->err)
-      << "redis-server did not start: " << readText(dir / "redis.err");
-
-  const std::string redisAddress = "127.0.0.1:" + std::to_string(port);
+  RedisServer server(dir.path());
+  ASSERT_TRUE(server.ready()) << "redis-server did not start: " << server.errors();
+  redisContext* redis = server.context();
+  const std::string redisAddress = server.address();
   std::vector<std::string> follow = {FBCDC_CLI_PATH, "follow",  logs,        "--sink",
                                      "redis",        "--redis", redisAddress};
   std::mt19937 random(3);
@@ -310,8 +292,6 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
   }
   EXPECT_EQ(0u, duplicates);
   EXPECT_EQ("", compare(expected(), arrived));
-  redisFree(redis);
-  stop(server, SIGTERM);
 }
 
 }  // namespace

@@ -1,0 +1,44 @@
+#include "RedisServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "Processes.h"
+#include "TestFiles.h"
+
+RedisServer::RedisServer(const std::string& directory) : directory_(directory) {
+  // A free loopback port: the kernel's choice for a socket bound to port 0.
+  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  if (::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+    port_ = ntohs(address.sin_port);
+  ::close(probe);
+  if (port_ == 0) return;
+  pid_ = spawn({"redis-server", "--port", std::to_string(port_), "--bind", "127.0.0.1", "--save",
+                "", "--appendonly", "no", "--dir", directory_},
+               directory_ + "/redis.out", directory_ + "/redis.err");
+  for (int i = 0; i < 100 && pid_ > 0 && !ready(); ++i) {
+    if (redis_) redisFree(redis_);
+    ::usleep(50000);
+    redis_ = redisConnect("127.0.0.1", port_);
+  }
+}
+
+RedisServer::~RedisServer() {
+  if (redis_) redisFree(redis_);
+  stop();
+}
+
+void RedisServer::stop() {
+  if (pid_ > 0) ::stop(pid_, SIGTERM);
+  pid_ = -1;
+}
+
+std::string RedisServer::errors() const { return readText(directory_ + "/redis.err"); }
