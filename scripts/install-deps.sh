@@ -4,7 +4,7 @@ set -eu
 packages="build-essential cmake ninja-build pkg-config dpkg-dev systemd firebird-dev libfbclient2
 firebird3.0-server-core libgtest-dev libgmock-dev libbenchmark-dev libisal-dev binutils valgrind
 libcli11-dev rapidjson-dev librdkafka-dev libhiredis-dev redis-server clang libfuzzer-14-dev
-libclang-rt-14-dev"
+libclang-rt-14-dev prometheus-cpp-dev prometheus stunnel4 firebird3.0-server openssl"
 missing=""
 for p in $packages; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
