@@ -8,14 +8,12 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <fstream>
 #include <map>
 #include <random>
+#include <regex>
 #include <set>
 #include <sstream>
-#include <thread>
-#include <tuple>
 
 #include "FollowPosition.h"
 #include "LogDecoder.h"
@@ -65,86 +63,85 @@ class FbcdcCommandTest : public PluginFixture {
   }
 };
 
+// Each line's exit status, the first line of its output and all of its errors are in
+// golden/commands.txt, with the test's directory as $/ and log names and times masked;
+// FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed before a commit. A wrong invocation (status 2)
+// is one line, and a failure comes before any event. (--until @99 ends at once: every log is later;
+// follow --until 2000-01-01 ends: no log can come.)
 TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
   writeFile(dir / "plain.fbl", readFile(publish(1, 3)));
-  writeFile(dir / "other.txt", "");
-  const std::string none = dir / "none/x.pos";
-  auto see = [](const char* command, const std::string& text) {
-    return "fbcdc " + std::string(command) + ": " + text + " (see fbcdc " + command + " --help)\n";
-  };
-  // Arguments (L/ the log directory, D/ the test's directory), exit status, text expected in
-  // stdout, text expected in stderr (the whole of it where it ends in a newline).
-  const std::tuple<std::string, int, std::string, std::string> cases[] = {
-      {"", 2, "", "usage: fbcdc COMMAND"},
-      {"--help", 0, "commands:", ""},
-      {"help dump", 0, "Usage: fbcdc dump", ""},
-      {"verify --help", 0, "Usage: fbcdc verify", ""},
-      {"nosuch", 2, "", "fbcdc: unknown command \"nosuch\" (see fbcdc --help)\n"},
-      {"help nosuch", 2, "", "unknown command"},
-      {"dump", 2, "", see("dump", "FILE|DIR missing")},
-      {"dump --format xml L/", 2, "", see("dump", "--format: xml is not json or text")},
-      {"dump L/ --format", 2, "", see("dump", "--format needs a value")},
-      {"dump --to a --to b L/", 2, "", see("dump", "--to given more than once")},
-      {"dump --bogus L/", 2, "", see("dump", "unknown option --bogus")},
-      {"compare a b c", 2, "", see("compare", "unexpected argument c")},
-      {"dump --since 2023-11-14T22:13:20 L/", 2, "",
-       see("dump",
-           "--since: 2023-11-14T22:13:20 is not a time; give 2023-11-14T22:13:20Z, "
-           "2023-11-14 or @1700000000 (UTC)")},
-      {"dump --since 2026-02-30 L/", 2, "", "is not a time"},
-      {"dump --until @99 L/", 0, "", ""},  // every log is later
-      {"dump --since 2023-11-14 --until 2099-01-01T00:00:00Z L/", 0, "op", ""},
-      {"follow L/ --key T=A", 2, "", see("follow", "--key is for --sink kafka")},
-      {"follow L/ --sink kafka --brokers b:1 --maxlen 5", 2, "",
-       see("follow", "--maxlen is for --sink redis")},
-      {"follow L/ --sink redis --maxlen -5", 2, "",
-       see("follow", "--maxlen: -5 is not a whole number of at least 0")},
-      {"follow L/ --sink kafka", 2, "", see("follow", "--brokers is needed with --sink kafka")},
-      {"follow L/ --sink redis --checkpoint c", 2, "", "--checkpoint is not for"},
-      {"follow L/ --sink redis --format text", 2, "", "--format text is for"},
-      {"follow L/ --once --checkpoint D/none/x.pos", 1, "",
-       "fbcdc follow: cannot keep the position in " + none + ": " + (dir / "none") +
-           ": No such file or directory\n"},
-      {"follow L/ --once --sink kafka --brokers b:1 -X no.such=1", 2, "",
-       "Kafka setting no.such=1"},
-      {"capture --database x --threads 0", 2, "",
-       see("capture", "--threads: 0 is not a whole number from 1 to 64")},
-      {"apply --follow=out --database r L/", 2, "", see("apply", "--follow takes no value")},
-      {"apply --database r --follow L/ L/", 2, "",
-       see("apply", "--follow takes exactly one directory")},
-      {"apply --database D/none.fdb D/plain.fbl", 2, "", "not named as a published log"},
-      {"demo --dir D/", 2, "", ", which no demo made; give another --dir"},
-      {"dump D/none", 1, "", "no such file"},
-      {"dump L/", 0, "\"op\":\"sql\"", ""},
-      {"verify L/", 0, "1 published logs: 1 valid", ""},
-      {"follow D/none", 1, "", "not a directory"},
-      {"dump D/.", 0, "", "no published logs there"},
-      {"verify /dev/zero", 1, "", "not a regular file"},
-      {"follow L/ --until 2000-01-01", 0, "", ""},  // ends: no log can come
-      {"follow L/ --to 0000000000000001_0000000000000000.fbl", 0, "", ""},
-  };
-  for (const auto& [line, exitStatus, out, err] : cases) {
+  ::mkdir((dir / "stray").c_str(), 0700);
+  writeFile(dir / "stray/x", "");
+  // Arguments: L/ the log directory, $/ the test's directory.
+  const char* const lines[] = {"",
+                               "--help",
+                               "help dump",
+                               "verify --help",
+                               "nosuch",
+                               "help nosuch",
+                               "dump",
+                               "dump --format xml L/",
+                               "dump L/ --format",
+                               "dump --to a --to b L/",
+                               "dump --bogus L/",
+                               "compare a b c",
+                               "dump --since 2023-11-14T22:13:20 L/",
+                               "dump --since 2026-02-30 L/",
+                               "dump --until @99 L/",
+                               "dump --since 2023-11-14 --until 2099-01-01T00:00:00Z L/",
+                               "follow L/ --key T=A",
+                               "follow L/ --sink kafka --brokers b:1 --maxlen 5",
+                               "follow L/ --sink redis --maxlen -5",
+                               "follow L/ --sink kafka",
+                               "follow L/ --sink redis --checkpoint c",
+                               "follow L/ --sink redis --format text",
+                               "follow L/ --once --checkpoint $/none/x.pos",
+                               "follow L/ --once --sink kafka --brokers b:1 -X no.such=1",
+                               "capture --database x --threads 0",
+                               "apply --follow=out --database r L/",
+                               "apply --database r --follow L/ L/",
+                               "apply --database $/none.fdb $/plain.fbl",
+                               "demo --dir $/stray",
+                               "dump $/none",
+                               "dump L/",
+                               "verify L/",
+                               "follow $/none",
+                               "dump $/.",
+                               "verify /dev/zero",
+                               "follow L/ --until 2000-01-01",
+                               "follow L/ --to 0000000000000001_0000000000000000.fbl"};
+  std::string transcript;
+  for (const std::string line : lines) {
     SCOPED_TRACE(line);
     std::vector<std::string> args;
     std::istringstream words(line);
     for (std::string w; words >> w;)
       args.push_back(w.rfind("L/", 0) == 0   ? logs + w.substr(2)
-                     : w.rfind("D/", 0) == 0 ? dir / w.substr(2)
+                     : w.rfind("$/", 0) == 0 ? dir / w.substr(2)
                                              : w);
     const Outcome r = run(dir, args);
-    EXPECT_EQ(exitStatus, r.status) << r.err;
-    EXPECT_THAT(r.out, HasSubstr(out));
-    if (!err.empty() && err.back() == '\n')
-      EXPECT_EQ(err, r.err);
-    else
-      EXPECT_THAT(r.err, HasSubstr(err));
-    if (exitStatus == 2 && !args.empty()) {
+    // A long text (help, a listing) by its first line.
+    const auto shown = [](const std::string& text) {
+      return std::count(text.begin(), text.end(), '\n') > 3
+                 ? text.substr(0, text.find('\n') + 1) + "...\n"
+                 : text;
+    };
+    transcript += "$ fbcdc " + line + "\nexit " + std::to_string(r.status) + "\n" + shown(r.out) +
+                  shown(r.err) + "\n";
+    if (r.status == 2 && !args.empty()) {
       EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << "one line: " << r.err;
     }
-    if (exitStatus != 0) {
+    if (r.status != 0) {
       EXPECT_THAT(r.out, Not(HasSubstr("\"op\""))) << "no event before";
     }
   }
+  for (std::size_t at = 0; (at = transcript.find(dir.path(), at)) != std::string::npos;)
+    transcript.replace(at, dir.path().size(), "$/");
+  transcript = std::regex_replace(
+      transcript, std::regex("[0-9a-f]{16}_[0-9a-f]{16}|\"(ts_ms|time)\":[^,]*"), "#");
+  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/tools/golden/commands.txt";
+  EXPECT_EQ(readText(golden), transcript);
+  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, transcript);
   // Every command's help fits 80 columns and speaks fbcdc's words, not CLI11's.
   std::istringstream usage(run(dir, {"--help"}).out);
   for (std::string entry; std::getline(usage, entry);) {
@@ -218,19 +215,9 @@ TEST_F(FbcdcCommandTest, DumpAndVerifyNameBlockAndPosition) {
 
 // The follower is killed at random moments while logs are published, and started again with the
 // same checkpoint: every event of every log is emitted (some twice, never none), each log's events
-// in order, and the checkpoint is never seen half-written.
+// in order. (A checkpoint whole in every state a kill or a crash leaves: CheckpointFileTest.)
 TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
   const std::string checkpoint = dir / "checkpoint";
-  std::atomic<bool> done{false};
-  std::atomic<int> reads{0};
-  std::thread reader([&] {
-    while (!done) {
-      // Replaced by a rename, never removed: once there it can always be read.
-      const std::string text = fileExists(checkpoint) ? readText(checkpoint) : "";
-      EXPECT_NO_THROW(FollowPosition::parse(text)) << text;
-      ++reads;
-    }
-  });
   std::mt19937 random(7);
   std::map<std::string, int> counts;  // events per published log
   std::string lastLog;
@@ -256,9 +243,6 @@ TEST_F(FbcdcCommandTest, FollowKilledAndRestartedLosesNothing) {
   for (int i = 0; i < 600 && readText(checkpoint).find(lastLog) == std::string::npos; ++i)
     ::usleep(100000);
   EXPECT_EQ(0, stop(pid, SIGTERM)) << readText(dir / "err.txt");
-  done = true;
-  reader.join();
-  EXPECT_GT(reads, 10);
 
   std::map<std::string, std::set<int>> seen;
   for (int i = 0; i < runs; ++i) {
