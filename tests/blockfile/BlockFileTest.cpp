@@ -1,14 +1,12 @@
 // The block writer and reader: the container on disk byte for byte, every value at every offset
-// around a block edge, positions, rewinds and seeks, and the ways rewinding and reading fail.
+// around a block edge, positions, skips and seeks, and odd files. (Rewinds into blocks on disk:
+// LogDecoderTest's random savepoints and ReplTransactionTest; every failing call: FaultSweepTest.)
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstring>
 #include <functional>
-#include <tuple>
 
 #include "PosixFaults.h"
 #include "ReplAutoException.h"
@@ -18,13 +16,12 @@
 
 namespace {
 
-// The writer as its owner sees it: the owner names the file and may look at the descriptor.
+// The writer as its owner sees it: the owner names the file.
 class Writer : public TWriteFile {
  public:
   explicit Writer(const std::string& path) {
     std::snprintf(fileName, sizeof fileName, "%s", path.c_str());
   }
-  std::int64_t highWater() const { return highWaterMark; }
 };
 
 // Log position of stream byte i: every block before it adds its 4-byte trailer.
@@ -126,36 +123,6 @@ TEST_F(TWriteFileTest, ValuesAtEveryOffsetAroundTheBlockEdge) {
   }
 }
 
-// Rewinds of a writer with two blocks on disk and 50 bytes buffered: within the buffer (no file
-// operation), into a block on disk (read back whole), or refused (a trailer, past the buffer: the
-// writer stays where it was). highWaterMark is the file's length, not the buffer's end. (A failing
-// positioning or read-back, and a short one, stop the writer: FaultSweepTest.)
-TEST_F(TWriteFileTest, Rewinds) {
-  using namespace PosixFaults;
-  const std::string bugcheck = "TWF::Seek: !BUGCHECK! Seek past end of buffer";
-  const std::pair<std::int64_t, std::string> cases[] = {
-      {2 * 32768 + 20, ""}, {100, ""}, {32764, bugcheck}, {2 * 32768 + 32764, bugcheck}};
-  const Bytes stream = randomBytes(2 * 32764 + 50, 9);
-  for (const auto& [target, failure] : cases) {
-    SCOPED_TRACE(target);
-    ::remove(path.c_str());
-    Writer w(path);
-    w.putBytes(stream.data(), static_cast<std::int32_t>(stream.size()));
-    reset();
-    EXPECT_EQ(failure, failureOf([&] { w.seek(target); }));
-    EXPECT_EQ(65536, w.highWater());
-    EXPECT_EQ(target < 65536 && failure.empty() ? 3 : 0, calls(kRead) + calls(kLseek64));
-    w.putBytes("xyz", 3);
-    w.flushBlock();
-    // Written from where the writer stands; a longer file is cut at commit, not here.
-    const std::int64_t at = failure.empty() ? target : 2 * 32768 + 50;
-    Bytes expected(stream.begin(), stream.begin() + (at / 32768 * 32764 + at % 32768));
-    expected.insert(expected.end(), {'x', 'y', 'z'});
-    const Bytes file = readFile(path), want = containerOf(expected);
-    EXPECT_EQ(want, Bytes(file.begin(), file.begin() + std::min(file.size(), want.size())));
-  }
-}
-
 // Reading on from anywhere: runs across blocks, skips over whole blocks (each one read and
 // verified), seeks within the loaded block (no file operation) and to other blocks, and the end.
 TEST_F(TReadFileTest, GetBytesSkipAndSeek) {
@@ -205,10 +172,10 @@ TEST_F(TReadFileTest, GetBytesSkipAndSeek) {
   EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { closed.getByte(); }));
 }
 
-// Without CRC checking every byte of a file is handed out, the trailer included. With it, a block
-// that a changed bit or a cut damaged is caught when it loads, and the reader says why (any damage
-// and any cut: TReadFileFuzz). A directory, a missing file, a sparse file of 5 GiB.
-TEST_F(TReadFileTest, DamagedAndOddFiles) {
+// Without CRC checking every byte of a file is handed out, the trailer included (a damaged or cut
+// block with it: TReadFileFuzz, and dump and verify's wording: FbcdcCommandTest). A directory, a
+// missing file, a sparse file of 5 GiB.
+TEST_F(TReadFileTest, RawAndOddFiles) {
   const Bytes stream = randomBytes(32764 + 60, 19);
   const Bytes good = readFile(writeLog(stream));
   TReadFile raw;
@@ -217,30 +184,6 @@ TEST_F(TReadFileTest, DamagedAndOddFiles) {
   raw.getBytes(all.data(), static_cast<std::int32_t>(all.size()));
   EXPECT_EQ(good, all);
   EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { raw.getByte(); }));
-  const std::string bad = dir / "bad";
-  const std::string crc = "auto TFDB::RB: CRC error, file " + bad + " is corrupted";
-  // Length kept, byte changed (or none), blocks that still read, failure: each reason, for a full
-  // block and a short last one.
-  const std::size_t n = good.size();
-  const std::tuple<std::size_t, std::size_t, std::size_t, std::string> cases[] = {
-      {n, 5, 0, crc},
-      {n, n - 1, 1, crc},
-      {32768, 0, 1, "TRF::RB: Unexpected EOF"},
-      {32768 + 4, 0, 1, "TFDB::RB: Too small block"},
-  };
-  for (const auto& [length, changed, blocks, failure] : cases) {
-    SCOPED_TRACE(std::to_string(length) + " bytes, byte " + std::to_string(changed));
-    Bytes damaged(good.begin(), good.begin() + length);
-    if (changed) damaged[changed] ^= 0x10;
-    writeFile(bad, damaged);
-    TReadFile r;
-    r.open(bad.c_str(), true);
-    std::size_t got = 0;
-    EXPECT_EQ(failure, failureOf([&] {
-                for (; got < stream.size(); ++got) ASSERT_EQ(stream[got], r.getByte());
-              }));
-    EXPECT_EQ(blocks * 32764, got);
-  }
   ::mkdir((dir / "directory").c_str(), 0700);
   TReadFile directory;
   directory.open((dir / "directory").c_str(), true);
@@ -253,6 +196,7 @@ TEST_F(TReadFileTest, DamagedAndOddFiles) {
   // A log of 4 GiB and more is reachable: seek takes 64-bit positions. Only the last block of
   // this sparse file is written.
   const std::int64_t far = (std::int64_t{5} << 30) + 3 * 32768;
+  const std::string bad = dir / "sparse";
   FILE* f = std::fopen(bad.c_str(), "wb");
   fseeko(f, far, SEEK_SET);
   std::fwrite(good.data(), 1, 32768, f);
