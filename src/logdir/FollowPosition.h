@@ -48,6 +48,8 @@ class FollowPosition {
   bool empty() const { return names_.empty(); }
   // The last log finished.
   const std::string& lastName() const { return names_.back(); }
+  // The publication time of the last log finished, in nanoseconds; 0 when none.
+  std::int64_t publishedAt() const { return publishedAt_; }
 
   std::string serialize() const;
   // Throws std::runtime_error on text that serialize() cannot have written.

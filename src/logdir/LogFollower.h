@@ -46,6 +46,9 @@ class LogFollower {
   static void stopOnSignals();
   static bool stopRequested();
 
+  // The logs found and not yet taken, the next first; during a handler's call, those after its log.
+  const std::deque<LogFile>& waiting() const { return queue_; }
+
   // Puts a queue in publication order without moving logs of one time against each other, so
   // that the order of reports stands where times are equal.
   static void order(std::deque<LogFile>& queue);

@@ -17,7 +17,7 @@ deb=$(ls "$work"/cpack/fbcdc_*.deb)
 [ "$(dpkg-deb -f "$deb" Package)" = fbcdc ] || fail "Package is not fbcdc"
 [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "Version is not $version"
 depends=$(dpkg-deb -f "$deb" Depends)
-for needed in libfbclient2 librdkafka1 libhiredis adduser libstdc++6; do
+for needed in libfbclient2 librdkafka1 libhiredis libprometheus-cpp-pull libprometheus-cpp-core adduser libstdc++6; do
   case "$depends" in *"$needed"*) ;; *) fail "Depends lacks $needed: $depends" ;; esac
 done
 
@@ -51,5 +51,34 @@ if command -v systemd-analyze >/dev/null; then
     systemd-analyze verify --man=no "$work/units/$unit" >"$work/verify.log" 2>&1 &&
       [ ! -s "$work/verify.log" ] || { cat "$work/verify.log"; fail "systemd-analyze refused $unit"; }
   done
+fi
+# The services log with levels the journal reads.
+for unit in fbcdc-follow@.service fbcdc-apply@.service; do
+  grep -qx 'SyslogLevelPrefix=yes' "$root/usr/lib/systemd/system/$unit" || fail "$unit: no SyslogLevelPrefix"
+done
+
+# Installed by dpkg into a scratch root with a database of its own: dpkg unpacks it, records its
+# files and removes them again. Only the unpacking: the postinst makes a system user, which a scratch
+# root without a system of its own cannot (the install on a real machine: docs/operating.md).
+inst="$work/inst"
+mkdir -p "$inst/var/lib/dpkg/info" "$inst/var/lib/dpkg/updates"
+: >"$inst/var/lib/dpkg/status"
+dpkg --root="$inst" --force-not-root --force-depends --force-script-chrootless --unpack "$deb" \
+  >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; fail "dpkg could not unpack it"; }
+[ "$(dpkg --root="$inst" -s fbcdc | sed -n 's/^Status: //p')" = "install ok unpacked" ] ||
+  fail "dpkg does not know it as unpacked"
+[ "$("$inst/usr/bin/fbcdc" --version)" = "fbcdc $version" ] || fail "the installed fbcdc --version"
+dpkg --root="$inst" -L fbcdc | grep -qx /usr/lib/systemd/system/fbcdc-follow@.service ||
+  fail "dpkg's file list lacks the follow unit"
+dpkg --root="$inst" --force-not-root --force-depends --force-script-chrootless --purge fbcdc \
+  >"$work/dpkg.log" 2>&1 || { cat "$work/dpkg.log"; fail "dpkg could not remove it"; }
+[ ! -e "$inst/usr/bin/fbcdc" ] || fail "dpkg left /usr/bin/fbcdc behind"
+
+# Every dependency is one apt can install from the machine's sources: a fresh Debian 12 pulls them.
+if [ -n "$(ls /var/lib/apt/lists/ 2>/dev/null | grep _Packages)" ]; then
+  apt-get install --simulate --no-install-recommends "$deb" >"$work/apt.log" 2>&1 ||
+    { cat "$work/apt.log"; fail "apt cannot install its dependencies"; }
+else
+  echo "package: no apt lists here (apt-get update not run): dependencies not resolved"
 fi
 echo "$(basename "$deb"): $(wc -l <"$work/contents") entries, checked"

@@ -13,15 +13,19 @@
 #include <stdexcept>
 
 #include "LogDirectory.h"
+#include "Messages.h"
 
 namespace fbcdc {
 
 void complain(const char* command, const std::string& text) {
-  std::fprintf(stderr, "fbcdc %s: %s\n", command, text.c_str());
+  const bool warning = text.compare(0, 9, "warning: ") == 0;
+  Messages::print(warning ? Messages::Level::kWarning : Messages::Level::kError,
+                  std::string("fbcdc ") + command + ": " + text);
 }
 
 int refuse(const char* command, const std::string& text) {
-  std::fprintf(stderr, "fbcdc %s: %s (see fbcdc %s --help)\n", command, text.c_str(), command);
+  Messages::print(Messages::Level::kError, std::string("fbcdc ") + command + ": " + text +
+                                               " (see fbcdc " + command + " --help)");
   return kExitUsage;
 }
 

@@ -13,6 +13,8 @@
 
 #include "CheckpointFile.h"
 #include "Command.h"
+#include "Consumer.h"
+#include "ConsumerUpkeep.h"
 #include "Database.h"
 #include "KafkaSink.h"
 #include "LogDirectory.h"
@@ -225,6 +227,8 @@ int followCommand(int argc, char** argv) {
   std::string directory;
   std::string checkpointPath;
   bool once = false;
+  std::string metrics;
+  bool prune = false;
   OutputOptions output;
   RangeOptions ranges;
   SinkArguments sinkArguments;
@@ -232,6 +236,9 @@ int followCommand(int argc, char** argv) {
   app.add_option("--checkpoint", checkpointPath, "keeps the position between runs")
       ->type_name("FILE");
   app.add_flag("--once", once, "handle the logs present, then exit");
+  app.add_option("--metrics", metrics, "serve Prometheus metrics (host 127.0.0.1 if none)")
+      ->type_name("HOST:PORT");
+  app.add_flag("--prune", prune, "remove the logs taken (when it is the only consumer)");
   addOutputOptions(app, output);
   addRangeOptions(app, ranges);
   addSinkOptions(app, sinkArguments);
@@ -243,7 +250,12 @@ int followCommand(int argc, char** argv) {
   try {
     range = ranges.range();
     checkSinkArguments(app, sinkArguments, output, !checkpointPath.empty());
+    if (prune && checkpointPath.empty() && sinkArguments.sink != "redis")
+      throw CLI::ValidationError("--prune needs a kept position: --checkpoint or --sink redis");
+    if (!metrics.empty()) MetricsServer::bindAddress(metrics);
   } catch (const CLI::ValidationError& e) {
+    return refuse("follow", e.what());
+  } catch (const std::invalid_argument& e) {
     return refuse("follow", e.what());
   }
   if (!LogDirectory::isDirectory(directory)) {
@@ -271,6 +283,14 @@ int followCommand(int argc, char** argv) {
     } catch (const std::runtime_error& e) {
       throw std::runtime_error(std::string("the stored position is damaged: ") + e.what());
     }
+    // Named as status and prune name it.
+    const std::string consumer =
+        sinkArguments.sink == "redis"
+            ? Consumer::redis(sinkArguments.redis, sinkArguments.streamPrefix).text()
+        : !checkpointPath.empty() ? Consumer::checkpoint(checkpointPath).text()
+                                  : "follow:" + directory;
+    ConsumerUpkeep upkeep("follow", {directory, consumer, metrics, prune});
+    upkeep.started(position);
     LogFollower follower(directory, range);
     follower.run(
         position,
@@ -280,10 +300,11 @@ int followCommand(int argc, char** argv) {
             after.advance(log);
             sink->setPositionAfterLog(after.serialize());
           }
-          sink->send(log);
+          upkeep.take(log, follower.waiting().size(), [&] { upkeep.sink(*sink).send(log); });
         },
         [&](const FollowPosition& p) {
           if (!checkpointPath.empty()) checkpoint.store(p.serialize());
+          upkeep.taken(p, follower.waiting());
         },
         once);
   } catch (const std::invalid_argument& e) {  // a -X setting the Kafka client refused

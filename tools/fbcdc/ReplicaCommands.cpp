@@ -13,6 +13,8 @@
 
 #include "CaptureDriver.h"
 #include "Command.h"
+#include "Consumer.h"
+#include "ConsumerUpkeep.h"
 #include "DatabaseComparer.h"
 #include "LogDirectory.h"
 #include "LogFollower.h"
@@ -143,15 +145,20 @@ bool needsApplying(const FollowPosition& position, const LogFile& log, bool name
 ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
                                   const std::vector<LogFile>& logs, bool follow,
                                   const std::string& directory,
-                                  const std::set<std::string>& named = {}) {
+                                  const std::set<std::string>& named = {},
+                                  ConsumerUpkeep* upkeep = nullptr) {
   FollowPosition position = applier.position();
   // A replica behind logs that were pruned would skip them: it stops instead.
   if (LogDirectory::isDirectory(directory)) PruneMark::check(directory, position);
+  if (upkeep) upkeep->started(position);
   // The log's changes and the position after it go into the replica in one transaction.
-  auto applyOne = [&](const LogFile& log) {
+  auto applyOne = [&](const LogFile& log, std::uint64_t waiting) {
     FollowPosition after = position;
     after.advance(log);
-    applier.apply(log, after);
+    if (upkeep)
+      upkeep->apply(applier, log, after, waiting);
+    else
+      applier.apply(log, after);
     return after;
   };
   Progress progress("apply", logs.size());
@@ -164,7 +171,9 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
       continue;
     }
     progress.update(i, logs[i].name);
-    position = applyOne(logs[i]);
+    const std::size_t waiting = logs.size() - i - 1;
+    position = applyOne(logs[i], waiting);
+    if (upkeep) upkeep->taken(position, waiting, waiting > 0 ? &logs[i + 1] : nullptr);
   }
   if (follow && !LogFollower::stopRequested()) {
     // The follower advances position itself after each log it hands over.
@@ -172,9 +181,12 @@ ReplicaApplier::Summary applyLogs(Database& replica, ReplicaApplier& applier,
     follower.run(
         position,
         [&](const LogFile& log) {
-          if (needsApplying(position, log, false)) applyOne(log);
+          if (needsApplying(position, log, false)) applyOne(log, follower.waiting().size());
         },
-        [](const FollowPosition&) {}, false);
+        [&](const FollowPosition& p) {
+          if (upkeep) upkeep->taken(p, follower.waiting());
+        },
+        false);
   }
   (void)replica;
   return applier.summary();
@@ -239,15 +251,28 @@ int applyCommand(int argc, char** argv) {
   std::string database;
   std::string conflicts = "error";
   bool follow = false;
+  std::string metrics;
+  bool prune = false;
   std::vector<std::string> paths;
   app.add_option("--database", database, "the replica")->type_name("DB")->required();
   choice(app.add_option("--conflicts", conflicts, "a row not as the log expects (default error)"),
          {"error", "upsert", "skip"});
   app.add_flag("--follow", follow, "keep applying the logs of one DIR");
+  app.add_option("--metrics", metrics, "with --follow: serve Prometheus metrics")
+      ->type_name("HOST:PORT");
+  app.add_flag("--prune", prune, "remove the logs applied (when it is the only consumer)");
   app.add_option("LOG|DIR", paths, "logs, or directories of logs")->required();
   if (const int status = parse(app, argc, argv); status >= 0) return status;
   if (follow && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0])))
     return refuse("apply", "--follow takes exactly one directory");
+  if (prune && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0])))
+    return refuse("apply", "--prune takes exactly one directory");
+  if (!metrics.empty() && !follow) return refuse("apply", "--metrics is for apply --follow");
+  try {
+    if (!metrics.empty()) MetricsServer::bindAddress(metrics);
+  } catch (const std::invalid_argument& e) {
+    return refuse("apply", e.what());
+  }
   std::vector<LogFile> logs;
   try {
     // Settled: a position must never move past a log that a directory read going on missed.
@@ -294,8 +319,10 @@ int applyCommand(int argc, char** argv) {
       }
     }
     applier->onWarning([](const std::string& w) { complain("apply", "warning: " + w); });
+    ConsumerUpkeep upkeep("apply", {paths[0], Consumer::replica(database).text(), metrics, prune});
     const auto start = Clock::now();
-    const ReplicaApplier::Summary s = applyLogs(*replica, *applier, logs, follow, paths[0], named);
+    const ReplicaApplier::Summary s =
+        applyLogs(*replica, *applier, logs, follow, paths[0], named, &upkeep);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
     std::printf(
         "apply: %llu logs, %llu rows, %llu statements in %.1f s (%.0f rows/s); %llu "

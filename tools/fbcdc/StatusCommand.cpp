@@ -8,6 +8,7 @@
 
 #include "Command.h"
 #include "Consumer.h"
+#include "ConsumerMetrics.h"
 #include "DirectoryStatus.h"
 #include "JsonOutput.h"
 #include "LogDirectory.h"
@@ -202,6 +203,18 @@ void printJson(const std::string& directory, const DirectoryStatus& s, const Pru
   std::fwrite(out.view().data(), 1, out.size(), stdout);
 }
 
+// The backlog families a running consumer serves with --metrics, for the node exporter's textfile
+// collector; a consumer whose position could not be read has no samples.
+void printPrometheus(const std::vector<Report>& reports) {
+  std::vector<ConsumerMetrics::Backlog> all;
+  for (const Report& r : reports) {
+    if (!r.error.empty()) continue;
+    all.push_back({r.consumer.text(), r.backlog.lag, r.backlog.logs, r.position.publishedAt()});
+  }
+  const std::string text = ConsumerMetrics::text(ConsumerMetrics::backlogFamilies(all));
+  std::fwrite(text.data(), 1, text.size(), stdout);
+}
+
 }  // namespace
 
 int statusCommand(int argc, char** argv) {
@@ -228,7 +241,8 @@ int statusCommand(int argc, char** argv) {
       ->type_name("PREFIX");
   app.add_option("--consumer", consumerTexts, "a consumer as prune names it; repeatable")
       ->type_name("CONSUMER");
-  choice(app.add_option("--format", format, "text (default) or json"), {"text", "json"});
+  choice(app.add_option("--format", format, "text (default), json or prometheus"),
+         {"text", "json", "prometheus"});
   wholeNumber(app.add_option("--max-lag", maxLag, "exit status 1 when a consumer lags more"), 0,
               LLONG_MAX / 1000000000)
       ->type_name("SECONDS");
@@ -294,6 +308,8 @@ int statusCommand(int argc, char** argv) {
     }
     if (format == "json")
       printJson(directory, s, mark, reports, maxLag);
+    else if (format == "prometheus")
+      printPrometheus(reports);
     else
       printText(directory, s, mark, reports, maxLag);
   } catch (const std::exception& e) {
