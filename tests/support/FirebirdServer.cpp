@@ -168,7 +168,24 @@ bool FirebirdServer::prepareRoot(const std::string& root) {
 FirebirdServer::~FirebirdServer() { stop(); }
 
 void FirebirdServer::stop() {
-  if (pid_ > 0) ::stop(pid_, SIGTERM);
+  if (pid_ <= 0) return;
+  // The server notes SIGTERM at once but acts on it only when its listener wakes (a connection,
+  // or a minute's timeout): a connection wakes it. One that is still there after ten seconds is
+  // killed.
+  ::kill(pid_, SIGTERM);
+  for (int waited = 0; waited < 100; ++waited) {
+    int status = 0;
+    const pid_t ended = ::waitpid(pid_, &status, WNOHANG);
+    if (ended == pid_ || ended < 0) {
+      pid_ = -1;
+      return;
+    }
+    accepts(port_);
+    ::usleep(100000);
+  }
+  ADD_FAILURE() << kBinary << " still runs ten seconds after SIGTERM: " << errors();
+  ::kill(pid_, SIGKILL);
+  waitFor(pid_);
   pid_ = -1;
 }
 
