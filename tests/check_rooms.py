@@ -13,7 +13,7 @@ import sys
 ROOMS = [
     "include", "src/blockfile", "src/status", "src/changelog", "src/plugin", "src/decoder",
     "src/render", "src/logdir", "src/sinks", "src/firebird", "src/replica", "host", "src/metrics",
-    "tools/fbcdc",
+    "src/snapshot", "tools/fbcdc",
 ]
 INCLUDE = re.compile(r'^\s*#\s*include\s+"([^"]+)"', re.M)
 

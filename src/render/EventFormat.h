@@ -30,4 +30,8 @@ struct LogInfo {
   std::string file;  // the file's name, without directory
   std::uint64_t transaction = 0;
   std::int64_t time = 0;  // seconds since 1970-01-01 UTC, from the name
+  // A snapshot file: its inserts are rows read (op "r", source.snapshot "true"), and the row of
+  // index lastRow, when not -1, is the snapshot's last one ("last").
+  bool snapshot = false;
+  std::int64_t lastRow = -1;
 };

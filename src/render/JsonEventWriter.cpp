@@ -160,12 +160,16 @@ void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
   FBCDC_RAW_KEY("source");
   scratch_ = sourcePrefix_;
   appendNumber(scratch_, event.index);
+  const bool read = log_.snapshot && event.kind == Kind::kInsert;
+  if (read)
+    scratch_ += static_cast<std::int64_t>(event.index) == log_.lastRow ? ",\"snapshot\":\"last\""
+                                                                       : ",\"snapshot\":\"true\"";
   scratch_ += '}';
   raw(scratch_.data(), scratch_.size(), rapidjson::kObjectType);
 
   static const char* const kOps[] = {"\"c\"", "\"u\"", "\"d\"", "\"sql\""};
   FBCDC_RAW_KEY("op");
-  const char* op = kOps[static_cast<int>(event.kind)];
+  const char* op = read ? "\"r\"" : kOps[static_cast<int>(event.kind)];
   raw(op, std::strlen(op), rapidjson::kStringType);
   FBCDC_RAW_KEY("table");
   if (event.kind == Kind::kSql) {

@@ -87,6 +87,7 @@ bool TextEventWriter::same(const FieldValue& a, const FieldValue& b) {
 }
 
 void TextEventWriter::beginLog(const LogInfo& log) {
+  snapshot_ = log.snapshot;
   out_ += "== " + log.file + "  transaction " + std::to_string(log.transaction) + "  ";
   ValueText::appendIsoUtc(out_, log.time);
   out_.push_back('\n');
@@ -95,7 +96,10 @@ void TextEventWriter::beginLog(const LogInfo& log) {
 void TextEventWriter::event(const ChangeEvent& event) {
   using Kind = ChangeEvent::Kind;
   static const char* const kOps[] = {"insert", "update", "delete", "sql"};
-  out_ += "#" + std::to_string(event.index) + " " + kOps[static_cast<int>(event.kind)] + " ";
+  // A snapshot's rows are rows read, not inserted.
+  const char* op =
+      snapshot_ && event.kind == Kind::kInsert ? "read" : kOps[static_cast<int>(event.kind)];
+  out_ += "#" + std::to_string(event.index) + " " + op + " ";
   if (event.kind == Kind::kSql) {
     out_ += std::to_string(event.sqlNumber);
   } else {

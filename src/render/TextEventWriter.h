@@ -55,6 +55,7 @@ class TextEventWriter : public EventWriter {
 
   EventFormat format_;
   ValueRenderer renderer_;
+  bool snapshot_ = false;  // the log is a snapshot file
   std::string out_;
   std::string scratch_;
 };

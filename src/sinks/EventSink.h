@@ -26,7 +26,10 @@ class EventSink {
 
   // Decodes the log at path and hands its events over, from beginLog to endLog. A log that does
   // not decode throws LogFormatError after the events before the damage were handed over.
-  void send(const LogFile& log);
+  void send(const LogFile& log) { send(log, infoOf(log)); }
+  // The same with what is known of the log given (a snapshot file's last row, say).
+  void send(const LogFile& log, const LogInfo& info);
 
+  // A file ending in ".fbs" is a snapshot file.
   static LogInfo infoOf(const LogFile& log);
 };

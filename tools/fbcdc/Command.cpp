@@ -14,6 +14,7 @@
 
 #include "LogDirectory.h"
 #include "Messages.h"
+#include "SnapshotFiles.h"
 
 namespace fbcdc {
 
@@ -218,6 +219,7 @@ std::vector<LogFile> expandPaths(const std::vector<std::string>& paths, bool wit
                                  bool settled) {
   std::vector<LogFile> logs;
   for (const std::string& path : paths) {
+    if (expandSnapshot(path, logs)) continue;
     if (LogDirectory::isDirectory(path)) {
       const auto which =
           withTemporary ? LogDirectory::Which::kBoth : LogDirectory::Which::kPublished;

@@ -33,6 +33,7 @@ int compareCommand(int argc, char** argv);
 int statusCommand(int argc, char** argv);
 int pruneCommand(int argc, char** argv);
 int demoCommand(int argc, char** argv);
+int snapshotCommand(int argc, char** argv);
 
 // Parses the arguments; on --help prints the help and returns kExitOk, on an error prints one line
 // and returns kExitUsage. Returns -1 when the command should go on. Gives every command the same

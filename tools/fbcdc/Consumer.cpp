@@ -8,6 +8,7 @@
 #include "Database.h"
 #include "RedisSink.h"
 #include "ReplicaApplier.h"
+#include "SnapshotPosition.h"
 
 namespace fbcdc {
 
@@ -103,6 +104,8 @@ FollowPosition Consumer::position() const {
     }
   }
   try {
+    // A consumer that started from a snapshot keeps its log position behind the files it took.
+    if (stored.compare(0, 9, "snapshot\t") == 0) return SnapshotPosition::parse(stored).logs;
     return FollowPosition::parse(stored);
   } catch (const std::runtime_error& e) {
     throw std::runtime_error(std::string("the stored position is damaged: ") + e.what());

@@ -20,6 +20,7 @@
 #include "LogDirectory.h"
 #include "LogFollower.h"
 #include "RedisSink.h"
+#include "SnapshotStream.h"
 #include "StreamSink.h"
 
 namespace fbcdc {
@@ -229,6 +230,7 @@ int followCommand(int argc, char** argv) {
   bool once = false;
   std::string metrics;
   bool prune = false;
+  std::string snapshotDir;
   OutputOptions output;
   RangeOptions ranges;
   SinkArguments sinkArguments;
@@ -239,6 +241,9 @@ int followCommand(int argc, char** argv) {
   app.add_option("--metrics", metrics, "serve Prometheus metrics (host 127.0.0.1 if none)")
       ->type_name("HOST:PORT");
   app.add_flag("--prune", prune, "remove the logs taken (when it is the only consumer)");
+  app.add_option("--snapshot", snapshotDir,
+                 "first the rows of this snapshot, then only the changes it does not contain")
+      ->type_name("SNAPDIR");
   addOutputOptions(app, output);
   addRangeOptions(app, ranges);
   addSinkOptions(app, sinkArguments);
@@ -275,11 +280,20 @@ int followCommand(int argc, char** argv) {
     sink = makeSink(sinkArguments, output, writer, !checkpointPath.empty());
     CheckpointFile checkpoint(checkpointPath);
     FollowPosition position;
+    // With a snapshot, the stored position also counts the snapshot files taken.
+    std::unique_ptr<SnapshotStream> snapshot;
+    SnapshotPosition snapshotPosition;
+    if (!snapshotDir.empty()) snapshot = std::make_unique<SnapshotStream>(snapshotDir);
     try {
-      if (sink->keepsPosition())
-        position = FollowPosition::parse(sink->loadPosition());
-      else if (!checkpointPath.empty())
-        position = FollowPosition::parse(checkpoint.load());
+      const std::string stored = sink->keepsPosition()     ? sink->loadPosition()
+                                 : !checkpointPath.empty() ? checkpoint.load()
+                                                           : std::string();
+      if (snapshot) {
+        snapshotPosition = SnapshotPosition::parse(stored);
+        position = snapshotPosition.logs;
+      } else {
+        position = FollowPosition::parse(stored);
+      }
     } catch (const std::runtime_error& e) {
       throw std::runtime_error(std::string("the stored position is damaged: ") + e.what());
     }
@@ -291,6 +305,21 @@ int followCommand(int argc, char** argv) {
                                   : "follow:" + directory;
     ConsumerUpkeep upkeep("follow", {directory, consumer, metrics, prune});
     upkeep.started(position);
+    auto serialized = [&](const FollowPosition& p) {
+      if (!snapshot) return p.serialize();
+      SnapshotPosition s = snapshotPosition;
+      s.logs = p;
+      return s.serialize();
+    };
+    if (snapshot)
+      snapshot->sendRows(
+          *sink, snapshotPosition,
+          [&](const SnapshotPosition& after) {
+            if (sink->keepsPosition()) sink->setPositionAfterLog(after.serialize());
+          },
+          [&](const SnapshotPosition& after) {
+            if (!checkpointPath.empty()) checkpoint.store(after.serialize());
+          });
     LogFollower follower(directory, range);
     follower.run(
         position,
@@ -298,12 +327,17 @@ int followCommand(int argc, char** argv) {
           if (sink->keepsPosition()) {
             FollowPosition after = position;
             after.advance(log);
-            sink->setPositionAfterLog(after.serialize());
+            sink->setPositionAfterLog(serialized(after));
           }
-          upkeep.take(log, follower.waiting().size(), [&] { upkeep.sink(*sink).send(log); });
+          upkeep.take(log, follower.waiting().size(), [&] {
+            if (snapshot)
+              snapshot->sendLog(upkeep.sink(*sink), log);
+            else
+              upkeep.sink(*sink).send(log);
+          });
         },
         [&](const FollowPosition& p) {
-          if (!checkpointPath.empty()) checkpoint.store(p.serialize());
+          if (!checkpointPath.empty()) checkpoint.store(serialized(p));
           upkeep.taken(p, follower.waiting());
         },
         once);

@@ -24,6 +24,8 @@ const Command kCommands[] = {
      fbcdc::followCommand},
     {"capture", "drive the plugin with a seeded workload on a real database",
      fbcdc::captureCommand},
+    {"snapshot", "write the current rows of a database's tables as snapshot files",
+     fbcdc::snapshotCommand},
     {"apply", "replay logs into a replica database, exactly once", fbcdc::applyCommand},
     {"compare", "compare two databases table by table", fbcdc::compareCommand},
     {"status", "how far behind each consumer of a directory is", fbcdc::statusCommand},
