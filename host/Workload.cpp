@@ -137,7 +137,20 @@ struct Workload::Prepared {
 };
 
 void Workload::createSchema(Database& db) {
-  auto create = [&db](const char* table, const auto& columns, const char* extra) {
+  // Only the tables that are missing: a database made empty beforehand (through a server, where
+  // capture cannot tell a new database from an old one) gets the whole schema, one that holds it
+  // keeps its rows.
+  std::vector<std::string> present;
+  for (auto& row :
+       db.texts("SELECT CAST(TRIM(RDB$RELATION_NAME) AS VARCHAR(63) CHARACTER SET UTF8) "
+                "FROM RDB$RELATIONS WHERE COALESCE(RDB$SYSTEM_FLAG, 0) = 0"))
+    present.push_back(row[0]);
+  db.commit();
+  auto missing = [&present](const char* table) {
+    return std::find(present.begin(), present.end(), table) == present.end();
+  };
+  auto create = [&db, &missing](const char* table, const auto& columns, const char* extra) {
+    if (!missing(table)) return;
     std::vector<std::string> defs;
     for (const Column& c : columns) defs.push_back(std::string(c.name) + " " + c.type);
     db.executeAlone(std::string("CREATE TABLE ") + table + " (" + join(defs, "", ", ") + extra +
@@ -146,11 +159,13 @@ void Workload::createSchema(Database& db) {
   create("ITEMS", kItemColumns, "");
   create("LINES", kLineColumns, ", PRIMARY KEY (ITEM_ID, LINE)");
   create("NOTES", kNoteColumns, "");
-  db.executeAlone("CREATE TABLE COUNTERS (ID INTEGER NOT NULL PRIMARY KEY, N BIGINT NOT NULL)");
-  // One counter per thread: statements of different threads never touch the same row.
-  db.executeAlone(
-      "EXECUTE BLOCK AS DECLARE I INTEGER = 0; BEGIN WHILE (I < 64) DO BEGIN "
-      "INSERT INTO COUNTERS VALUES (:I, 0); I = I + 1; END END");
+  if (missing("COUNTERS")) {
+    db.executeAlone("CREATE TABLE COUNTERS (ID INTEGER NOT NULL PRIMARY KEY, N BIGINT NOT NULL)");
+    // One counter per thread: statements of different threads never touch the same row.
+    db.executeAlone(
+        "EXECUTE BLOCK AS DECLARE I INTEGER = 0; BEGIN WHILE (I < 64) DO BEGIN "
+        "INSERT INTO COUNTERS VALUES (:I, 0); I = I + 1; END END");
+  }
   prepareKeys(db);
 }
 
@@ -328,7 +343,9 @@ std::string Workload::randomBlob(bool text) {
 void Workload::fill(Message& m, std::size_t i, const std::string& table,
                     const std::string& column) {
   const Message::Field& f = m.field(i);
-  if (random_() % 12 == 0) {
+  // Without blobs (a largest blob of 0), blob and array columns stay null.
+  const bool blobLike = f.type == SQL_BLOB || f.type == SQL_ARRAY;
+  if (random_() % 12 == 0 || (blobLike && options_.maxBlob == 0)) {
     m.setNull(i, true);
     return;
   }

@@ -50,17 +50,18 @@ class Workload {
 
   struct Options {
     std::uint64_t seed = 1;
-    int thread = 0;            // this workload's COUNTERS row
-    std::int64_t keyBase = 0;  // the first key of this workload's range, from reserveKeys
-    std::size_t maxBlob = 4 << 20;
-    int hotRows = 0;  // at most kMaxHotRows
+    int thread = 0;                 // this workload's COUNTERS row
+    std::int64_t keyBase = 0;       // the first key of this workload's range, from reserveKeys
+    std::size_t maxBlob = 4 << 20;  // 0: no blob or array values at all
+    int hotRows = 0;                // at most kMaxHotRows
   };
 
   // Keys of one workload's range.
   static constexpr std::int64_t kKeyRange = 1000000000;
   static constexpr int kMaxHotRows = 1000;
 
-  // Creates the tables (and the COUNTERS rows) and the key sequence in an empty database.
+  // Creates the tables the database lacks (COUNTERS with its rows) and the key sequence; a
+  // database that has them all keeps them as they are.
   static void createSchema(Database& db);
   // Creates the key sequence when the database lacks it (made by an earlier version), starting
   // above every key and tag that any table holds.

@@ -756,35 +756,53 @@ void ReplicaApplier::applyEvent(const ChangeEvent& e) {
   }
 }
 
-void ReplicaApplier::apply(const LogFile& log, const FollowPosition& after) {
+namespace {
+
+// A statement met in a log that would go ahead of one published before it.
+struct NotAhead {};
+
+// How many logs the search for an order may try, each a trial in a savepoint.
+constexpr int kOrderTrials = 64;
+
+}  // namespace
+
+void ReplicaApplier::applyEvents(const LogFile& log, bool ahead) {
   LogDecoder decoder;
   where_ = "log " + log.name;
+  decoder.open(log.path);
+  for (;;) {
+    const ChangeEvent& e = decoder.next();
+    if (e.kind == ChangeEvent::Kind::kEnd) break;
+    where_ = "log " + log.name + ", event " + std::to_string(e.index);
+    if (ahead && e.kind == ChangeEvent::Kind::kSql) throw NotAhead();
+    applyEvent(e);
+  }
+}
+
+void ReplicaApplier::storeAndCommit(const FollowPosition& after, std::size_t logs) {
+  // The position is stored only over the one this applier read: another applier that took the
+  // same logs meanwhile has moved it, and this one's work is undone rather than done twice.
+  binder_->clear();
+  const std::string serialized = after.serialize();
+  FieldValue text, applied;
+  text.kind = FieldValue::Kind::kBlob;
+  text.bytes = serialized;
+  applied.kind = FieldValue::Kind::kInt64;
+  applied.integer = applied_;
+  binder_->add(text, "", "");
+  binder_->add(applied, "", "");
+  if (run(kStorePosition, *binder_) != 1)
+    throw ApplyError(where_ +
+                     ": the replica's position moved since this applier read it; "
+                     "another applier is taking the same logs");
+  db_.commit();
+  ++applied_;
+  summary_.logs += logs;
+}
+
+void ReplicaApplier::inTransaction(const std::function<void()>& work) {
   try {
-    decoder.open(log.path);
-    for (;;) {
-      const ChangeEvent& e = decoder.next();
-      if (e.kind == ChangeEvent::Kind::kEnd) break;
-      where_ = "log " + log.name + ", event " + std::to_string(e.index);
-      applyEvent(e);
-    }
-    // The position is stored only over the one this applier read: another applier that took
-    // the same logs meanwhile has moved it, and this one's work is undone rather than done twice.
-    binder_->clear();
-    const std::string serialized = after.serialize();
-    FieldValue text, applied;
-    text.kind = FieldValue::Kind::kBlob;
-    text.bytes = serialized;
-    applied.kind = FieldValue::Kind::kInt64;
-    applied.integer = applied_;
-    binder_->add(text, "", "");
-    binder_->add(applied, "", "");
-    if (run(kStorePosition, *binder_) != 1)
-      throw ApplyError(where_ +
-                       ": the replica's position moved since this applier read it; "
-                       "another applier is taking the same logs");
-    db_.commit();
-    ++applied_;
-    ++summary_.logs;
+    work();
   } catch (const Firebird::FbException& e) {
     db_.rollback();
     throw ApplyError(where_ + ": " + Database::describe(e));
@@ -795,4 +813,117 @@ void ReplicaApplier::apply(const LogFile& log, const FollowPosition& after) {
     db_.rollback();
     throw;
   }
+}
+
+void ReplicaApplier::apply(const LogFile& log, const FollowPosition& after) {
+  inTransaction([&] {
+    applyEvents(log, false);
+    storeAndCommit(after, 1);
+  });
+}
+
+bool ReplicaApplier::applyCleanly(const LogFile& log, bool ahead) {
+  const Summary before = summary_;
+  const Conflicts conflicts = conflicts_;
+  conflicts_ = Conflicts::kError;
+  try {
+    applyEvents(log, ahead);
+    conflicts_ = conflicts;
+    return true;
+  } catch (const ApplyError&) {
+  } catch (const Firebird::FbException&) {
+  } catch (const NotAhead&) {
+  } catch (...) {
+    conflicts_ = conflicts;
+    throw;
+  }
+  conflicts_ = conflicts;
+  summary_ = before;
+  return false;
+}
+
+bool ReplicaApplier::settle(const std::vector<LogFile>& logs, std::size_t first,
+                            std::vector<char>& taken, int depth, int& budget) {
+  std::size_t next = 0;
+  while (next < taken.size() && taken[next]) ++next;
+  if (next > 0 && std::find(taken.begin() + next, taken.end(), 1) == taken.end()) return true;
+  // Each trial runs in a savepoint of its depth, so that a trial that fails, or an order that
+  // leads nowhere, is undone alone.
+  const std::string savepoint = "FBCDC_ORDER_" + std::to_string(depth);
+  for (std::size_t c = next; c < taken.size(); ++c) {
+    const LogFile& log = logs[first + c];
+    const bool ahead = c != next;
+    if (ahead && (log.fromName || log.publishedAt - logs[first + next].publishedAt > kOrderWindow))
+      break;
+    if (taken[c]) continue;
+    if (budget-- <= 0) return false;
+    const Summary before = summary_;
+    db_.execute("SAVEPOINT " + savepoint);
+    if (applyCleanly(log, ahead)) {
+      taken[c] = 1;
+      if (settle(logs, first, taken, depth + 1, budget)) {
+        if (ahead) ++summary_.reordered;
+        return true;
+      }
+      taken[c] = 0;
+    }
+    db_.execute("ROLLBACK TO SAVEPOINT " + savepoint);
+    summary_ = before;
+  }
+  return false;
+}
+
+std::size_t ReplicaApplier::applyNext(std::vector<LogFile>& logs, std::size_t first,
+                                      FollowPosition& position,
+                                      const std::function<void(std::vector<LogFile>&)>& more) {
+  FollowPosition after = position;
+  after.advance(logs[first]);
+  // As published, first: nearly every log applies so, and costs no savepoint.
+  bool clean = false;
+  inTransaction([&] {
+    clean = applyCleanly(logs[first], false);
+    if (clean) storeAndCommit(after, 1);
+  });
+  if (clean) {
+    position = after;
+    return 1;
+  }
+  db_.rollback();
+  if (more) more(logs);
+  const Summary before = summary_;
+  std::size_t count = 0;
+  std::size_t window = 1;
+  while (first + window < logs.size() && !logs[first + window].fromName &&
+         logs[first + window].publishedAt - logs[first].publishedAt <= kOrderWindow)
+    ++window;
+  if (window > 1) {
+    inTransaction([&] {
+      std::vector<char> taken(window);
+      int budget = kOrderTrials;
+      if (!settle(logs, first, taken, 0, budget)) {
+        db_.rollback();
+        summary_ = before;
+        return;
+      }
+      FollowPosition end = position;
+      while (count < taken.size() && taken[count]) end.advance(logs[first + count++]);
+      storeAndCommit(end, count);
+      after = end;
+    });
+  }
+  if (count > 0) {
+    position = after;
+    return count;
+  }
+  // No order applies cleanly: the log alone, as the conflicts are to be handled.
+  try {
+    apply(logs[first], after);
+  } catch (const ApplyError& e) {
+    if (window == 1) throw;
+    throw ApplyError(std::string(e.what()) + " (nor does it apply in another order with the " +
+                     std::to_string(window - 1) + " logs published within " +
+                     std::to_string(kOrderWindow / 1000000) + " ms after it)");
+  }
+  position = after;
+  return 1;
 }

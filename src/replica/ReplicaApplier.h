@@ -58,6 +58,8 @@ class ReplicaApplier {
     std::uint64_t differed = 0;  // of those, rows that differed from the log's old values
     // Changes in a table without a primary key that took one of several identical rows.
     std::uint64_t interchangeable = 0;
+    // Logs applied ahead of one published before them, whose order their old values decided.
+    std::uint64_t reordered = 0;
   };
 
   // replica must outlive the applier. Creates FBCDC_APPLIED when the replica lacks it.
@@ -72,6 +74,20 @@ class ReplicaApplier {
   // Applies log and stores after (the position including it) in the same transaction; throws
   // ApplyError, undoing the log, when another applier moved the position meanwhile.
   void apply(const LogFile& log, const FollowPosition& after);
+
+  // Applies logs[first] over position, in publication order where it applies cleanly. Two
+  // transactions that change one row commit one right after the other, and the later one's log
+  // may be published first. So where logs[first] conflicts with the replica, the logs published
+  // within kOrderWindow after it are tried in the order their old values admit: the earliest log
+  // that applies cleanly goes first, as long as every log up to the last one taken then applies
+  // cleanly too; they commit in one transaction with the position after the last. Logs dated by
+  // their names, and logs holding SQL statements (which carry no old values), are never taken
+  // ahead of another. more (when given) may add the logs published after logs.back() before the
+  // search. When no such order exists, logs[first] is applied alone, as apply() does. Returns the
+  // number of logs applied from first on, and advances position over them.
+  std::size_t applyNext(std::vector<LogFile>& logs, std::size_t first, FollowPosition& position,
+                        const std::function<void(std::vector<LogFile>&)>& more = nullptr);
+  static constexpr std::int64_t kOrderWindow = 100 * std::int64_t{1000000};  // nanoseconds
 
   void onWarning(std::function<void(const std::string&)> warn) { warn_ = std::move(warn); }
   // Only to measure what the old-value check costs (bench/ReplicaBench.cpp): off, a row with a
@@ -120,6 +136,21 @@ class ReplicaApplier {
   // Runs a query with the binder's values and hands each row to fn until it returns false.
   void query(const std::string& sql, const std::function<bool(const Message&)>& fn);
   void applyEvent(const ChangeEvent& e);
+  // Applies the changes of log in the open transaction. ahead: the log goes before one published
+  // earlier, which a statement forbids (throws NotAhead).
+  void applyEvents(const LogFile& log, bool ahead);
+  // Runs work; where it throws, rolls the transaction back and reports the failure as an
+  // ApplyError naming where_.
+  void inTransaction(const std::function<void()>& work);
+  // Stores after over the position read and commits: the end of each transaction.
+  void storeAndCommit(const FollowPosition& after, std::size_t logs);
+  // Applies log as if every conflict were an error; false, with the summary as it was, where it
+  // does not apply cleanly (the caller undoes what it did).
+  bool applyCleanly(const LogFile& log, bool ahead);
+  // Extends the logs taken (taken[i] for logs[first + i]) by one log that applies cleanly, until
+  // they are every log from first up to the last one taken; tries at most budget logs.
+  bool settle(const std::vector<LogFile>& logs, std::size_t first, std::vector<char>& taken,
+              int depth, int& budget);
   void insert(const ChangeEvent& e);
 
   // How an update or delete finds its row: by the old key and every old value the log carries,
