@@ -291,12 +291,9 @@ CaptureSummary CaptureDriver::run() {
 
   std::int64_t keyBase = 0;
   try {
-    bool created = false;
-    Database db(options_.database, true, &created);
-    if (created)
-      Workload::createSchema(db);
-    else
-      Workload::prepareKeys(db);
+    // A new database gets the schema, an existing one the tables it lacks.
+    Database db(options_.database, true);
+    Workload::createSchema(db);
     keyBase = Workload::reserveKeys(db, options_.threads);
     if (options_.hotRows > 0) {
       // The hot rows that are missing, inserted before the threads start.

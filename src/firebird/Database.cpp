@@ -36,17 +36,29 @@ Database::Database(const std::string& path, bool create, bool* created)
     struct stat st;
     const bool local = path.find(':') == std::string::npos;
     const bool exists = !local || ::stat(path.c_str(), &st) == 0;
-    if (create && !exists) {
+    bool made = create && !exists;
+    if (!made) {
+      try {
+        attachment_ = provider->attachDatabase(
+            &status_, path.c_str(), dpb->getBufferLength(&status_), dpb->getBuffer(&status_));
+      } catch (const Firebird::FbException& e) {
+        // Through a server a missing database shows only as the failed open of its file.
+        const ISC_STATUS* v = e.getStatus()->getErrors();
+        if (!create || local || v[0] != isc_arg_gds || v[1] != isc_io_error) {
+          provider->release();
+          throw;
+        }
+        made = true;
+      }
+    }
+    if (made) {
       dpb->insertInt(&status_, isc_dpb_page_size, 8192);
       dpb->insertInt(&status_, isc_dpb_sql_dialect, 3);
       attachment_ = provider->createDatabase(&status_, path.c_str(), dpb->getBufferLength(&status_),
                                              dpb->getBuffer(&status_));
-    } else {
-      attachment_ = provider->attachDatabase(&status_, path.c_str(), dpb->getBufferLength(&status_),
-                                             dpb->getBuffer(&status_));
     }
     provider->release();
-    if (created) *created = create && !exists;
+    if (created) *created = made;
     dpb->dispose();
   } catch (const Firebird::FbException& e) {
     if (dpb) dpb->dispose();

@@ -153,7 +153,12 @@ bool FirebirdServer::prepareRoot(const std::string& root) {
   for (const fs::directory_entry& e : fs::directory_iterator(installed, error)) {
     const std::string name = e.path().filename();
     if (name == "firebird.conf" || name == "databases.conf") continue;
-    fs::create_symlink(e.path(), root + name, error);
+    // The character sets' module is loaded only from inside the root, its real path included: a
+    // link out of it leaves every character set but the built-in ones "not installed".
+    if (name == "intl")
+      fs::copy(e.path(), root + name, fs::copy_options::recursive, error);
+    else
+      fs::create_symlink(e.path(), root + name, error);
     if (error) break;
   }
   if (error) {
