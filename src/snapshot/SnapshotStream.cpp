@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <cctype>
 #include <stdexcept>
 
 #include "LogDecoder.h"
@@ -17,7 +18,7 @@ class SnapshotStream::Filter : public EventSink {
   void beginLog(const LogInfo& log) override { info_ = log; }
   void event(const ChangeEvent& e) override {
     const bool contained = e.isRowChange() ? stream_.contains(e.relation, transaction_)
-                                           : stream_.containsStatement(transaction_);
+                                           : stream_.containsStatement(e.sqlText, transaction_);
     if (contained) return;
     if (!begun_) {
       out_.beginLog(info_);
@@ -89,10 +90,66 @@ LogFile SnapshotStream::fileOf(const std::string& path) {
   return log;
 }
 
-bool SnapshotStream::containsStatement(std::uint64_t transaction) const {
-  // A statement belongs to no table: it is contained when its whole log committed before some
-  // table's rows were read.
-  for (const auto& t : manifest_.tables)
-    if (t.done() && manifest_.boundaryOf(t).contains(transaction)) return true;
-  return false;
+bool SnapshotStream::containsStatement(std::string_view sql, std::uint64_t transaction) const {
+  const std::string table = targetOf(sql);
+  if (!table.empty()) return manifest_.contains(table, transaction);
+  // Of a statement that names no table, the rows of every table read show the effect only when
+  // it came before all of them.
+  bool any = false;
+  for (const auto& t : manifest_.tables) {
+    if (!t.done()) continue;
+    if (!manifest_.boundaryOf(t).contains(transaction)) return false;
+    any = true;
+  }
+  return any;
+}
+
+std::string SnapshotStream::targetOf(std::string_view sql) {
+  std::size_t at = 0;
+  auto blanks = [&] {
+    while (at < sql.size() && std::isspace(static_cast<unsigned char>(sql[at]))) ++at;
+  };
+  // The next word, in upper case; quoted names are not words.
+  auto word = [&] {
+    blanks();
+    std::string w;
+    while (at < sql.size() &&
+           (std::isalnum(static_cast<unsigned char>(sql[at])) || sql[at] == '_' || sql[at] == '$'))
+      w += static_cast<char>(std::toupper(static_cast<unsigned char>(sql[at++])));
+    return w;
+  };
+  const std::string first = word();
+  bool named = false;
+  if (first == "UPDATE") {
+    const std::size_t back = at;
+    if (word() == "OR" && word() == "INSERT" && word() == "INTO") {
+      named = true;
+    } else {
+      at = back;
+      named = true;
+    }
+  } else if (first == "DELETE") {
+    named = word() == "FROM";
+  } else if (first == "INSERT" || first == "MERGE") {
+    named = word() == "INTO";
+  }
+  if (!named) return "";
+  blanks();
+  if (at < sql.size() && sql[at] == '"') {
+    // A quoted name as it is, a doubled quote standing for one.
+    std::string name;
+    for (++at; at < sql.size(); ++at) {
+      if (sql[at] == '"') {
+        if (at + 1 < sql.size() && sql[at + 1] == '"') {
+          name += '"';
+          ++at;
+          continue;
+        }
+        return name;
+      }
+      name += sql[at];
+    }
+    return "";
+  }
+  return word();
 }

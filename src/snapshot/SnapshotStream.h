@@ -45,9 +45,13 @@ class SnapshotStream {
   bool contains(std::string_view table, std::uint64_t transaction) const {
     return manifest_.contains(std::string(table), transaction);
   }
-  // True when a statement of transaction was made before the rows were read: the transaction is
-  // inside the boundary of a run that read a table.
-  bool containsStatement(std::uint64_t transaction) const;
+  // True when the snapshot contains the effect of a statement of transaction: for a row statement
+  // (UPDATE, DELETE FROM, INSERT INTO, MERGE INTO, UPDATE OR INSERT INTO a table), as for a change
+  // to its table; for any other (a schema change) when every table's rows were read after it.
+  bool containsStatement(std::string_view sql, std::uint64_t transaction) const;
+  // The table a row statement changes, as stored in the system tables (an unquoted name in upper
+  // case); "" for any other statement.
+  static std::string targetOf(std::string_view sql);
 
  private:
   class Filter;

@@ -19,6 +19,7 @@
 #include "Processes.h"
 #include "ReplicaApplier.h"
 #include "SnapshotName.h"
+#include "SnapshotStream.h"
 #include "SnapshotWriter.h"
 #include "TestFiles.h"
 
@@ -375,6 +376,42 @@ TEST(SnapshotTest, ManifestNamesAndBoundariesRefuseDamage) {
        {"snapshot-000000001234ABCD-0007-000042.fbs", "snapshot-000000001234abcd-0007-000042.fbl",
         "snapshot-000000001234abcd-007-0000042.fbs", "000000006553f103_00000000000004d2.fbl"})
     EXPECT_FALSE(SnapshotName::parse(bad, back)) << bad;
+}
+
+// A statement is judged by the table it changes; one that changes no table by every table.
+TEST(SnapshotTest, StatementsAreJudgedByTheirTable) {
+  const std::pair<const char*, const char*> targets[] = {
+      {"UPDATE COUNTERS SET N = N + 1 WHERE ID = 0", "COUNTERS"},
+      {"update or insert into t (a) values (1)", "T"},
+      {"DELETE FROM \"a\"\"b\" WHERE 1 = 1", "a\"b"},
+      {"  insert\ninto items values (1)", "ITEMS"},
+      {"MERGE INTO Lines L USING", "LINES"},
+      {"CREATE TABLE X (I INTEGER)", ""},
+      {"SELECT 1 FROM RDB$DATABASE", ""},
+      {"DELETE X", ""},
+  };
+  for (const auto& [sql, table] : targets) EXPECT_EQ(table, SnapshotStream::targetOf(sql)) << sql;
+
+  // A read by a first run (boundary 100), B by a second after a kill (boundary 200).
+  TempDir dir;
+  writeFile(dir / "manifest",
+            "fbcdc-snapshot 1\ndatabase\tdb\nboundary\t100 90\t1\t1\nboundary\t200 -\t1\t1\n"
+            "table\tA\t100\t0\t0\t0\ntable\tB\t200\t0\t0\t0\ncomplete\n");
+  const SnapshotStream stream(dir.path());
+  struct Case {
+    const char* sql;
+    std::uint64_t transaction;
+    bool contained;
+  };
+  const Case cases[] = {
+      {"UPDATE B SET V = V + 1", 150, true},    {"UPDATE A SET V = V + 1", 150, false},
+      {"UPDATE A SET V = V + 1", 50, true},     {"UPDATE A SET V = V + 1", 90, false},
+      {"UPDATE C SET V = V + 1", 50, false},    {"CREATE TABLE D (I INTEGER)", 150, false},
+      {"CREATE TABLE D (I INTEGER)", 50, true}, {"CREATE TABLE D (I INTEGER)", 90, false},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(c.contained, stream.containsStatement(c.sql, c.transaction))
+        << c.sql << " of " << c.transaction;
 }
 
 }  // namespace
