@@ -22,6 +22,7 @@
 #include "PluginFixture.h"
 #include "Processes.h"
 #include "ReplicaApplier.h"
+#include "ReplicaRuns.h"
 #include "ValueText.h"
 #include "Workload.h"
 
@@ -47,33 +48,13 @@ CaptureSummary capture(const TempDir& dir, std::uint64_t seed, int threads,
   return CaptureDriver(o).run();
 }
 
-// Applies every log of dir/logs not yet applied to dir/replica.fdb; warnings (if given) receives
-// the warnings, one a line.
 ReplicaApplier::Summary applyAll(const TempDir& dir, ReplicaApplier::Conflicts conflicts,
                                  std::string* warnings = nullptr) {
-  Database replica(dir / "replica.fdb", false);
-  ReplicaApplier applier(replica, conflicts);
-  applier.onWarning([warnings](const std::string& w) {
-    if (warnings) *warnings += w + "\n";
-  });
-  FollowPosition position = applier.position();
-  std::vector<LogFile> logs = LogDirectory::list(dir / "logs");
-  for (std::size_t i = 0; i < logs.size();)
-    i += position.isDone(logs[i]) ? 1 : applier.applyNext(logs, i, position);
-  return applier.summary();
+  return applyDirectory(dir / "replica.fdb", dir / "logs", conflicts, warnings);
 }
 
 std::string difference(const TempDir& dir) {
-  Database source(dir / "source.fdb", false);
-  Database replica(dir / "replica.fdb", false);
-  try {
-    const DatabaseComparer::Result r =
-        DatabaseComparer::compare(source, replica, {ReplicaApplier::kPositionTable});
-    EXPECT_GT(r.rows, 0u);
-    return r.equal ? "" : r.difference;
-  } catch (const Firebird::FbException& e) {
-    return "comparing failed: " + Database::describe(e);
-  }
+  return differenceBetween(dir / "source.fdb", dir / "replica.fdb");
 }
 
 TEST(ReplicaTest, CapturedWorkloadsApplyToAnEqualReplica) {

@@ -66,10 +66,10 @@ void ConsumerUpkeep::take(const LogFile& log, std::uint64_t waiting,
   metrics_->logTaken(log, bytes, std::chrono::duration<double>(Clock::now() - start).count());
 }
 
-void ConsumerUpkeep::apply(ReplicaApplier& applier, const LogFile& log, const FollowPosition& after,
-                           std::uint64_t waiting) {
+void ConsumerUpkeep::apply(ReplicaApplier& applier, const LogFile& log, std::uint64_t waiting,
+                           const std::function<void()>& work) {
   const ReplicaApplier::Summary before = applier.summary();
-  take(log, waiting, [&] { applier.apply(log, after); });
+  take(log, waiting, work);
   if (!metrics_) return;
   const ReplicaApplier::Summary& now = applier.summary();
   metrics_->events().Increment(

@@ -52,10 +52,10 @@ class ConsumerUpkeep {
   // Runs deliver, which takes log whole, measuring it and counting it, its failure too; waiting:
   // the logs found and not taken after it.
   void take(const LogFile& log, std::uint64_t waiting, const std::function<void()>& deliver);
-  // Applies log with the position after it, as take does, counting its events and the conflicts
-  // resolved.
-  void apply(ReplicaApplier& applier, const LogFile& log, const FollowPosition& after,
-             std::uint64_t waiting);
+  // Runs work, which applies log (with the logs published right after it that its order needs)
+  // through applier, as take does, counting the events and the conflicts resolved.
+  void apply(ReplicaApplier& applier, const LogFile& log, std::uint64_t waiting,
+             const std::function<void()>& work);
   // After the position has moved past a log and been stored: the logs still waiting (next the
   // first of them, or null), and pruning when it is time.
   void taken(const FollowPosition& position, std::uint64_t waiting, const LogFile* next);
