@@ -482,10 +482,13 @@ int demoCommand(int argc, char** argv) {
     const auto start = Clock::now();
     const ReplicaApplier::Summary applied = applyLogs(applier, published, false, logs);
     const double applySeconds = std::chrono::duration<double>(Clock::now() - start).count();
-    std::printf("apply: %llu logs, %llu rows, %llu statements in %.1f s\n",
-                static_cast<unsigned long long>(applied.logs),
-                static_cast<unsigned long long>(applied.rows),
-                static_cast<unsigned long long>(applied.statements), applySeconds);
+    std::printf(
+        "apply: %llu logs, %llu rows, %llu statements in %.1f s; %llu logs applied ahead of "
+        "one published just before them\n",
+        static_cast<unsigned long long>(applied.logs),
+        static_cast<unsigned long long>(applied.rows),
+        static_cast<unsigned long long>(applied.statements), applySeconds,
+        static_cast<unsigned long long>(applied.reordered));
 
     Database sourceDb(source, false);
     const DatabaseComparer::Result r =
