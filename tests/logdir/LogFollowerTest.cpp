@@ -1,6 +1,9 @@
 // A follower over a directory: each log taken once, in publication order, and a directory it
-// cannot read whole stops it rather than pass over what it did not see.
+// cannot read whole stops it rather than pass over what it did not see; where a position puts a
+// log: by the publication time the rename set, and, for a log whose file was changed since, by the
+// second in its name, with a window where that cannot decide.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,11 +18,24 @@
 
 namespace {
 
+constexpr std::int64_t kSecond = 1000000000;
+
 std::string logName(std::int64_t second, std::uint64_t transaction) {
   char name[64];
   std::snprintf(name, sizeof name, "%016llx_%016llx.fbl", static_cast<long long>(second),
                 static_cast<unsigned long long>(transaction));
   return name;
+}
+
+// A log as a listing finds it.
+LogFile logAt(std::int64_t nameSecond, std::uint64_t transaction, std::int64_t publishedAt,
+              bool fromName) {
+  LogFile log;
+  log.name = log.path = logName(nameSecond, transaction);
+  LogName::parse(log.name, log.parsed);
+  log.publishedAt = publishedAt;
+  log.fromName = fromName;
+  return log;
 }
 
 // Names taken by one look at the directory (a run with once, which scans as a rescan does), or
@@ -110,17 +126,12 @@ TEST(LogFollowerTest, EachLogOnceAcrossLooks) {
 
 // Logs of one time keep the order in which their renames were reported; only time moves them.
 TEST(LogFollowerTest, ReportOrderStandsWithinOneTime) {
-  const auto at = [](std::int64_t time, std::uint64_t transaction) {
-    LogFile log;
-    log.name = logName(100, transaction);
-    log.publishedAt = time;
-    return log;
-  };
-  std::deque<LogFile> queue = {at(5, 9), at(5, 2), at(3, 7), at(5, 4), at(4, 1)};
+  std::deque<LogFile> queue;
+  for (const auto& [time, transaction] : {std::pair{5, 9}, {5, 2}, {3, 7}, {5, 4}, {4, 1}})
+    queue.push_back(logAt(100, transaction, time, false));
   LogFollower::order(queue);
   std::vector<std::uint64_t> transactions;
-  for (const LogFile& log : queue)
-    transactions.push_back(std::stoull(log.name.substr(17, 16), nullptr, 16));
+  for (const LogFile& log : queue) transactions.push_back(log.parsed.transaction);
   EXPECT_EQ((std::vector<std::uint64_t>{7, 1, 9, 2, 4}), transactions);
 }
 
@@ -169,12 +180,67 @@ TEST_F(LateRename, ALogRenamedLateIsRenamedAgainAndTaken) {
   PosixFaults::setTime(0);
   EXPECT_EQ(Strings{logName(now, 7)}, listDirectory(logs));
   FollowPosition position;
-  LogFile before;
-  before.name = logName(now - 5, 99);
-  LogName::parse(before.name, before.parsed);
-  before.publishedAt = (now - 5) * 1000000000;
-  position.advance(before);
+  position.advance(logAt(now - 5, 99, (now - 5) * kSecond, false));
   EXPECT_EQ(Strings{logName(now, 7)}, look(logs, position));
+}
+
+TEST(FollowPositionTest, VerdictsAroundThePosition) {
+  using V = FollowPosition::Verdict;
+  FollowPosition position;
+  EXPECT_EQ(V::kNotDone, position.check(logAt(100, 1, 100 * kSecond, false)));
+  // The last log finished was published at 100.3 s; another one at that same instant too.
+  position.advance(logAt(100, 7, 100 * kSecond + 300000000, false));
+  position.advance(logAt(100, 3, 100 * kSecond + 300000000, false));
+  const std::int64_t at = 100 * kSecond + 300000000;
+  const std::int64_t w = LogFile::kPublishWindow / kSecond;  // seconds
+  // Name second, transaction, publication time, taken from the name, verdict.
+  const std::tuple<std::int64_t, std::uint64_t, std::int64_t, bool, V> cases[] = {
+      {100, 5, at - 1, false, V::kDone},         // published just before
+      {100, 5, at, false, V::kNotDone},          // same instant, not among the names
+      {100, 3, at, false, V::kDone},             // same instant, among the names
+      {100, 9, at + 1, false, V::kNotDone},      // just after
+      {100, 7, 500 * kSecond, false, V::kDone},  // a name finished, its file touched since
+      // Changed since publication: published somewhere in the window after the name's second.
+      {100 - w - 1, 2, (100 - w - 1) * kSecond, true, V::kDone},  // by 99 s at the latest
+      {100 - w, 2, (100 - w) * kSecond, true, V::kDone},          // by 100 s at the latest
+      {101 - w, 2, (101 - w) * kSecond, true, V::kUnknown},       // either side of 100.3 s
+      {100, 2, 100 * kSecond, true, V::kUnknown},                 // 100 s to 100 s + w
+      {101, 2, 101 * kSecond, true, V::kNotDone},                 // from 101 s on
+      {100, 7, 100 * kSecond, true, V::kDone},                    // among the names
+  };
+  for (const auto& [second, transaction, publishedAt, fromName, verdict] : cases) {
+    SCOPED_TRACE(std::to_string(second) + " " + std::to_string(transaction) + " " +
+                 std::to_string(publishedAt));
+    EXPECT_EQ(verdict, position.check(logAt(second, transaction, publishedAt, fromName)));
+  }
+  // A position that was itself placed by a name counts the logs of that second by their names.
+  FollowPosition named;
+  named.advance(logAt(100, 9, 100 * kSecond, true));
+  EXPECT_EQ(V::kNotDone, named.check(logAt(100, 10, 100 * kSecond, true)));
+  EXPECT_EQ(V::kDone, named.check(logAt(100, 9, 100 * kSecond, true)));
+}
+
+// The status-change time is the publication time only within the window after the name's second.
+TEST(FollowPositionTest, PublicationTimeOfAFile) {
+  TempDir dir;
+  const std::time_t now = std::time(nullptr);
+  const std::int64_t w = LogFile::kPublishWindow / kSecond;
+  // Names far outside any clock's range keep the status-change time.
+  for (const auto& [nameSecond, fromName] : {std::pair<std::int64_t, bool>{now, false},
+                                             {now - 1, false},
+                                             {now - w + 5, false},
+                                             {now - w - 1, true},
+                                             {now + 5, true},
+                                             {-1, true},
+                                             {std::int64_t{1} << 62, false}}) {
+    const std::string path = dir / logName(nameSecond, 1);
+    writeFile(path, Bytes{1});
+    LogFile log;
+    ASSERT_TRUE(LogFile::examine(path, log));
+    EXPECT_EQ(fromName, log.fromName) << nameSecond - now;
+    EXPECT_EQ(fromName ? nameSecond * kSecond : log.changed, log.publishedAt);
+    ::unlink(path.c_str());
+  }
 }
 
 }  // namespace
