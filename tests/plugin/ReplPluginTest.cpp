@@ -25,7 +25,8 @@ Strings cdcError(const std::string& text) { return {"1", "335544382", "2", text}
 // Each row starts the plugin from a configuration file ("$" stands for a fresh directory); the
 // outcomes are in golden/start.txt: the output directory and its mode, or the status. A directory
 // the plugin makes lets owner and group create files in it (0770 less the umask, which is 0 here);
-// an existing path is taken as it is; a refused version or configuration creates nothing.
+// an existing path is taken as it is; a refused version or configuration creates nothing. Then how
+// names are normalized: a separator added where there is none, and the length limit.
 // FBCDC_UPDATE_GOLDEN=1 rewrites the file, to be reviewed line by line before a commit.
 TEST(ReplPluginStart, VersionsAndConfigurations) {
   PosixFaults::Scope faults;
@@ -81,29 +82,18 @@ TEST(ReplPluginStart, VersionsAndConfigurations) {
   }
   ::umask(savedMask);
   for (const std::string& name : listDirectory(dir.path())) text += name + " ";
+  // Separators and length limits of a name as configured.
+  const std::string a(4094, 'a');
+  for (const std::string& name :
+       {std::string(), std::string("/data/cdc"), std::string("/data/cdc/"),
+        std::string("C:\\cdc\\"), a, a + "/", a + "a", a + "a/", a + "aa"}) {
+    char out[ReplPlugin::kOutputDirectorySize];
+    const char* error = ReplPlugin::normalizeOutputDirectory(name.c_str(), out);
+    text += "\nnormalized \"" + shown(name) + "\": " + shown(error ? error : out);
+  }
   const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/plugin/golden/start.txt";
   EXPECT_EQ(readText(golden), text + "\n");
   if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text + "\n");
-}
-
-TEST(ReplPluginNormalize, SeparatorsAndLengthLimits) {
-  const char* tooLong = "CDC error: Too long output directory name";
-  const std::string a4094(4094, 'a');
-  const std::pair<std::string, std::string> cases[] = {{"", "/"},
-                                                       {"/data/cdc", "/data/cdc/"},
-                                                       {"/data/cdc/", "/data/cdc/"},
-                                                       {"C:\\cdc\\", "C:\\cdc\\"},
-                                                       {a4094, a4094 + "/"},
-                                                       {a4094 + "/", a4094 + "/"},
-                                                       {a4094 + "a", tooLong},
-                                                       {a4094 + "a/", tooLong},
-                                                       {a4094 + "aa", tooLong}};
-  for (const auto& [text, expected] : cases) {
-    SCOPED_TRACE(text.size());
-    char out[ReplPlugin::kOutputDirectorySize];
-    const char* error = ReplPlugin::normalizeOutputDirectory(text.c_str(), out);
-    EXPECT_EQ(expected, error ? error : out);
-  }
 }
 
 // Running out of memory: the entry function returns null with the status untouched, and a failed
