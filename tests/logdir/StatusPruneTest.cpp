@@ -1,8 +1,9 @@
 // Status and retention of a log directory: prune takes exactly the logs that every named consumer
 // has taken (same-tick logs a position does not name, logs dated by their names near it and
 // temporary logs stay), archives them without losing one, and marks what went; status reports each
-// consumer's backlog and lag and serves as a monitoring check; a replica's position is read from
-// the real database; and pruning while a follower and an applier run loses nothing.
+// consumer's backlog and lag and serves as a monitoring check; a replica's and a Redis follower's
+// positions are read where they are kept; and followers killed and started again, an applier and
+// prunes for both, all at once, lose nothing.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -12,7 +13,6 @@
 #include <atomic>
 #include <ctime>
 #include <fstream>
-#include <functional>
 #include <map>
 #include <random>
 #include <regex>
