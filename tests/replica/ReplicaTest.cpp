@@ -249,6 +249,24 @@ TEST_F(ApplyCases, LogsOfOneMomentApplyInTheOrderTheirOldValuesAdmit) {
   }
 }
 
+// While following, a log that conflicts waits for the window after it, takes the log published
+// just after it first, and the follower passes over that log when it hands it over in turn.
+TEST_F(ApplyCases, AFollowingApplierOrdersTheLogsOfOneMoment) {
+  const pid_t pid =
+      spawn({FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb", "--follow", logs},
+            dir / "out.txt", dir / "err.txt");
+  ::sleep(1);
+  publish(2, 'U', "T", 1, 12);
+  publish(1, 'U', "T", 1, 11);
+  ::usleep(ReplicaApplier::kOrderWindow / 1000 + 200000);
+  publish(3, 'U', "T", 1, 13);
+  ::sleep(1);
+  EXPECT_EQ(0, stop(pid, SIGTERM)) << readText(dir / "err.txt");
+  EXPECT_THAT(readText(dir / "out.txt"), ::testing::HasSubstr("apply: 3 logs"));
+  EXPECT_THAT(readText(dir / "out.txt"), ::testing::HasSubstr("1 logs applied ahead"));
+  EXPECT_EQ("1=13 ", rows());
+}
+
 // A row missing, or differing from the log's old values: the default stops, naming log, event,
 // table, key, column and both values, and the replica stays at the previous log; upsert and skip
 // resolve it with a warning. In BAG (no primary key) one of two identical rows takes a change; of
