@@ -66,6 +66,10 @@ std::vector<std::uint64_t> numbers(Database& db, Firebird::ITransaction* tr,
   return out;
 }
 
+constexpr const char* kOwnNumber = "SELECT CAST(CURRENT_TRANSACTION AS BIGINT) FROM RDB$DATABASE";
+// Every transaction listed there is open, whether or not it runs a statement right now.
+constexpr const char* kActive = "SELECT CAST(MON$TRANSACTION_ID AS BIGINT) FROM MON$TRANSACTIONS";
+
 // The text of the error in a status the plugin's operations filled.
 std::string statusText(Firebird::IStatus* status) {
   char text[2048];
@@ -205,46 +209,26 @@ SnapshotSummary SnapshotWriter::run(const ProgressFn& progress) {
   }
   db_.commit();
 
-  Firebird::IAttachment* att = db_.attachment();
   Firebird::ITransaction* reader = nullptr;
   if (!pending.empty()) {
-    // The pause: a transaction reserving the tables for protected read is granted once no
-    // transaction that wrote to them is active, and keeps every new writer of them waiting.
-    const Clock::time_point asked = Clock::now();
-    const std::string reserve =
-        "SET TRANSACTION READ WRITE WAIT ISOLATION LEVEL SNAPSHOT RESERVING " + reserving +
-        " FOR PROTECTED READ";
-    Firebird::ITransaction* hold = att->execute(db_.status(), nullptr, 0, reserve.c_str(), 3,
-                                                nullptr, nullptr, nullptr, nullptr);
-    const double drained = since(asked);
     std::uint64_t own = 0;
     std::vector<std::uint64_t> active;
-    try {
-      // The reading transaction: concurrency, read only. It sees what had committed when it began.
-      const unsigned char tpb[] = {isc_tpb_version3, isc_tpb_concurrency, isc_tpb_read,
-                                   isc_tpb_wait};
-      reader = att->startTransaction(db_.status(), sizeof tpb, tpb);
-      own = numbers(db_, reader, "SELECT CAST(CURRENT_TRANSACTION AS BIGINT) FROM RDB$DATABASE")
-                .at(0);
-      // Every transaction listed there is open, whether or not it runs a statement right now.
-      active =
-          numbers(db_, reader, "SELECT CAST(MON$TRANSACTION_ID AS BIGINT) FROM MON$TRANSACTIONS");
-      hold->commit(db_.status());
-    } catch (...) {
-      OwnedStatus quiet;
-      Firebird::CheckStatusWrapper w(quiet.status);
-      hold->rollback(&w);
-      if (reader) reader->rollback(&w);
-      throw;
+    // Without holding anyone first; a busy moment can keep two looks from telling the boundary
+    // every time, and then the writers are held for the start.
+    for (int attempt = 0; attempt < options_.unpausedAttempts && !reader; ++attempt) {
+      reader = startUnpaused(own, active);
+      if (!reader) ++summary.unpausedTries;
     }
-    summary.pauseSeconds = since(asked);
-    summary.drainSeconds = drained;
+    if (!reader) {
+      summary.paused = true;
+      reader = startPaused(reserving, own, active, summary);
+    }
     active.erase(std::remove(active.begin(), active.end(), own), active.end());
     summary.boundary = SnapshotBoundary(own, active);
     SnapshotManifest::Run run;
     run.boundary = summary.boundary;
     run.pauseMicros = static_cast<std::int64_t>(summary.pauseSeconds * 1e6);
-    run.drainMicros = static_cast<std::int64_t>(drained * 1e6);
+    run.drainMicros = static_cast<std::int64_t>(summary.drainSeconds * 1e6);
     manifest.runs[own] = run;
   }
 
@@ -372,4 +356,110 @@ void SnapshotWriter::readTable(std::size_t ordinal, SnapshotManifest::Table& tab
     shown.seconds = since(started);
     progress(shown);
   }
+}
+
+Firebird::ITransaction* SnapshotWriter::startUnpaused(std::uint64_t& own,
+                                                      std::vector<std::uint64_t>& active) {
+  Firebird::IAttachment* att = db_.attachment();
+  // What is active just before the reading transaction starts, and the number of the
+  // transaction that looked.
+  const unsigned char look[] = {isc_tpb_version3, isc_tpb_read_committed, isc_tpb_rec_version,
+                                isc_tpb_read, isc_tpb_nowait};
+  Firebird::ITransaction* before = att->startTransaction(db_.status(), sizeof look, look);
+  std::uint64_t lookNumber = 0;
+  std::vector<std::uint64_t> activeBefore;
+  try {
+    lookNumber = numbers(db_, before, kOwnNumber).at(0);
+    activeBefore = numbers(db_, before, kActive);
+    before->commit(db_.status());
+  } catch (...) {
+    OwnedStatus quiet;
+    Firebird::CheckStatusWrapper w(quiet.status);
+    before->rollback(&w);
+    throw;
+  }
+  const unsigned char tpb[] = {isc_tpb_version3, isc_tpb_concurrency, isc_tpb_read, isc_tpb_wait};
+  Firebird::ITransaction* reader = att->startTransaction(db_.status(), sizeof tpb, tpb);
+  try {
+    own = numbers(db_, reader, kOwnNumber).at(0);
+    active = numbers(db_, reader, kActive);
+  } catch (...) {
+    OwnedStatus quiet;
+    Firebird::CheckStatusWrapper w(quiet.status);
+    reader->rollback(&w);
+    throw;
+  }
+  // A transaction active before that is no longer active now, or one that began in between and
+  // has already ended, may have committed before the reading transaction began or after: which,
+  // nothing tells. Only when there is none is the list exact, and the reading transaction used.
+  std::sort(active.begin(), active.end());
+  auto activeNow = [&active](std::uint64_t t) {
+    return std::binary_search(active.begin(), active.end(), t);
+  };
+  bool exact = true;
+  for (const std::uint64_t t : activeBefore)
+    if (t != lookNumber && !activeNow(t)) exact = false;
+  for (std::uint64_t t = lookNumber + 1; exact && t < own; ++t)
+    if (!activeNow(t)) exact = false;
+  if (exact) return reader;
+  OwnedStatus quiet;
+  Firebird::CheckStatusWrapper w(quiet.status);
+  reader->rollback(&w);
+  return nullptr;
+}
+
+Firebird::ITransaction* SnapshotWriter::startPaused(const std::string& reserving,
+                                                    std::uint64_t& own,
+                                                    std::vector<std::uint64_t>& active,
+                                                    SnapshotSummary& summary) {
+  Firebird::IAttachment* att = db_.attachment();
+  // The pause: a transaction reserving the tables for protected read is granted once no
+  // transaction that wrote to them is active, and keeps every new writer of them waiting. The
+  // engine takes the tables one after the other, and a writer holding one while it waits for
+  // another that the reservation already took would deadlock with it (found only after the
+  // engine's deadlock timeout, seconds in which every writer waits). So the reservation first
+  // asks without waiting, which holds nobody up, a few times; then it waits at most a second
+  // for each table, again and again, until it is granted.
+  const Clock::time_point asked = Clock::now();
+  Firebird::ITransaction* hold = nullptr;
+  for (int attempt = 1; !hold; ++attempt) {
+    const bool wait = attempt > kNoWaitAttempts;
+    const std::string reserve =
+        std::string("SET TRANSACTION READ WRITE ") + (wait ? "WAIT LOCK TIMEOUT 1" : "NO WAIT") +
+        " ISOLATION LEVEL SNAPSHOT RESERVING " + reserving + " FOR PROTECTED READ";
+    try {
+      hold = att->execute(db_.status(), nullptr, 0, reserve.c_str(), 3, nullptr, nullptr, nullptr,
+                          nullptr);
+    } catch (const Firebird::FbException& e) {
+      const ISC_STATUS* v = e.getStatus()->getErrors();
+      bool busy = false;
+      for (const ISC_STATUS* p = v; p[0] == isc_arg_gds; p += 2) {
+        busy = busy || p[1] == isc_deadlock || p[1] == isc_lock_conflict ||
+               p[1] == isc_lock_timeout || p[1] == isc_update_conflict;
+        if (p[2] != isc_arg_gds) break;
+      }
+      if (!busy || attempt == kReservationAttempts) throw;
+      ++summary.reservationRetries;
+      if (!wait) ::usleep(2000);
+    }
+  }
+  const double drained = since(asked);
+  Firebird::ITransaction* reader = nullptr;
+  try {
+    // The reading transaction: concurrency, read only. It sees what had committed when it began.
+    const unsigned char tpb[] = {isc_tpb_version3, isc_tpb_concurrency, isc_tpb_read, isc_tpb_wait};
+    reader = att->startTransaction(db_.status(), sizeof tpb, tpb);
+    own = numbers(db_, reader, kOwnNumber).at(0);
+    active = numbers(db_, reader, kActive);
+    hold->commit(db_.status());
+  } catch (...) {
+    OwnedStatus quiet;
+    Firebird::CheckStatusWrapper w(quiet.status);
+    hold->rollback(&w);
+    if (reader) reader->rollback(&w);
+    throw;
+  }
+  summary.pauseSeconds = since(asked);
+  summary.drainSeconds = drained;
+  return reader;
 }

@@ -33,6 +33,9 @@ struct SnapshotOptions {
   std::string output;               // the snapshot directory, created when missing
   std::vector<std::string> tables;  // none: every user table
   std::uint64_t chunkRows = 100000;
+  // How often the reading transaction is started without holding writers before they are held
+  // (0: always held).
+  int unpausedAttempts = 20;
 };
 
 struct SnapshotProgress {
@@ -51,15 +54,21 @@ struct SnapshotSummary {
   std::uint64_t rows = 0;
   std::uint64_t bytes = 0;
   std::uint32_t chunks = 0;
-  double seconds = 0;       // of reading and writing
-  double pauseSeconds = 0;  // writers held: from asking for the reservation until it ended
-  double drainSeconds = 0;  // of which waiting for active writers to end
+  double seconds = 0;          // of reading and writing
+  bool paused = false;         // writers were held for the reading transaction to start
+  int unpausedTries = 0;       // starts between two looks that could not tell the boundary
+  double pauseSeconds = 0;     // writers held: from asking for the reservation until it ended
+  double drainSeconds = 0;     // of which waiting for active writers to end
+  int reservationRetries = 0;  // reservations refused because writers were active
   SnapshotBoundary boundary;
 };
 
 class SnapshotWriter {
  public:
   using ProgressFn = std::function<void(const SnapshotProgress&)>;
+  // How often the reservation is asked for without waiting, and in all.
+  static constexpr int kNoWaitAttempts = 50;
+  static constexpr int kReservationAttempts = 1000;
 
   SnapshotWriter(Database& database, SnapshotOptions options)
       : db_(database), options_(std::move(options)) {}
@@ -73,6 +82,12 @@ class SnapshotWriter {
   // The stored columns of a table (computed ones have no value of their own), in field order.
   std::vector<std::string> storedColumns(const std::string& table);
   SnapshotManifest plan();
+  // Starts the reading transaction between two looks at the active transactions; returns it
+  // when the two looks tell exactly which transactions it sees (own, active), else null.
+  Firebird::ITransaction* startUnpaused(std::uint64_t& own, std::vector<std::uint64_t>& active);
+  // Starts it while writers of the tables are held by a reservation of them.
+  Firebird::ITransaction* startPaused(const std::string& reserving, std::uint64_t& own,
+                                      std::vector<std::uint64_t>& active, SnapshotSummary& summary);
   // Removes what no table of the manifest owns: temporary files, chunks of tables not done.
   void clean(const SnapshotManifest& manifest);
   // Reads one table with sql in the reading transaction tr and publishes its chunks.

@@ -69,12 +69,19 @@ int snapshotCommand(int argc, char** argv) {
                  s.tablesRead, s.tablesKept, static_cast<unsigned long long>(s.rows), s.chunks,
                  mb(s.bytes), s.seconds, rate(static_cast<double>(s.rows), s.seconds),
                  rate(mb(s.bytes), s.seconds));
-    if (s.tablesRead > 0)
+    if (s.tablesRead > 0 && !s.paused)
       std::fprintf(stderr,
-                   "snapshot: writers held %.1f ms (%.1f ms waiting for active writers); "
-                   "boundary: transaction %llu, %zu active\n",
-                   s.pauseSeconds * 1e3, s.drainSeconds * 1e3,
-                   static_cast<unsigned long long>(s.boundary.transaction()),
+                   "snapshot: writers never held (%d starts could not tell the boundary and were "
+                   "made again); boundary: transaction %llu, %zu active\n",
+                   s.unpausedTries, static_cast<unsigned long long>(s.boundary.transaction()),
+                   s.boundary.active().size());
+    if (s.tablesRead > 0 && s.paused)
+      std::fprintf(stderr,
+                   "snapshot: writers held %.1f ms at most (%.1f ms of it asking for the "
+                   "reservation, refused %d times while writers were active) after %d starts "
+                   "could not tell the boundary; boundary: transaction %llu, %zu active\n",
+                   s.pauseSeconds * 1e3, s.drainSeconds * 1e3, s.reservationRetries,
+                   s.unpausedTries, static_cast<unsigned long long>(s.boundary.transaction()),
                    s.boundary.active().size());
   } catch (const Firebird::FbException& e) {
     complain("snapshot", Database::describe(e));
