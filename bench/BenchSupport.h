@@ -76,6 +76,13 @@ double pairSeconds();
 // Publishes a log of `events` inserts of the ten-field row as transaction `number`.
 LogFile publishInserts(std::uint64_t number, std::int64_t events);
 
+// Runs `fbcdc dump --format json log` as a process (the fbcdc command built beside the plugin)
+// with its output going to out; returns its exit status.
+int runDump(const std::string& log, const std::string& out);
+
+// The fbcdc command built beside the plugin.
+std::string commandPath();
+
 // Records a ratio to print after the run: numerator and denominator name benchmark runs, and the
 // figure compared is the given counter of each ("bytes_per_second", "items_per_second", ...).
 struct Ratio {

@@ -1,13 +1,19 @@
 // Reading logs back: the decoder over a log of 10-field inserts against TReadFile reading the
 // same bytes, and the JSON output of fbcdc dump for the same log.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <vector>
 
 #include "AllocationFaults.h"
 #include "BenchSupport.h"
 #include "IReplTransaction.h"
+#include "LiteralRow.h"
 #include "LogDecoder.h"
 #include "LogDirectory.h"
 #include "OrderRow.h"
@@ -248,3 +254,87 @@ BENCHMARK(DecodeInTurnsWithRead)
 BENCHMARK(WalkSameFields)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(StepOverRecords)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(DumpJson)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+namespace {
+
+// fbcdc dump --format json as a process, to /dev/null, on one log of 300,000 ten-field inserts
+// (two integers, a scaled decimal, a short UTF-8 text, a timestamp, a boolean, a double, a NULL,
+// a date and a CHAR), against its two limits in the same rounds: the decoder alone on the same
+// log, and the same bytes, rendered once beforehand, handed to /dev/null by write(2) in blocks of
+// 64 KiB. Each round runs the three in a turning order, so that a load that drifts falls on all.
+struct DumpLog {
+  LogFile log;
+  std::int64_t events;
+  std::string rendered;  // what dump prints for the log
+  DumpLog() : events(std::min<std::int64_t>(300000, bench::streamBytes() / 4 / 163)) {
+    bench::PluginUnderTest& p = bench::pluginUnderTest();
+    LiteralRow row("ORDERS");
+    row.addLong("ID", 1234567)
+        .addShort("QUANTITY", 12)
+        .addInt64("AMOUNT", 1999999, -2)
+        .addVarchar("NAME", "Kundin Müller 0042", 4)
+        .addTimestamp("CREATED", 60369, 453960000)
+        .addBoolean("ACTIVE", true)
+        .addDouble("RATE", 0.0725)
+        .addNull("NOTE", 3)
+        .addDate("DAY", 60400)
+        .addChar("CODE", "EUR", 2);
+    Firebird::IReplTransaction* t = p.plugin->startTransaction(p.status, 44);
+    for (std::int64_t i = 0; i < events; ++i) t->insertRecord(p.status, nullptr, nullptr, &row);
+    t->commit(p.status);
+    t->dispose();
+    for (const LogFile& l : LogDirectory::list(bench::scratchDirectory() + "logs"))
+      if (l.parsed.transaction == 44) log = l;
+    const std::string out = bench::scratchDirectory() + "dump-rendered.jsonl";
+    if (bench::runDump(log.path, out) != 0) std::abort();
+    const Bytes bytes = readFile(out);
+    rendered.assign(bytes.begin(), bytes.end());
+    ::unlink(out.c_str());
+  }
+};
+
+void DumpProcessAgainstLimits(benchmark::State& state) {
+  static const DumpLog l;
+  LogDecoder decoder;
+  const int null = ::open("/dev/null", O_WRONLY);
+  const auto writeAll = [&] {
+    for (std::size_t at = 0; at < l.rendered.size(); at += 1 << 16) {
+      const std::size_t n = std::min<std::size_t>(1 << 16, l.rendered.size() - at);
+      if (::write(null, l.rendered.data() + at, n) != static_cast<ssize_t>(n)) std::abort();
+    }
+  };
+  const auto decode = [&] {
+    decoder.open(l.log.path);
+    while (decoder.next().kind != ChangeEvent::Kind::kEnd) {
+    }
+  };
+  const auto dump = [&] {
+    if (bench::runDump(l.log.path, "/dev/null") != 0) std::abort();
+  };
+  const std::function<void()> work[3] = {dump, decode, writeAll};
+  double seconds[3] = {0, 0, 0};
+  int first = 0;
+  for (auto _ : state) {
+    for (int k = 0; k < 3; ++k) {
+      const int i = (first + k) % 3;
+      const auto start = std::chrono::steady_clock::now();
+      work[i]();
+      seconds[i] += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    }
+    first = (first + 1) % 3;
+  }
+  ::close(null);
+  const double events = static_cast<double>(l.events) * static_cast<double>(state.iterations());
+  state.counters["dump_events_per_second"] = events / seconds[0];
+  state.counters["decode_events_per_second"] = events / seconds[1];
+  state.counters["write_events_per_second"] = events / seconds[2];
+  state.counters["output_bytes_per_event"] =
+      static_cast<double>(l.rendered.size()) / static_cast<double>(l.events);
+}
+
+}  // namespace
+
+BENCHMARK(DumpProcessAgainstLimits)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->MinTime(bench::pairSeconds() * 2);
