@@ -1,30 +1,132 @@
 #include "MetricsServer.h"
 
-#include <prometheus/exposer.h>
+#include <fcntl.h>
+#include <netdb.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <prometheus/text_serializer.h>
+
+#include <cerrno>
+#include <cstring>
+#include <sstream>
 #include <stdexcept>
+
+namespace {
+
+constexpr int kRequestMillis = 5000;
+constexpr std::size_t kRequestBytes = 8192;
+
+// Writes all of text to fd; false when the client went away.
+bool writeAll(int fd, const std::string& text) {
+  for (std::size_t done = 0; done < text.size();) {
+    const ssize_t n = ::send(fd, text.data() + done, text.size() - done, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<std::size_t>(n);
+  }
+  return true;
+}
+
+std::string response(const char* status, const char* type, const std::string& body) {
+  return std::string("HTTP/1.0 ") + status + "\r\nContent-Type: " + type +
+         "\r\nContent-Length: " + std::to_string(body.size()) + "\r\nConnection: close\r\n\r\n" +
+         body;
+}
+
+}  // namespace
 
 MetricsServer::MetricsServer(const std::string& address,
                              std::shared_ptr<prometheus::Collectable> collectable)
     : collectable_(std::move(collectable)) {
   const std::string bind = bindAddress(address);
-  host_ = bind.substr(0, bind.rfind(':'));
-  try {
-    // One thread: a scrape is small and rare.
-    exposer_ = std::make_unique<prometheus::Exposer>(bind, 1);
-  } catch (const std::exception& e) {
-    throw std::runtime_error("cannot serve metrics on " + bind +
-                             ": the address is in use or not this machine's (" + e.what() + ")");
+  const std::size_t colon = bind.rfind(':');
+  host_ = bind.substr(0, colon);
+  const std::string name = host_.front() == '[' ? host_.substr(1, host_.size() - 2) : host_;
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_PASSIVE | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  if (const int e = ::getaddrinfo(name.c_str(), bind.substr(colon + 1).c_str(), &hints, &found))
+    throw std::runtime_error("cannot serve metrics on " + bind + ": " + ::gai_strerror(e));
+  std::string problem = "no address";
+  for (addrinfo* a = found; a && listener_ < 0; a = a->ai_next) {
+    const int fd = ::socket(a->ai_family, a->ai_socktype | SOCK_CLOEXEC, a->ai_protocol);
+    const int on = 1;
+    if (fd >= 0 && ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
+        ::bind(fd, a->ai_addr, a->ai_addrlen) == 0 && ::listen(fd, 16) == 0) {
+      listener_ = fd;
+      break;
+    }
+    problem = std::strerror(errno);
+    if (fd >= 0) ::close(fd);
   }
-  const std::vector<int> ports = exposer_->GetListeningPorts();
-  port_ = ports.empty() ? 0 : ports.front();
-  exposer_->RegisterCollectable(collectable_);
+  ::freeaddrinfo(found);
+  if (listener_ < 0) throw std::runtime_error("cannot serve metrics on " + bind + ": " + problem);
+  sockaddr_storage bound{};
+  socklen_t length = sizeof bound;
+  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&bound), &length);
+  port_ = ntohs(bound.ss_family == AF_INET6 ? reinterpret_cast<sockaddr_in6&>(bound).sin6_port
+                                            : reinterpret_cast<sockaddr_in&>(bound).sin_port);
+  if (::pipe2(stop_, O_CLOEXEC) != 0) {
+    ::close(listener_);
+    throw std::runtime_error(std::string("cannot create a pipe: ") + std::strerror(errno));
+  }
+  thread_ = std::thread([this] { serve(); });
 }
 
-MetricsServer::~MetricsServer() = default;
+MetricsServer::~MetricsServer() {
+  const char byte = 1;
+  (void)!::write(stop_[1], &byte, 1);
+  thread_.join();
+  ::close(listener_);
+  ::close(stop_[0]);
+  ::close(stop_[1]);
+}
 
 std::string MetricsServer::url() const {
   return "http://" + host_ + ":" + std::to_string(port_) + "/metrics";
+}
+
+void MetricsServer::serve() {
+  for (;;) {
+    pollfd fds[2] = {{listener_, POLLIN, 0}, {stop_[0], POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0 && errno != EINTR) return;
+    if (fds[1].revents) return;
+    if (!(fds[0].revents & POLLIN)) continue;
+    const int client = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
+    if (client < 0) continue;
+    answer(client);
+    ::close(client);
+  }
+}
+
+void MetricsServer::answer(int client) const {
+  // The request's head, up to its blank line.
+  std::string request;
+  char buffer[1024];
+  while (request.find("\r\n\r\n") == std::string::npos && request.size() < kRequestBytes) {
+    pollfd fd = {client, POLLIN, 0};
+    if (::poll(&fd, 1, kRequestMillis) <= 0) return;
+    const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
+    if (n <= 0) return;
+    request.append(buffer, static_cast<std::size_t>(n));
+  }
+  const std::string line = request.substr(0, request.find("\r\n"));
+  const bool get = line.compare(0, 4, "GET ") == 0;
+  const std::string target = get ? line.substr(4, line.find(' ', 4) - 4) : "";
+  if (!get) {
+    writeAll(client, response("405 Method Not Allowed", "text/plain", "GET /metrics\n"));
+  } else if (target != "/metrics" && target.compare(0, 9, "/metrics?") != 0) {
+    writeAll(client, response("404 Not Found", "text/plain", "GET /metrics\n"));
+  } else {
+    std::ostringstream body;
+    prometheus::TextSerializer().Serialize(body, collectable_->Collect());
+    writeAll(client, response("200 OK", "text/plain; version=0.0.4; charset=utf-8", body.str()));
+  }
 }
 
 std::string MetricsServer::bindAddress(const std::string& text) {

@@ -40,8 +40,8 @@ pid_t start(const std::vector<std::string>& args, const std::string& out, const 
   return spawn(all, out, err);
 }
 
-// The body of GET /metrics at port on the loopback address; "" when nothing answers.
-std::string scrape(int port) {
+// The whole reply to GET path at port on the loopback address; "" when nothing answers.
+std::string get(int port, const std::string& path) {
   const int s = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
@@ -49,13 +49,19 @@ std::string scrape(int port) {
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   std::string reply;
   if (::connect(s, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0) {
-    const std::string request = "GET /metrics HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
+    const std::string request = "GET " + path + " HTTP/1.0\r\nHost: 127.0.0.1\r\n\r\n";
     if (::write(s, request.data(), request.size()) == static_cast<ssize_t>(request.size())) {
       char buffer[8192];
       for (ssize_t n; (n = ::read(s, buffer, sizeof buffer)) > 0;) reply.append(buffer, n);
     }
   }
   ::close(s);
+  return reply;
+}
+
+// The body of GET /metrics at port; "" when nothing answers.
+std::string scrape(int port) {
+  const std::string reply = get(port, "/metrics");
   const std::size_t body = reply.find("\r\n\r\n");
   return body == std::string::npos ? "" : reply.substr(body + 4);
 }
@@ -174,6 +180,9 @@ TEST(MetricsAddressTest, LoopbackUnlessAHostIsNamed) {
   MetricsServer first(":0", metrics);
   ASSERT_GT(first.port(), 0);
   EXPECT_EQ("http://127.0.0.1:" + std::to_string(first.port()) + "/metrics", first.url());
+  EXPECT_THAT(get(first.port(), "/metrics"), ::testing::StartsWith("HTTP/1.0 200 OK\r\n"));
+  EXPECT_THAT(scrape(first.port()), HasSubstr("fbcdc_logs_total{consumer=\"checkpoint:x\"} 0\n"));
+  EXPECT_THAT(get(first.port(), "/"), ::testing::StartsWith("HTTP/1.0 404 Not Found\r\n"));
   try {
     MetricsServer second(std::to_string(first.port()), metrics);
     ADD_FAILURE() << "a second server on port " << first.port();

@@ -17,7 +17,7 @@ deb=$(ls "$work"/cpack/fbcdc_*.deb)
 [ "$(dpkg-deb -f "$deb" Package)" = fbcdc ] || fail "Package is not fbcdc"
 [ "$(dpkg-deb -f "$deb" Version)" = "$version" ] || fail "Version is not $version"
 depends=$(dpkg-deb -f "$deb" Depends)
-for needed in libfbclient2 librdkafka1 libhiredis libprometheus-cpp-pull libprometheus-cpp-core adduser libstdc++6; do
+for needed in libfbclient2 librdkafka1 libhiredis libprometheus-cpp-core adduser libstdc++6; do
   case "$depends" in *"$needed"*) ;; *) fail "Depends lacks $needed: $depends" ;; esac
 done
 

@@ -240,7 +240,7 @@ int followCommand(int argc, char** argv) {
   app.add_flag("--once", once, "handle the logs present, then exit");
   app.add_option("--metrics", metrics, "serve Prometheus metrics (host 127.0.0.1 if none)")
       ->type_name("HOST:PORT");
-  app.add_flag("--prune", prune, "remove the logs taken (when it is the only consumer)");
+  app.add_flag("--prune", prune, "remove the logs taken (if the sole consumer)");
   app.add_option("--snapshot", snapshotDir,
                  "first the rows of this snapshot, then only the changes it does not contain")
       ->type_name("SNAPDIR");

@@ -292,7 +292,7 @@ int applyCommand(int argc, char** argv) {
   app.add_flag("--follow", follow, "keep applying the logs of one DIR");
   app.add_option("--metrics", metrics, "with --follow: serve Prometheus metrics")
       ->type_name("HOST:PORT");
-  app.add_flag("--prune", prune, "remove the logs applied (when it is the only consumer)");
+  app.add_flag("--prune", prune, "remove the logs applied (if the sole consumer)");
   app.add_option("LOG|DIR", paths, "logs, or directories of logs")->required();
   if (const int status = parse(app, argc, argv); status >= 0) return status;
   if (follow && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0])))
