@@ -5,13 +5,15 @@
 #include <charconv>
 #include <cstring>
 
+// The values of a row image, written straight into the output in the text RapidJSON's writer
+// would give them.
 struct JsonEventWriter::Sink {
-  JsonEventWriter& j;
-  void null() { j.writer_.Null(); }
-  void boolean(bool b) { j.writer_.Bool(b); }
-  void integer(std::int64_t i) { j.writer_.Int64(i); }
-  void real(double d) { j.writer_.Double(d); }
-  void string(std::string_view s) { j.string(s); }
+  JsonOutput& out;
+  void null() { out.append("null", 4); }
+  void boolean(bool b) { b ? out.append("true", 4) : out.append("false", 5); }
+  void integer(std::int64_t i) { out.appendInteger(i); }
+  void real(double d) { out.appendDouble(d); }
+  void string(std::string_view s) { out.appendString(s); }
 };
 
 void JsonEventWriter::raw(const char* json, std::size_t size, rapidjson::Type type) {
@@ -112,16 +114,20 @@ void JsonEventWriter::image(const ChangeEvent& event, bool before) {
     writer_.Null();
     return;
   }
-  Sink sink{*this};
-  writer_.StartObject();
+  // The object is written whole into the output, its separators too: the writer only places the
+  // separator before it.
+  Sink sink{buffer_};
+  writer_.RawValue("", 0, rapidjson::kObjectType);
+  buffer_.Put('{');
   std::size_t slot = 0;
   for (const FieldChange& f : event.fields) {
+    if (slot > 0) buffer_.Put(',');
     // A table's fields come in the same order event after event: each name is escaped once.
-    const std::string& key = quoted(f.name, slot++, fieldNames_);
-    raw(key.data(), key.size(), rapidjson::kStringType);
+    buffer_.append(quoted(f.name, slot++, fieldNames_));
+    buffer_.Put(':');
     renderer_.render(before ? f.before : f.after, sink);
   }
-  writer_.EndObject();
+  buffer_.Put('}');
 }
 
 void JsonEventWriter::event(const ChangeEvent& event) {
@@ -157,15 +163,19 @@ void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
   FBCDC_RAW_KEY("after");
   image(event, false);
 
+  // The source and transaction objects are made in place: the parts that stay the same through
+  // the log are ready text, and the numbers go straight into the output.
   FBCDC_RAW_KEY("source");
-  scratch_ = sourcePrefix_;
-  appendNumber(scratch_, event.index);
+  writer_.RawValue("", 0, rapidjson::kObjectType);
+  buffer_.append(sourcePrefix_);
+  buffer_.appendUnsigned(event.index);
   const bool read = log_.snapshot && event.kind == Kind::kInsert;
-  if (read)
-    scratch_ += static_cast<std::int64_t>(event.index) == log_.lastRow ? ",\"snapshot\":\"last\""
-                                                                       : ",\"snapshot\":\"true\"";
-  scratch_ += '}';
-  raw(scratch_.data(), scratch_.size(), rapidjson::kObjectType);
+  if (read) {
+    buffer_.append(static_cast<std::int64_t>(event.index) == log_.lastRow
+                       ? std::string_view(",\"snapshot\":\"last\"")
+                       : std::string_view(",\"snapshot\":\"true\""));
+  }
+  buffer_.Put('}');
 
   static const char* const kOps[] = {"\"c\"", "\"u\"", "\"d\"", "\"sql\""};
   FBCDC_RAW_KEY("op");
@@ -193,20 +203,14 @@ void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
   FBCDC_RAW_KEY("ts_ms");
   writer_.Int64(nowMs());
   FBCDC_RAW_KEY("transaction");
-  scratch_ = transactionPrefix_;
-  appendNumber(scratch_, event.index + 1);
-  scratch_ += ",\"data_collection_order\":";
-  appendNumber(scratch_, order);
-  scratch_ += '}';
-  raw(scratch_.data(), scratch_.size(), rapidjson::kObjectType);
+  writer_.RawValue("", 0, rapidjson::kObjectType);
+  buffer_.append(transactionPrefix_);
+  buffer_.appendUnsigned(event.index + 1);
+  buffer_.append(std::string_view(",\"data_collection_order\":"));
+  buffer_.appendUnsigned(order);
+  buffer_.Put('}');
   writer_.EndObject();
   buffer_.Put('\n');
-}
-
-void JsonEventWriter::appendNumber(std::string& out, std::uint64_t n) {
-  char digits[24];
-  const auto result = std::to_chars(digits, digits + sizeof digits, n);
-  out.append(digits, result.ptr);
 }
 
 const std::string& JsonEventWriter::quoted(

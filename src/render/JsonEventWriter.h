@@ -68,7 +68,6 @@ class JsonEventWriter : public EventWriter {
   // The place of this event among the log's events of the same table, from 1.
   std::uint32_t countTable(std::string_view table);
   static std::int64_t nowMs();
-  static void appendNumber(std::string& out, std::uint64_t n);
   // A name from the log as a JSON string, escaped once and kept in cache at slot.
   const std::string& quoted(std::string_view raw, std::size_t slot,
                             std::vector<std::pair<std::string, std::string>>& cache);

@@ -4,9 +4,12 @@
 // characters and then stores them without further checks, as it does with its own buffer.
 #pragma once
 
+#include <rapidjson/internal/dtoa.h>
 #include <rapidjson/writer.h>
 
 #include <array>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -33,6 +36,26 @@ class JsonOutput {
     Reserve(n);
     std::memcpy(data_.get() + size_, p, n);
     size_ += n;
+  }
+  void append(std::string_view text) { append(text.data(), text.size()); }
+  void appendInteger(std::int64_t n) {
+    Reserve(20);
+    size_ = static_cast<std::size_t>(
+        std::to_chars(data_.get() + size_, data_.get() + size_ + 20, n).ptr - data_.get());
+  }
+  // A finite double as RapidJSON's writer writes it (the shortest text that reads back exactly).
+  void appendDouble(double d) {
+    Reserve(25);
+    size_ = static_cast<std::size_t>(
+        rapidjson::internal::dtoa(d, data_.get() + size_,
+                                  rapidjson::Writer<JsonOutput>::kDefaultMaxDecimalPlaces) -
+        data_.get());
+  }
+  // Appends the decimal digits of n.
+  void appendUnsigned(std::uint64_t n) {
+    Reserve(20);
+    size_ = static_cast<std::size_t>(
+        std::to_chars(data_.get() + size_, data_.get() + size_ + 20, n).ptr - data_.get());
   }
   // Appends text as a JSON string, quoted and escaped; runs that need no escape are copied whole.
   void appendString(std::string_view text);

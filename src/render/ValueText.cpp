@@ -56,9 +56,12 @@ void appendScaled(std::string& out, std::int64_t value, int scale) {
   } while (rest);
   const int places = -scale;
   while (n <= places) digits[n++] = '0';
-  for (int i = n - 1; i >= places; --i) out.push_back(digits[i]);
-  out.push_back('.');
-  for (int i = places - 1; i >= 0; --i) out.push_back(digits[i]);
+  char text[50];
+  int t = 0;
+  for (int i = n - 1; i >= places; --i) text[t++] = digits[i];
+  text[t++] = '.';
+  for (int i = places - 1; i >= 0; --i) text[t++] = digits[i];
+  out.append(text, static_cast<std::size_t>(t));
 }
 
 double scaledToDouble(std::int64_t value, int scale) {
@@ -86,7 +89,54 @@ void civilFromDays(std::int64_t days, std::int64_t& year, unsigned& month, unsig
   year = yoe + era * 400 + (month <= 2);
 }
 
+namespace {
+
+// Writes n as exactly width digits, zero-padded, at p; returns the end.
+char* digitsAt(char* p, std::uint32_t n, int width) {
+  for (int i = width - 1; i >= 0; --i) {
+    p[i] = static_cast<char>('0' + n % 10);
+    n /= 10;
+  }
+  return p + width;
+}
+
+// "YYYY-MM-DD" at p for a year of four digits; returns the end, or null for another year.
+char* dateAt(char* p, std::int64_t day) {
+  std::int64_t year;
+  unsigned month;
+  unsigned dayOfMonth;
+  civilFromDays(day - kUnixEpochDay, year, month, dayOfMonth);
+  if (year < 0 || year > 9999) return nullptr;
+  p = digitsAt(p, static_cast<std::uint32_t>(year), 4);
+  *p++ = '-';
+  p = digitsAt(p, month, 2);
+  *p++ = '-';
+  return digitsAt(p, dayOfMonth, 2);
+}
+
+// "HH:MM:SS.ffff" at p for a time below 100 hours; returns the end, or null for another.
+char* timeAt(char* p, std::uint32_t units) {
+  const std::uint32_t seconds = units / 10000;
+  const std::uint32_t hours = seconds / 3600;
+  if (hours >= 100) return nullptr;
+  p = digitsAt(p, hours, 2);
+  *p++ = ':';
+  p = digitsAt(p, seconds / 60 % 60, 2);
+  *p++ = ':';
+  p = digitsAt(p, seconds % 60, 2);
+  *p++ = '.';
+  return digitsAt(p, units % 10000, 4);
+}
+
+}  // namespace
+
 void appendDate(std::string& out, std::int64_t day) {
+  // The whole text at once where it has its usual form.
+  char text[10];
+  if (const char* end = dateAt(text, day)) {
+    out.append(text, static_cast<std::size_t>(end - text));
+    return;
+  }
   std::int64_t year;
   unsigned month;
   unsigned dayOfMonth;
@@ -106,6 +156,11 @@ void appendDate(std::string& out, std::int64_t day) {
 }
 
 void appendTime(std::string& out, std::uint32_t units) {
+  char text[13];
+  if (const char* end = timeAt(text, units)) {
+    out.append(text, static_cast<std::size_t>(end - text));
+    return;
+  }
   const std::uint32_t seconds = units / 10000;
   const std::uint32_t hours = seconds / 3600;
   // A time of day is below 24 hours; a larger value shows its hours in full.
@@ -122,6 +177,16 @@ void appendTime(std::string& out, std::uint32_t units) {
 }
 
 void appendTimestamp(std::string& out, std::int64_t day, std::uint32_t units) {
+  char text[24];
+  char* end = dateAt(text, day);
+  if (end) {
+    *end++ = 'T';
+    end = timeAt(end, units);
+  }
+  if (end) {
+    out.append(text, static_cast<std::size_t>(end - text));
+    return;
+  }
   appendDate(out, day);
   out.push_back('T');
   appendTime(out, units);

@@ -18,9 +18,24 @@ StreamSink::StreamSink(EventWriter& writer, std::FILE* out, bool durable)
 }
 
 void StreamSink::drain(bool flush) {
-  const std::string_view pending = writer_.pending();
-  if (!pending.empty() && std::fwrite(pending.data(), 1, pending.size(), out_) != pending.size())
+  // The writer's buffer goes to the file by write(2) itself, once per piece, after whatever the
+  // stream still holds: through the stream it would be copied once more on its way.
+  // A stream without a descriptor (in memory) takes it through stdio.
+  std::string_view pending = writer_.pending();
+  const int fd = ::fileno(out_);
+  if (fd < 0 && !pending.empty() &&
+      std::fwrite(pending.data(), 1, pending.size(), out_) != pending.size())
     throw std::runtime_error(std::string("cannot write the output: ") + std::strerror(errno));
+  if (fd < 0) pending = {};
+  if (!pending.empty() && std::fflush(out_) != 0)
+    throw std::runtime_error(std::string("cannot write the output: ") + std::strerror(errno));
+  while (!pending.empty()) {
+    const ssize_t n = ::write(fd, pending.data(), pending.size());
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0)
+      throw std::runtime_error(std::string("cannot write the output: ") + std::strerror(errno));
+    pending.remove_prefix(static_cast<std::size_t>(n));
+  }
   writer_.clear();
   if (flush && std::fflush(out_) != 0)
     throw std::runtime_error(std::string("cannot write the output: ") + std::strerror(errno));

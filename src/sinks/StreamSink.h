@@ -1,5 +1,5 @@
 // A sink that writes events as lines to a stdio stream, in the format of its EventWriter. Output
-// is handed to the stream in pieces of 64 KiB and flushed at the end of every log.
+// goes to the stream's file by write(2) in pieces of 64 KiB or more, and at the end of every log.
 //
 // A follower stores its position durably after each log, so the log's events must be as durable
 // first: with durable set and the stream a regular file, each log's output is synced to disk
