@@ -131,14 +131,17 @@ class MetricsTest : public PluginFixture {
     return {};
   }
 
-  // Waits up to a minute until the consumer's counter name reaches value; the last scrape.
-  std::string scrapeUntil(int port, const std::string& name, double value) {
+  // Waits up to a minute until the consumer's fbcdc_logs_total reaches logs and it has stored
+  // its position after the last (fbcdc_logs_waiting 0); label: its labels, "{consumer=...}". The
+  // last scrape.
+  std::string scrapeUntil(int port, const std::string& label, double logs) {
     std::string text;
     for (int i = 0; i < 600; ++i) {
       text = scrape(port);
-      const auto all = samples(text);
-      const auto found = all.find(name);
-      if (found != all.end() && found->second >= value) break;
+      auto all = samples(text);
+      if (all.count("fbcdc_logs_total" + label) && all["fbcdc_logs_total" + label] >= logs &&
+          all.count("fbcdc_logs_waiting" + label) && all["fbcdc_logs_waiting" + label] == 0)
+        break;
       ::usleep(100000);
     }
     return text;
@@ -236,10 +239,10 @@ TEST_F(MetricsTest, FollowerServesWhatItTook) {
       EXPECT_NEAR(e.value, all[e.name], margin) << e.name;
     }
   };
-  expectFed(scrapeUntil(port, "fbcdc_logs_total" + label + "}", 5), 5);
+  expectFed(scrapeUntil(port, label + "}", 5), 5);
   // Logs published while it runs count on.
   for (int k = 5; k < 7; ++k) fed.push_back(publish(10 + k, k + 1, k, 100 * k));
-  expectFed(scrapeUntil(port, "fbcdc_logs_total" + label + "}", 7), 7);
+  expectFed(scrapeUntil(port, label + "}", 7), 7);
   EXPECT_EQ(0, stop(pid, SIGTERM)) << readText(dir / "err.txt");
 }
 
@@ -259,7 +262,7 @@ TEST_F(MetricsTest, ApplierServesConflictsAndRows) {
   const int port = announcedPort(dir / "err.txt");
   ASSERT_GT(port, 0) << readText(dir / "err.txt");
   const std::string label = "{consumer=\"replica:" + replica + "\"}";
-  const std::string text = scrapeUntil(port, "fbcdc_logs_total" + label, 3);
+  const std::string text = scrapeUntil(port, label, 3);
   EXPECT_EQ("", promtool(dir, text)) << text;
   auto all = samples(text);
   EXPECT_EQ(3, all["fbcdc_logs_total" + label]) << text;
