@@ -88,7 +88,7 @@ void addCaptureOptions(CLI::App& app, CaptureArguments& a) {
                      "concurrent attachments (default " + std::to_string(a.options.threads) + ")"),
       1, 64);
   wholeNumber(app.add_option("--max-blob", a.options.maxBlob,
-                             "largest blob in bytes; 0: no blobs nor arrays (default 4194304)"),
+                             "largest blob in bytes, 0: none (default 4194304)"),
               0, INT_MAX);
   wholeNumber(app.add_option(
                   "--hot-rows", a.options.hotRows,
