@@ -363,6 +363,24 @@ ReplicaApplier::~ReplicaApplier() {
 }
 
 FollowPosition ReplicaApplier::position() {
+  std::string text = storedPosition();
+  if (text.find('\t') != std::string::npos) {
+    if (prefix_.empty() || text.compare(0, prefix_.size(), prefix_) != 0)
+      throw ApplyError(
+          "the replica's FBCDC_APPLIED holds the progress of a snapshot being applied (\"" +
+          text.substr(0, text.find('\t')) +
+          "\"): apply it with the same --snapshot until it is in, and after");
+    text.erase(0, prefix_.size());
+  }
+  try {
+    return FollowPosition::parse(text);
+  } catch (const std::runtime_error& e) {
+    throw ApplyError(std::string("the replica's FBCDC_APPLIED holds no valid position: ") +
+                     e.what());
+  }
+}
+
+std::string ReplicaApplier::storedPosition() {
   Firebird::IStatement* s = statement(kReadPosition).statement;
   Firebird::IMessageMetadata* out = s->getOutputMetadata(db_.status());
   std::vector<unsigned char> row(out->getMessageLength(db_.status()));
@@ -384,12 +402,7 @@ FollowPosition ReplicaApplier::position() {
   out->release();
   db_.commit();
   if (applied_ < 0) throw ApplyError("the replica's FBCDC_APPLIED holds no position row");
-  try {
-    return FollowPosition::parse(text);
-  } catch (const std::runtime_error& e) {
-    throw ApplyError(std::string("the replica's FBCDC_APPLIED holds no valid position: ") +
-                     e.what());
-  }
+  return text;
 }
 
 const ReplicaApplier::TableInfo& ReplicaApplier::table(std::string_view name) {
@@ -774,16 +787,20 @@ void ReplicaApplier::applyEvents(const LogFile& log, bool ahead) {
     const ChangeEvent& e = decoder.next();
     if (e.kind == ChangeEvent::Kind::kEnd) break;
     where_ = "log " + log.name + ", event " + std::to_string(e.index);
+    if (skip_ && skip_(log, e)) continue;
     if (ahead && e.kind == ChangeEvent::Kind::kSql) throw NotAhead();
     applyEvent(e);
   }
 }
 
 void ReplicaApplier::storeAndCommit(const FollowPosition& after, std::size_t logs) {
+  storeAndCommit(prefix_ + after.serialize(), logs);
+}
+
+void ReplicaApplier::storeAndCommit(const std::string& serialized, std::size_t logs) {
   // The position is stored only over the one this applier read: another applier that took the
   // same logs meanwhile has moved it, and this one's work is undone rather than done twice.
   binder_->clear();
-  const std::string serialized = after.serialize();
   FieldValue text, applied;
   text.kind = FieldValue::Kind::kBlob;
   text.bytes = serialized;
@@ -819,6 +836,13 @@ void ReplicaApplier::apply(const LogFile& log, const FollowPosition& after) {
   inTransaction([&] {
     applyEvents(log, false);
     storeAndCommit(after, 1);
+  });
+}
+
+void ReplicaApplier::applyWithPosition(const LogFile& log, const std::string& stored) {
+  inTransaction([&] {
+    applyEvents(log, false);
+    storeAndCommit(stored, 1);
   });
 }
 

@@ -75,6 +75,21 @@ class ReplicaApplier {
   // ApplyError, undoing the log, when another applier moved the position meanwhile.
   void apply(const LogFile& log, const FollowPosition& after);
 
+  // For a replica filled from a snapshot first: the position is stored as prefix followed by the
+  // log position, and position() reads the log position behind it. A stored position with a tab
+  // (which no log position has) and another prefix is refused by position(): it is the progress
+  // of a snapshot that this applier was not told of.
+  void positionPrefix(std::string prefix) { prefix_ = std::move(prefix); }
+  // The stored position as it is, prefix and all; read like position().
+  std::string storedPosition();
+  // Applies every event of log and stores the text stored (a snapshot's progress) as the
+  // position, in the same transaction, as apply() does.
+  void applyWithPosition(const LogFile& log, const std::string& stored);
+  // Events for which skip returns true are left out of every log applied (changes a snapshot
+  // already holds).
+  using SkipFn = std::function<bool(const LogFile& log, const ChangeEvent& event)>;
+  void skipEvents(SkipFn skip) { skip_ = std::move(skip); }
+
   // Applies logs[first] over position, in publication order where it applies cleanly. Two
   // transactions that change one row commit one right after the other, and the later one's log
   // may be published first. So where logs[first] conflicts with the replica, the logs published
@@ -144,6 +159,7 @@ class ReplicaApplier {
   void inTransaction(const std::function<void()>& work);
   // Stores after over the position read and commits: the end of each transaction.
   void storeAndCommit(const FollowPosition& after, std::size_t logs);
+  void storeAndCommit(const std::string& serialized, std::size_t logs);
   // Applies log as if every conflict were an error; false, with the summary as it was, where it
   // does not apply cleanly (the caller undoes what it did).
   bool applyCleanly(const LogFile& log, bool ahead);
@@ -198,4 +214,6 @@ class ReplicaApplier {
   std::string differs_;  // how the row differs from the log's old values (Outcome::kDiffers)
   bool check_ = true;
   std::int64_t applied_ = -1;  // LOGS_APPLIED as position() read it; -1: not read
+  std::string prefix_;         // stored before every log position (positionPrefix)
+  SkipFn skip_;
 };

@@ -178,4 +178,53 @@ TEST_F(SnapshotBetweenWorkloads, RedisFollowerKilledAndRunAgainSendsEachEventOnc
   }
 }
 
+// A replica with the source's schema (gbak's metadata-only backup and restore, as the docs show)
+// filled by apply --snapshot from the snapshot and the logs, by an applier killed at random
+// points and run again, equals the source; a second run has nothing to do, and a replica that
+// already holds rows is refused.
+TEST_F(SnapshotBetweenWorkloads, ApplyFillsAnEmptyReplicaAndGoesOnWithTheLogs) {
+  if (::access("/usr/bin/gbak", X_OK) != 0) GTEST_SKIP() << "needs gbak (firebird3.0-utils)";
+  more();
+  ASSERT_EQ(0, waitFor(spawn({"gbak", "-b", "-m", dir / "source.fdb", dir / "schema.fbk"},
+                             dir / "gbak.out", dir / "gbak.err")))
+      << readText(dir / "gbak.err");
+  ASSERT_EQ(0, waitFor(spawn({"gbak", "-c", dir / "schema.fbk", dir / "replica.fdb"},
+                             dir / "gbak.out", dir / "gbak.err")))
+      << readText(dir / "gbak.err");
+  const std::vector<std::string> apply = {FBCDC_CLI_PATH,      "apply",      "--database",
+                                          dir / "replica.fdb", "--snapshot", dir / "snap",
+                                          dir / "logs"};
+  std::mt19937 random(9);
+  int killed = 0;
+  for (int run = 0;; ++run) {
+    const pid_t pid = spawn(apply, dir / "apply.out", dir / "apply.err");
+    ASSERT_GT(pid, 0);
+    if (run < 4) ::usleep(30000 + random() % 400000);
+    const int status = run < 4 ? stop(pid, SIGKILL) : waitFor(pid);
+    if (status == -1) {
+      ++killed;
+      continue;
+    }
+    ASSERT_EQ(0, status) << readText(dir / "apply.err");
+    if (run >= 4) break;
+  }
+  EXPECT_GT(killed, 0);
+  ASSERT_EQ(0, waitFor(spawn({FBCDC_CLI_PATH, "compare", dir / "source.fdb", dir / "replica.fdb"},
+                             dir / "compare.out", dir / "compare.err")))
+      << readText(dir / "compare.out") << readText(dir / "compare.err");
+  ASSERT_EQ(0, waitFor(spawn(apply, dir / "apply.out", dir / "apply.err")));
+  EXPECT_THAT(readText(dir / "apply.out"), ::testing::HasSubstr("apply: 0 snapshot files"));
+  EXPECT_THAT(readText(dir / "apply.out"), ::testing::HasSubstr("apply: 0 logs"));
+  // Without the snapshot, the applier does not take the replica for one it may go on with.
+  EXPECT_EQ(
+      1, waitFor(spawn({FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb", dir / "logs"},
+                       dir / "apply.out", dir / "apply.err")));
+  EXPECT_THAT(readText(dir / "apply.err"), ::testing::HasSubstr("progress of a snapshot"));
+  // The source itself holds rows: it is no replica to fill.
+  EXPECT_EQ(1, waitFor(spawn({FBCDC_CLI_PATH, "apply", "--database", dir / "source.fdb",
+                              "--snapshot", dir / "snap", dir / "logs"},
+                             dir / "apply.out", dir / "apply.err")));
+  EXPECT_THAT(readText(dir / "apply.err"), ::testing::HasSubstr("holds rows"));
+}
+
 }  // namespace

@@ -23,6 +23,7 @@
 #include "Progress.h"
 #include "PruneMark.h"
 #include "ReplicaApplier.h"
+#include "SnapshotApplier.h"
 #include "Workload.h"
 
 namespace fbcdc {
@@ -293,6 +294,11 @@ int applyCommand(int argc, char** argv) {
   app.add_option("--metrics", metrics, "with --follow: serve Prometheus metrics")
       ->type_name("HOST:PORT");
   app.add_flag("--prune", prune, "remove the logs applied (if the sole consumer)");
+  std::string snapshotDir;
+  app.add_option("--snapshot", snapshotDir,
+                 "first fill the empty replica from this snapshot, then apply only the changes it "
+                 "does not contain")
+      ->type_name("SNAPDIR");
   app.add_option("LOG|DIR", paths, "logs, or directories of logs")->required();
   if (const int status = parse(app, argc, argv); status >= 0) return status;
   if (follow && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0])))
@@ -353,12 +359,26 @@ int applyCommand(int argc, char** argv) {
     applier->onWarning([](const std::string& w) { complain("apply", "warning: " + w); });
     ConsumerUpkeep upkeep("apply", {paths[0], Consumer::replica(database).text(), metrics, prune});
     const auto start = Clock::now();
+    // The snapshot's rows first, each file with the position after it; then the logs, without
+    // the changes the rows already hold.
+    std::unique_ptr<SnapshotStream> snapshot;
+    std::size_t filled = 0;
+    if (!snapshotDir.empty()) {
+      snapshot = std::make_unique<SnapshotStream>(snapshotDir);
+      SnapshotApplier filler(*replica, *applier, *snapshot);
+      Progress progress("apply", snapshot->files());
+      filled = filler.applyRows(
+          [&](std::size_t done, std::size_t) { progress.update(done, "snapshot"); });
+    }
     const ReplicaApplier::Summary s = applyLogs(*applier, logs, follow, paths[0], named, &upkeep);
     const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    if (snapshot)
+      std::printf("apply: %zu snapshot files of %zu applied now (%llu rows in all)\n", filled,
+                  snapshot->files(), static_cast<unsigned long long>(snapshot->manifest().rows()));
     std::printf(
         "apply: %llu logs, %llu rows, %llu statements in %.1f s (%.0f rows/s); %llu "
         "conflicts resolved\n",
-        static_cast<unsigned long long>(s.logs), static_cast<unsigned long long>(s.rows),
+        static_cast<unsigned long long>(s.logs - filled), static_cast<unsigned long long>(s.rows),
         static_cast<unsigned long long>(s.statements), seconds,
         static_cast<double>(s.rows) / seconds, static_cast<unsigned long long>(s.resolved));
     if (s.reordered > 0)
