@@ -14,13 +14,12 @@ struct JsonEventWriter::Sink {
   void integer(std::int64_t i) { out.appendInteger(i); }
   void real(double d) { out.appendDouble(d); }
   void string(std::string_view s) { out.appendString(s); }
+  void plain(std::string_view s) {
+    out.Put('"');
+    out.append(s);
+    out.Put('"');
+  }
 };
-
-void JsonEventWriter::raw(const char* json, std::size_t size, rapidjson::Type type) {
-  // The writer places the separator and keeps count; the text itself is copied whole.
-  writer_.RawValue("", 0, type);
-  buffer_.append(json, size);
-}
 
 JsonEventWriter::JsonEventWriter(const EventFormat& format)
     : format_(format), renderer_(format_), writer_(buffer_) {}
@@ -111,13 +110,10 @@ void JsonEventWriter::image(const ChangeEvent& event, bool before) {
   const bool none = event.kind == Kind::kSql || (before && event.kind == Kind::kInsert) ||
                     (!before && event.kind == Kind::kDelete);
   if (none) {
-    writer_.Null();
+    buffer_.append("null", 4);
     return;
   }
-  // The object is written whole into the output, its separators too: the writer only places the
-  // separator before it.
   Sink sink{buffer_};
-  writer_.RawValue("", 0, rapidjson::kObjectType);
   buffer_.Put('{');
   std::size_t slot = 0;
   for (const FieldChange& f : event.fields) {
@@ -150,23 +146,16 @@ void JsonEventWriter::rewriteLast(const ChangeEvent& event, std::size_t maxValue
   format_ = saved;
 }
 
-// Keys and values that are the same in every event go in as ready JSON text: escaping them again
-// for every event would be most of the writer's work.
-#define FBCDC_RAW_KEY(text) raw("\"" text "\"", sizeof(text) + 1, rapidjson::kStringType)
-
+// An event's line is written straight into the output, every key and every piece that stays the
+// same through the log as ready text: escaping and placing them again for every event would be
+// most of the writer's work. The text is what RapidJSON's writer gives for the same object.
 void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
   using Kind = ChangeEvent::Kind;
-  writer_.Reset(buffer_);
-  writer_.StartObject();
-  FBCDC_RAW_KEY("before");
+  buffer_.append(std::string_view("{\"before\":"));
   image(event, true);
-  FBCDC_RAW_KEY("after");
+  buffer_.append(std::string_view(",\"after\":"));
   image(event, false);
-
-  // The source and transaction objects are made in place: the parts that stay the same through
-  // the log are ready text, and the numbers go straight into the output.
-  FBCDC_RAW_KEY("source");
-  writer_.RawValue("", 0, rapidjson::kObjectType);
+  buffer_.append(std::string_view(",\"source\":"));
   buffer_.append(sourcePrefix_);
   buffer_.appendUnsigned(event.index);
   const bool read = log_.snapshot && event.kind == Kind::kInsert;
@@ -175,42 +164,36 @@ void JsonEventWriter::write(const ChangeEvent& event, std::uint32_t order) {
                        ? std::string_view(",\"snapshot\":\"last\"")
                        : std::string_view(",\"snapshot\":\"true\""));
   }
-  buffer_.Put('}');
-
-  static const char* const kOps[] = {"\"c\"", "\"u\"", "\"d\"", "\"sql\""};
-  FBCDC_RAW_KEY("op");
-  const char* op = read ? "\"r\"" : kOps[static_cast<int>(event.kind)];
-  raw(op, std::strlen(op), rapidjson::kStringType);
-  FBCDC_RAW_KEY("table");
+  static const std::string_view kOps[] = {
+      "},\"op\":\"c\",\"table\":", "},\"op\":\"u\",\"table\":", "},\"op\":\"d\",\"table\":",
+      "},\"op\":\"sql\",\"table\":"};
+  buffer_.append(read ? std::string_view("},\"op\":\"r\",\"table\":")
+                      : kOps[static_cast<int>(event.kind)]);
   if (event.kind == Kind::kSql) {
-    writer_.Null();
-    FBCDC_RAW_KEY("sql");
-    writer_.StartObject();
-    FBCDC_RAW_KEY("text");
-    name(event.sqlText);
-    FBCDC_RAW_KEY("number");
+    buffer_.append(std::string_view("null,\"sql\":{\"text\":"));
+    scratch_.clear();
+    CharacterSets::appendValidUtf8(event.sqlText, scratch_);
+    buffer_.appendString(scratch_);
+    buffer_.append(std::string_view(",\"number\":"));
     if (format_.bigintAsNumber) {
-      writer_.Int64(event.sqlNumber);
+      buffer_.appendInteger(event.sqlNumber);
     } else {
-      char digits[24];
-      string(ValueRenderer::integerText(event.sqlNumber, digits));
+      buffer_.Put('"');
+      buffer_.appendInteger(event.sqlNumber);
+      buffer_.Put('"');
     }
-    writer_.EndObject();
+    buffer_.Put('}');
   } else {
-    const std::string& table = quoted(event.relation, 0, relations_);
-    raw(table.data(), table.size(), rapidjson::kStringType);
+    buffer_.append(quoted(event.relation, 0, relations_));
   }
-  FBCDC_RAW_KEY("ts_ms");
-  writer_.Int64(nowMs());
-  FBCDC_RAW_KEY("transaction");
-  writer_.RawValue("", 0, rapidjson::kObjectType);
+  buffer_.append(std::string_view(",\"ts_ms\":"));
+  buffer_.appendInteger(nowMs());
+  buffer_.append(std::string_view(",\"transaction\":"));
   buffer_.append(transactionPrefix_);
   buffer_.appendUnsigned(event.index + 1);
   buffer_.append(std::string_view(",\"data_collection_order\":"));
   buffer_.appendUnsigned(order);
-  buffer_.Put('}');
-  writer_.EndObject();
-  buffer_.Put('\n');
+  buffer_.append(std::string_view("}}\n"));
 }
 
 const std::string& JsonEventWriter::quoted(

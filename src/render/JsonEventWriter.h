@@ -57,7 +57,6 @@ class JsonEventWriter : public EventWriter {
     writer_.RawValue("", 0, rapidjson::kStringType);
     buffer_.appendString(s);
   }
-  void raw(const char* json, std::size_t size, rapidjson::Type type);
   // A name or statement from the log as a string value, made valid UTF-8.
   void name(std::string_view s);
   void image(const ChangeEvent& event, bool before);

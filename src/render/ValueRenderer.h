@@ -13,6 +13,8 @@
 #include <charconv>
 #include <cmath>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 #include "CharacterSets.h"
 #include "EventFormat.h"
@@ -25,6 +27,13 @@ class ValueRenderer {
   static constexpr char kOmitted[] = "__omitted";
 
   explicit ValueRenderer(const EventFormat& format) : format_(format) {}
+
+  // Whether Sink has plain(std::string_view): a string known to need no escape.
+  template <typename Sink, typename = void>
+  struct HasPlain : std::false_type {};
+  template <typename Sink>
+  struct HasPlain<Sink, std::void_t<decltype(std::declval<Sink&>().plain(std::string_view()))>>
+      : std::true_type {};
 
   template <typename Sink>
   void render(const FieldValue& v, Sink& sink) {
@@ -79,6 +88,12 @@ class ValueRenderer {
     if (format_.maxValueBytes > 0 && scratch_.size() > format_.maxValueBytes) {
       if (format_.omitLarge) return sink.string(kOmitted);
       cut(scratch_, format_.maxValueBytes);
+    }
+    // Numbers, dates, times and base64 hold no quote, backslash or control character, nothing an
+    // output escapes: a sink that can take such a text as it is (plain()) is spared the search.
+    const bool ascii = v.kind != Kind::kText && !(v.kind == Kind::kBlob && format_.blobsAsText);
+    if constexpr (HasPlain<Sink>::value) {
+      if (ascii) return sink.plain(scratch_);
     }
     sink.string(scratch_);
   }
