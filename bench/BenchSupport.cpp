@@ -83,6 +83,8 @@ const Ratio kRatios[] = {
      "items_per_second", 0, nullptr, 1e6},
     {"dump as a process, 300,000 inserts, vs 1 million events/s", "DumpProcessAgainstLimits",
      nullptr, "dump_events_per_second", 1.0, nullptr, 1e6},
+    {"  the same per second of the process's processor time", "DumpProcessAgainstLimits", nullptr,
+     "dump_events_per_cpu_second", 0, nullptr, 1e6},
     {"  dump as a process vs write(2) of the rendered bytes", "DumpProcessAgainstLimits",
      "DumpProcessAgainstLimits", "dump_events_per_second", 0, "write_events_per_second"},
     {"  dump as a process vs the decoder alone", "DumpProcessAgainstLimits",
