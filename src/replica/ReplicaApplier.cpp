@@ -501,18 +501,30 @@ void ReplicaApplier::conflict(const std::string& what) {
 }
 
 void ReplicaApplier::insert(const ChangeEvent& e) {
+  // As for a change: the statement is found by the table and the columns the log carries, and
+  // its SQL is made only the first time.
+  shape_.assign(1, 'I');
+  shape_.append(e.relation).push_back('\0');
+  for (const FieldChange& f : e.fields) {
+    if (!f.after.present()) continue;
+    shape_.append(f.name).push_back('\1');
+  }
+  Prepared*& prepared = shapes_[shape_];
   std::vector<std::string> columns, marks;
   binder_->clear();
   for (const FieldChange& f : e.fields) {
     if (!f.after.present()) continue;
-    columns.push_back(Database::quote(f.name));
-    marks.push_back("?");
+    if (!prepared) {
+      columns.push_back(Database::quote(f.name));
+      marks.push_back("?");
+    }
     binder_->add(f.after, e.relation, f.name);
   }
-  const std::string sql = "INSERT INTO " + Database::quote(e.relation) + " (" +
-                          join(columns, ", ") + ") VALUES (" + join(marks, ", ") + ")";
+  if (!prepared)
+    prepared = &statement("INSERT INTO " + Database::quote(e.relation) + " (" +
+                          join(columns, ", ") + ") VALUES (" + join(marks, ", ") + ")");
   try {
-    run(sql, *binder_);
+    run(*prepared, *binder_);
   } catch (const Firebird::FbException& x) {
     if (conflicts_ != Conflicts::kUpsert || !reports(x, {kUniqueKeyViolation, kDuplicateInIndex}))
       throw;
