@@ -241,8 +241,7 @@ int followCommand(int argc, char** argv) {
   app.add_option("--metrics", metrics, "serve Prometheus metrics (host 127.0.0.1 if none)")
       ->type_name("HOST:PORT");
   app.add_flag("--prune", prune, "remove the logs taken (if the sole consumer)");
-  app.add_option("--snapshot", snapshotDir,
-                 "first the rows of this snapshot, then only the changes it does not contain")
+  app.add_option("--snapshot", snapshotDir, "this snapshot's rows first, then what it lacks")
       ->type_name("SNAPDIR");
   addOutputOptions(app, output);
   addRangeOptions(app, ranges);

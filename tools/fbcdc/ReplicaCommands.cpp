@@ -303,9 +303,7 @@ int applyCommand(int argc, char** argv) {
       ->type_name("HOST:PORT");
   app.add_flag("--prune", prune, "remove the logs applied (if the sole consumer)");
   std::string snapshotDir;
-  app.add_option("--snapshot", snapshotDir,
-                 "first fill the empty replica from this snapshot, then apply only the changes it "
-                 "does not contain")
+  app.add_option("--snapshot", snapshotDir, "fill the empty replica from this snapshot first")
       ->type_name("SNAPDIR");
   app.add_option("LOG|DIR", paths, "logs, or directories of logs")->required();
   if (const int status = parse(app, argc, argv); status >= 0) return status;

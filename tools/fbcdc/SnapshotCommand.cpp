@@ -28,11 +28,13 @@ int snapshotCommand(int argc, char** argv) {
       argv[0]);
   std::string database, output, tables;
   std::uint64_t chunkRows = 100000;
-  app.add_option("--database", database,
-                 "the source: a local path (embedded engine), host:path or host/port:path")
+  app.add_option("--database", database, "the source: a path, host:path or host/port:path")
+      ->type_name("SRC")
       ->required();
-  app.add_option("--output", output, "the snapshot directory (made when missing)")->required();
-  app.add_option("--tables", tables, "comma-separated table names (default: every user table)");
+  app.add_option("--output", output, "the snapshot directory (made when missing)")
+      ->type_name("SNAPDIR")
+      ->required();
+  app.add_option("--tables", tables, "the tables to read (default: all)")->type_name("T,...");
   wholeNumber(app.add_option("--chunk-rows", chunkRows, "rows per snapshot file (default 100000)"),
               1, 1000000000);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
