@@ -22,9 +22,10 @@ int snapshotCommand(int argc, char** argv) {
   CLI::App app(
       "Reads the current rows of every user table (or the named ones) in one consistent "
       "snapshot and writes them into SNAPDIR as snapshot files in the change logs' format, with "
-      "the boundary that tells which logs' changes they already contain. Writers of the tables "
-      "are held only while the snapshot's transaction starts; the pause is reported. Run again "
-      "on the same SNAPDIR, it keeps the tables already written and reads the rest.",
+      "the boundary that tells which logs' changes they already contain. Writers go on: only "
+      "when two looks at the active transactions cannot tell the boundary are they held while "
+      "the snapshot's transaction starts, and the summary says so. Run again on the same "
+      "SNAPDIR, it keeps the tables already written and reads the rest.",
       argv[0]);
   std::string database, output, tables;
   std::uint64_t chunkRows = 100000;
