@@ -292,7 +292,7 @@ CaptureSummary CaptureDriver::run() {
   std::int64_t keyBase = 0;
   try {
     // A new database gets the schema, an existing one the tables it lacks.
-    Database db(options_.database, true);
+    Database db(options_.database, options_.credentials, true);
     Workload::createSchema(db);
     keyBase = Workload::reserveKeys(db, options_.threads);
     if (options_.hotRows > 0) {
@@ -330,7 +330,7 @@ CaptureSummary CaptureDriver::run() {
     Clock::duration pluginTime{};
     const std::string who = "thread " + std::to_string(thread) + ": ";
     try {
-      Database db(options_.database, false);
+      Database db(options_.database, options_.credentials, false);
       Workload::Options w;
       w.seed = options_.seed;
       w.thread = thread;

@@ -14,8 +14,11 @@
 #include <cstdint>
 #include <string>
 
+#include "Credentials.h"
+
 struct CaptureOptions {
   std::string database;         // created with the workload's schema when missing
+  Credentials credentials;      // who every attachment to it is
   std::string pluginLibrary;    // path of libfbcdc.so
   std::string configFile;       // the plugin's configuration (OutputDirectory = ...)
   std::string outputDirectory;  // the same directory, for the figures of published logs

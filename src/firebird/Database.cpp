@@ -21,7 +21,8 @@ void checkLegacy(const ISC_STATUS* vector, const char* what) {
 
 }  // namespace
 
-Database::Database(const std::string& path, bool create, bool* created)
+Database::Database(const std::string& path, const Credentials& credentials, bool create,
+                   bool* created)
     : path_(path),
       master_(Firebird::fb_get_master_interface()),
       rawStatus_(master_->getStatus()),
@@ -30,8 +31,7 @@ Database::Database(const std::string& path, bool create, bool* created)
   Firebird::IXpbBuilder* dpb = nullptr;
   try {
     dpb = util->getXpbBuilder(&status_, Firebird::IXpbBuilder::DPB, nullptr, 0);
-    // The embedded engine takes the operating system's user; a server needs a name.
-    dpb->insertString(&status_, isc_dpb_user_name, "SYSDBA");
+    credentials.addTo(dpb, &status_);
     Firebird::IProvider* provider = master_->getDispatcher();
     struct stat st;
     const bool local = path.find(':') == std::string::npos;
@@ -64,7 +64,7 @@ Database::Database(const std::string& path, bool create, bool* created)
     if (dpb) dpb->dispose();
     const std::string text = describe(e);
     rawStatus_->dispose();
-    throw std::runtime_error("cannot open database " + path + ": " + text);
+    throw std::runtime_error("cannot open database " + path + ": " + oneLine(text));
   }
 }
 
@@ -87,6 +87,19 @@ std::string Database::describe(const Firebird::FbException& e) {
   Firebird::fb_get_master_interface()->getUtilInterface()->formatStatus(text, sizeof text,
                                                                         e.getStatus());
   return text;
+}
+
+std::string Database::oneLine(const std::string& text) {
+  std::string line;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text[i] != '\n') {
+      line += text[i];
+    } else if (i + 1 < text.size()) {
+      line += ": ";
+      if (text[i + 1] == '-') ++i;
+    }
+  }
+  return line;
 }
 
 std::string Database::quote(std::string_view name) {

@@ -1,5 +1,7 @@
 // One attachment to a Firebird database, through the embedded engine for a local path (no server,
-// no password file) or through a server for "host:path", and the transaction it works in.
+// no password file) or through a server for "host:path", and the transaction it works in. It
+// attaches as the credentials say (Credentials): with none, the embedded engine takes the
+// operating system's user.
 //
 // Calls go through a ThrowStatusWrapper: a failure of the server throws Firebird::FbException,
 // which describe() turns into text. The destructor rolls back an open transaction and detaches.
@@ -13,11 +15,16 @@
 #include <string_view>
 #include <vector>
 
+#include "Credentials.h"
+
 class Database {
  public:
   // Attaches to path; creates the database (page size 8192, dialect 3) when it does not exist
   // and create is set. created tells which happened.
-  Database(const std::string& path, bool create, bool* created = nullptr);
+  Database(const std::string& path, bool create, bool* created = nullptr)
+      : Database(path, Credentials(), create, created) {}
+  Database(const std::string& path, const Credentials& credentials, bool create,
+           bool* created = nullptr);
   ~Database();
   Database(const Database&) = delete;
   Database& operator=(const Database&) = delete;
@@ -61,6 +68,9 @@ class Database {
   void drop();
 
   static std::string describe(const Firebird::FbException& e);
+  // A failure's text on one line: the server's parts (one a line, the later ones after "-")
+  // joined by ": ".
+  static std::string oneLine(const std::string& text);
   // A name as an SQL identifier in double quotes.
   static std::string quote(std::string_view name);
 

@@ -1,6 +1,7 @@
 #include "CheckpointFile.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,8 +52,13 @@ std::string CheckpointFile::load() const {
 
 void CheckpointFile::store(const std::string& text) const {
   const std::string temporary = path_ + ".tmp";
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC, mode_);
   if (fd < 0) fail("cannot create", temporary);
+  // The mode is set whatever the umask, and whatever a temporary file left behind had.
+  if (::fchmod(fd, mode_) != 0) {
+    ::close(fd);
+    fail("cannot set the mode of", temporary);
+  }
   std::size_t written = 0;
   while (written < text.size()) {
     const ssize_t n = ::write(fd, text.data() + written, text.size() - written);

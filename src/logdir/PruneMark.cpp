@@ -6,7 +6,8 @@
 #include "LogDirectory.h"
 
 PruneMark::PruneMark(const std::string& directory)
-    : file_(LogDirectory::withSlash(directory) + kFileName) {
+    // Every consumer of the directory reads the mark: its group (the directory's readers) may too.
+    : file_(LogDirectory::withSlash(directory) + kFileName, 0640) {
   try {
     position_ = FollowPosition::parse(file_.load());
   } catch (const std::runtime_error& e) {

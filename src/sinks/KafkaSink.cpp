@@ -1,5 +1,8 @@
 #include "KafkaSink.h"
 
+#include <cerrno>
+#include <cstring>
+#include <fstream>
 #include <stdexcept>
 
 #include "CharacterSets.h"
@@ -17,7 +20,40 @@ struct KeySink {
   void string(std::string_view s) { w.String(s.data(), static_cast<unsigned>(s.size())); }
 };
 
+// Whether a property's value may be a secret, which no message repeats.
+bool secret(const std::string& name) {
+  for (const char* word : {"password", "secret", "jaas", "key.pem", "token"})
+    if (name.find(word) != std::string::npos) return true;
+  return false;
+}
+
+std::string trimmed(const std::string& text) {
+  const std::size_t first = text.find_first_not_of(" \t\r");
+  if (first == std::string::npos) return "";
+  return text.substr(first, text.find_last_not_of(" \t\r") - first + 1);
+}
+
 }  // namespace
+
+std::vector<std::pair<std::string, std::string>> KafkaSink::readProperties(
+    const std::string& path) {
+  std::ifstream in(path);
+  if (!in) throw std::invalid_argument(path + ": " + std::strerror(errno));
+  std::vector<std::pair<std::string, std::string>> properties;
+  std::string line;
+  for (int number = 1; std::getline(in, line); ++number) {
+    const std::string text = trimmed(line);
+    if (text.empty() || text[0] == '#') continue;
+    const std::size_t equals = text.find('=');
+    const std::string key = equals == std::string::npos ? "" : trimmed(text.substr(0, equals));
+    if (key.empty())
+      throw std::invalid_argument(path + " line " + std::to_string(number) +
+                                  ": not KEY=VALUE (# starts a comment)");
+    properties.emplace_back(key, trimmed(text.substr(equals + 1)));
+  }
+  if (in.bad()) throw std::invalid_argument(path + ": " + std::strerror(errno));
+  return properties;
+}
 
 KafkaSink::KafkaSink(const Options& options, const EventFormat& format)
     : options_(options), format_(format), writer_(format) {
@@ -28,7 +64,8 @@ KafkaSink::KafkaSink(const Options& options, const EventFormat& format)
         RD_KAFKA_CONF_OK) {
       rd_kafka_conf_destroy(conf);
       // A setting librdkafka does not take is the user's wrong argument, not a failure.
-      throw std::invalid_argument("Kafka setting " + name + "=" + value + ": " + error);
+      throw std::invalid_argument("Kafka setting " + name + "=" +
+                                  (secret(name) ? std::string("(hidden)") : value) + ": " + error);
     }
   };
   set("bootstrap.servers", options.brokers);

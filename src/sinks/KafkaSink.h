@@ -47,8 +47,15 @@ class KafkaSink : public EventSink {
     int deliveryTimeoutMs = 120000;
   };
 
-  // Throws std::runtime_error when the producer cannot be configured.
+  // Throws std::runtime_error when the producer cannot be configured, std::invalid_argument for a
+  // property librdkafka does not take (its value left out of the text where it may be a secret).
   KafkaSink(const Options& options, const EventFormat& format);
+
+  // The properties of a file as kcat's -F reads them: one KEY=VALUE a line, blanks around key and
+  // value dropped, empty lines and lines starting with # passed over. Throws std::invalid_argument,
+  // naming the file and the line's number (not its text, which may hold a secret), for a line of
+  // another form or a file that cannot be read.
+  static std::vector<std::pair<std::string, std::string>> readProperties(const std::string& path);
   ~KafkaSink() override;
 
   void beginLog(const LogInfo& log) override;

@@ -35,19 +35,71 @@ std::string textOf(const redisReply* reply) {
 
 }  // namespace
 
+void RedisSink::setAddress(Options& options, const std::string& address) {
+  if (address.rfind("unix:", 0) == 0) {
+    if (address.size() == 5) throw std::invalid_argument(address + " names no socket");
+    options.socket = address.substr(5);
+    return;
+  }
+  const std::size_t colon = address.rfind(':');
+  const std::string port = colon == std::string::npos ? "" : address.substr(colon + 1);
+  const bool digits = !port.empty() && port.size() <= 5 &&
+                      port.find_first_not_of("0123456789") == std::string::npos;
+  if (colon == std::string::npos || colon == 0 || !digits || std::stoi(port) < 1 ||
+      std::stoi(port) > 65535)
+    throw std::invalid_argument(address + " has no HOST:PORT with a port from 1 to 65535");
+  options.socket.clear();
+  options.host = address.substr(0, colon);
+  options.port = std::stoi(port);
+}
+
+std::string RedisSink::addressOf(const Options& options) {
+  return options.socket.empty() ? options.host + ":" + std::to_string(options.port)
+                                : "unix:" + options.socket;
+}
+
 RedisSink::RedisSink(const Options& options, const EventFormat& format)
     : options_(options), writer_(format) {
   const timeval timeout{10, 0};
-  redis_ = redisConnectWithTimeout(options.host.c_str(), options.port, timeout);
+  redis_ = options.socket.empty()
+               ? redisConnectWithTimeout(options.host.c_str(), options.port, timeout)
+               : redisConnectUnixWithTimeout(options.socket.c_str(), timeout);
+  const std::string where = "Redis at " + addressOf(options);
   if (!redis_ || redis_->err) {
     const std::string why = redis_ ? redis_->errstr : "out of memory";
     if (redis_) redisFree(redis_);
-    throw std::runtime_error("cannot connect to Redis at " + options.host + ":" +
-                             std::to_string(options.port) + ": " + why);
+    throw std::runtime_error("cannot connect to " + where + ": " + why);
+  }
+  // Nothing else is sent before the server has taken the login and the database.
+  std::vector<std::vector<std::string>> setup;
+  if (!options.password.empty()) {
+    if (options.user.empty())
+      setup.push_back({"AUTH", options.password});
+    else
+      setup.push_back({"AUTH", options.user, options.password});
+  }
+  if (options.database != 0) setup.push_back({"SELECT", std::to_string(options.database)});
+  for (const std::vector<std::string>& args : setup) {
+    std::string why;
+    try {
+      redisReply* reply = command(args);
+      if (reply->type == REDIS_REPLY_ERROR) why = textOf(reply);
+      freeReplyObject(reply);
+    } catch (const std::runtime_error& e) {
+      why = e.what();
+    }
+    if (!why.empty()) {
+      redisFree(redis_);
+      redis_ = nullptr;
+      throw std::runtime_error(where + " refused " + args[0] +
+                               (args[0] == "SELECT" ? " " + args[1] : "") + ": " + why);
+    }
   }
 }
 
-RedisSink::~RedisSink() { redisFree(redis_); }
+RedisSink::~RedisSink() {
+  if (redis_) redisFree(redis_);
+}
 
 void RedisSink::fail(const std::string& what) {
   throw std::runtime_error("Redis: " + (file_.empty() ? what : "log " + file_ + ": " + what));

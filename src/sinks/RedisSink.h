@@ -9,6 +9,10 @@
 // follower resumes exactly after the last log whose entries all arrived: every event once.
 //
 // The position lies under "<prefix>.checkpoint", which no stream key "<prefix>:<TABLE>" can be.
+//
+// The server is reached over TCP or a Unix socket, then AUTH (a password, or an ACL user and its
+// password) and SELECT (a database other than 0) come before anything else. hiredis 0.14 has no
+// TLS: a TLS server is reached through a local tunnel (stunnel), see docs/security.md.
 #pragma once
 
 #include <hiredis/hiredis.h>
@@ -25,11 +29,22 @@ class RedisSink : public EventSink {
   struct Options {
     std::string host = "127.0.0.1";
     int port = 6379;
+    std::string socket;    // a Unix socket's path; when set, host and port are not used
+    std::string user;      // an ACL user; empty: the default user
+    std::string password;  // empty: no AUTH
+    int database = 0;      // the database SELECT takes
     std::string prefix = "fbcdc";
     long long maxlen = 0;  // 0: streams are not capped
   };
 
-  // Connects; throws std::runtime_error when Redis cannot be reached.
+  // Sets host and port from "HOST:PORT", or socket from "unix:PATH"; throws std::invalid_argument,
+  // worded for the user, for anything else.
+  static void setAddress(Options& options, const std::string& address);
+  // The server as setAddress reads it.
+  static std::string addressOf(const Options& options);
+
+  // Connects, authenticates and selects the database; throws std::runtime_error, naming the
+  // server and its reason, when any of it fails.
   RedisSink(const Options& options, const EventFormat& format);
   ~RedisSink() override;
 

@@ -9,7 +9,8 @@
 #include "Processes.h"
 #include "TestFiles.h"
 
-RedisServer::RedisServer(const std::string& directory) : directory_(directory) {
+RedisServer::RedisServer(const std::string& directory, const std::vector<std::string>& more)
+    : directory_(directory) {
   // A free loopback port: the kernel's choice for a socket bound to port 0.
   const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in address{};
@@ -21,9 +22,12 @@ RedisServer::RedisServer(const std::string& directory) : directory_(directory) {
     port_ = ntohs(address.sin_port);
   ::close(probe);
   if (port_ == 0) return;
-  pid_ = spawn({"redis-server", "--port", std::to_string(port_), "--bind", "127.0.0.1", "--save",
-                "", "--appendonly", "no", "--dir", directory_},
-               directory_ + "/redis.out", directory_ + "/redis.err");
+  std::vector<std::string> args = {
+      "redis-server", "--port", std::to_string(port_), "--bind", "127.0.0.1",
+      "--save",       "",       "--appendonly",        "no",     "--dir",
+      directory_};
+  args.insert(args.end(), more.begin(), more.end());
+  pid_ = spawn(args, directory_ + "/redis.out", directory_ + "/redis.err");
   for (int i = 0; i < 100 && pid_ > 0 && !ready(); ++i) {
     if (redis_) redisFree(redis_);
     ::usleep(50000);

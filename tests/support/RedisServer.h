@@ -6,11 +6,13 @@
 #include <sys/types.h>
 
 #include <string>
+#include <vector>
 
 class RedisServer {
  public:
-  // Starts the server with its files in directory; ready() says whether it answered.
-  explicit RedisServer(const std::string& directory);
+  // Starts the server with its files in directory, and more of redis-server's options when given;
+  // ready() says whether it answered.
+  explicit RedisServer(const std::string& directory, const std::vector<std::string>& more = {});
   ~RedisServer();
   RedisServer(const RedisServer&) = delete;
   RedisServer& operator=(const RedisServer&) = delete;

@@ -31,21 +31,24 @@ Consumer Consumer::replica(const std::string& database) {
 }
 
 Consumer Consumer::redis(const std::string& address, const std::string& prefix) {
-  const std::size_t colon = address.rfind(':');
-  const std::string port = colon == std::string::npos ? "" : address.substr(colon + 1);
-  const bool digits = !port.empty() && port.size() <= 5 &&
-                      port.find_first_not_of("0123456789") == std::string::npos;
-  if (colon == 0 || !digits || std::stoi(port) < 1 || std::stoi(port) > 65535)
-    throw CLI::ValidationError("redis:" + address +
-                               " has no HOST:PORT with a port from 1 to 65535");
-  if (prefix.empty()) throw CLI::ValidationError("redis:" + address + "/ names no stream prefix");
   Consumer c;
+  try {
+    RedisSink::setAddress(c.redis_, address);
+  } catch (const std::invalid_argument& e) {
+    throw CLI::ValidationError("redis:" + std::string(e.what()));
+  }
+  if (prefix.empty()) throw CLI::ValidationError("redis:" + address + "/ names no stream prefix");
   c.kind_ = Kind::kRedis;
-  c.text_ = "redis:" + address + "/" + prefix;
-  c.target_ = address.substr(0, colon);
-  c.port_ = std::stoi(port);
-  c.prefix_ = prefix;
+  c.text_ = "redis:" + address + (c.redis_.socket.empty() ? "/" + prefix : "");
+  c.redis_.prefix = prefix;
   return c;
+}
+
+void Consumer::setLogins(const Credentials& firebird, const RedisSink::Options& redis) {
+  login_ = firebird;
+  redis_.user = redis.user;
+  redis_.password = redis.password;
+  redis_.database = redis.database;
 }
 
 Consumer Consumer::parse(const std::string& text) {
@@ -54,6 +57,7 @@ Consumer Consumer::parse(const std::string& text) {
   const std::string rest = colon == std::string::npos ? "" : text.substr(colon + 1);
   if (kind == "checkpoint") return checkpoint(rest);
   if (kind == "replica") return replica(rest);
+  if (kind == "redis" && rest.rfind("unix:", 0) == 0) return redis(rest, "fbcdc");
   if (kind == "redis") {
     // The prefix comes after the first slash: a host holds none, a prefix may.
     const std::size_t slash = rest.find('/');
@@ -73,7 +77,7 @@ FollowPosition Consumer::position() const {
       break;
     case Kind::kReplica:
       try {
-        Database db(target_, false);
+        Database db(target_, login_, false);
         // A replica nothing was applied to may lack the table: it has taken nothing. Reading
         // leaves it so, rather than make the table as an applier would.
         const bool applied = !db.texts(
@@ -95,11 +99,7 @@ FollowPosition Consumer::position() const {
         throw std::runtime_error(why);
       }
     case Kind::kRedis: {
-      RedisSink::Options o;
-      o.host = target_;
-      o.port = port_;
-      o.prefix = prefix_;
-      stored = RedisSink(o, EventFormat()).loadPosition();
+      stored = RedisSink(redis_, EventFormat()).loadPosition();
       break;
     }
   }

@@ -4,11 +4,14 @@
 //   checkpoint:FILE                 follow --checkpoint FILE
 //   replica:DB                      apply --database DB (a local path or host:path)
 //   redis:HOST:PORT[/PREFIX]        follow --sink redis --redis HOST:PORT --stream-prefix PREFIX
+//   redis:unix:PATH                 follow --sink redis --redis unix:PATH (the prefix fbcdc)
 #pragma once
 
 #include <string>
 
+#include "Credentials.h"
 #include "FollowPosition.h"
+#include "RedisSink.h"
 
 namespace fbcdc {
 
@@ -20,8 +23,12 @@ class Consumer {
   static Consumer parse(const std::string& text);
   static Consumer checkpoint(const std::string& file);
   static Consumer replica(const std::string& database);
-  // address is HOST:PORT; throws CLI::ValidationError when it is not.
+  // address is HOST:PORT or unix:PATH; throws CLI::ValidationError when it is not.
   static Consumer redis(const std::string& address, const std::string& prefix);
+
+  // Who the position is read as: a replica's database attached with firebird, Redis with the
+  // user, password and database of redis (its address is the consumer's own).
+  void setLogins(const Credentials& firebird, const RedisSink::Options& redis);
 
   Kind kind() const { return kind_; }
   // The consumer as the user names it, in the form parse reads.
@@ -34,9 +41,9 @@ class Consumer {
  private:
   Kind kind_ = Kind::kCheckpoint;
   std::string text_;
-  std::string target_;  // the file, the database, or the host
-  int port_ = 0;
-  std::string prefix_;
+  std::string target_;  // the file or the database
+  Credentials login_;
+  RedisSink::Options redis_;
 };
 
 }  // namespace fbcdc

@@ -2,6 +2,7 @@
 // or Redis Streams.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
@@ -19,6 +20,8 @@
 #include "KafkaSink.h"
 #include "LogDirectory.h"
 #include "LogFollower.h"
+#include "LoginOptions.h"
+#include "RedisLoginOptions.h"
 #include "RedisSink.h"
 #include "SnapshotStream.h"
 #include "StreamSink.h"
@@ -33,8 +36,10 @@ struct SinkArguments {
   std::string brokers;
   std::string topicPrefix = "fbcdc";
   std::vector<std::string> properties;
+  std::string propertyFile;
   std::vector<std::string> keys;
   std::string keysFrom;
+  LoginOptions login;  // for --keys-from
   bool tombstones = false;
   std::string largeValues = "fail";
   std::size_t maxMessageBytes = 1000000;
@@ -42,6 +47,7 @@ struct SinkArguments {
   std::string redis = "127.0.0.1:6379";
   std::string streamPrefix = "fbcdc";
   long long maxlen = 0;
+  RedisLoginOptions redisLogin;
 };
 
 // The sinks' own options, grouped by sink in the help; an option of one sink given with another is
@@ -58,7 +64,10 @@ void addSinkOptions(CLI::App& app, SinkArguments& a) {
   app.add_option("--topic-prefix", a.topicPrefix, "topics PREFIX.TABLE (default fbcdc)")
       ->type_name("PREFIX")
       ->group(kKafkaOptions);
-  app.add_option("-X", a.properties, "a librdkafka setting, passed through")
+  app.add_option("-F", a.propertyFile, "librdkafka settings, a KEY=VALUE a line")
+      ->type_name("FILE")
+      ->group(kKafkaOptions);
+  app.add_option("-X", a.properties, "a librdkafka setting, over -F's")
       ->type_name("KEY=VALUE")
       ->group(kKafkaOptions);
   app.add_option("--keys-from", a.keysFrom, "read the tables' primary keys from this database")
@@ -76,15 +85,17 @@ void addSinkOptions(CLI::App& app, SinkArguments& a) {
                              "the brokers' message limit (default 1000000)"),
               1, INT_MAX)
       ->group(kKafkaOptions);
-  app.add_option("--redis", a.redis, "the server (default 127.0.0.1:6379)")
-      ->type_name("HOST:PORT")
+  app.add_option("--redis", a.redis, "HOST:PORT or unix:PATH (default 127.0.0.1:6379)")
+      ->type_name("ADDRESS")
       ->group(kRedisOptions);
+  a.redisLogin.add(app, kRedisOptions);
   app.add_option("--stream-prefix", a.streamPrefix, "streams PREFIX:TABLE (default fbcdc)")
       ->type_name("PREFIX")
       ->group(kRedisOptions);
   wholeNumber(app.add_option("--maxlen", a.maxlen, "cap each stream at about N entries"), 0,
               LLONG_MAX)
       ->group(kRedisOptions);
+  a.login.add(app);
 }
 
 // Splits an option's value of the form "a<separator>b" (form names it for the user); throws
@@ -116,11 +127,19 @@ void checkSinkArguments(const CLI::App& app, const SinkArguments& a, const Outpu
   for (const std::string& p : a.properties) split(p, '=', "-X", "KEY=VALUE");
   for (const std::string& k : a.keys) split(k, '=', "--key", "TABLE=COL,...");
   if (a.sink == "redis") {
-    const std::string port = split(a.redis, ':', "--redis", "HOST:PORT").second;
-    const bool digits =
-        port.size() <= 5 && port.find_first_not_of("0123456789") == std::string::npos;
-    if (!digits || std::stoi(port) < 1 || std::stoi(port) > 65535)
-      throw CLI::ValidationError("--redis: " + a.redis + " has no port from 1 to 65535");
+    RedisSink::Options o;
+    try {
+      RedisSink::setAddress(o, a.redis);
+    } catch (const std::invalid_argument& e) {
+      throw CLI::ValidationError(std::string("--redis: ") + e.what());
+    }
+  }
+  if (!a.propertyFile.empty()) {
+    try {
+      KafkaSink::readProperties(a.propertyFile);
+    } catch (const std::invalid_argument& e) {
+      throw CLI::ValidationError(std::string("-F: ") + e.what());
+    }
   }
 }
 
@@ -137,9 +156,10 @@ std::string checkpointProblem(const std::string& path) {
 
 // The primary keys of the source's tables, for Kafka's message keys; a table without one maps to
 // no columns.
-std::map<std::string, std::vector<std::string>> keysFrom(const std::string& database) {
+std::map<std::string, std::vector<std::string>> keysFrom(const std::string& database,
+                                                         const Credentials& credentials) {
   try {
-    Database source(database, false);
+    Database source(database, credentials, false);
     return source.primaryKeys();
   } catch (const Firebird::FbException& e) {
     throw std::runtime_error("--keys-from " + database + ": " + Database::describe(e));
@@ -174,9 +194,17 @@ std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions&
     KafkaSink::Options o;
     o.brokers = a.brokers;
     o.topicPrefix = a.topicPrefix;
-    for (const std::string& p : a.properties)
-      o.properties.push_back(split(p, '=', "-X", "KEY=VALUE"));
-    if (!a.keysFrom.empty()) o.keys = keysFrom(a.keysFrom);
+    // The file's settings first: a -X setting of the same key comes later and wins.
+    if (!a.propertyFile.empty()) o.properties = KafkaSink::readProperties(a.propertyFile);
+    for (const std::string& p : a.properties) {
+      auto setting = split(p, '=', "-X", "KEY=VALUE");
+      // The file's value never reaches librdkafka: one it would refuse is no obstacle.
+      o.properties.erase(std::remove_if(o.properties.begin(), o.properties.end(),
+                                        [&](const auto& q) { return q.first == setting.first; }),
+                         o.properties.end());
+      o.properties.push_back(std::move(setting));
+    }
+    if (!a.keysFrom.empty()) o.keys = keysFrom(a.keysFrom, a.login.credentials());
     for (const std::string& k : a.keys) {
       const auto [table, columns] = split(k, '=', "--key", "TABLE=COL,...");
       std::stringstream in(columns);
@@ -204,9 +232,8 @@ std::unique_ptr<EventSink> makeSink(const SinkArguments& a, const OutputOptions&
   }
   if (a.sink == "redis") {
     RedisSink::Options o;
-    const auto [host, port] = split(a.redis, ':', "--redis", "HOST:PORT");
-    o.host = host;
-    o.port = std::stoi(port);
+    RedisSink::setAddress(o, a.redis);
+    a.redisLogin.applyTo(o);
     o.prefix = a.streamPrefix;
     o.maxlen = a.maxlen;
     return std::make_unique<RedisSink>(o, format);
@@ -283,8 +310,11 @@ int followCommand(int argc, char** argv) {
     std::unique_ptr<SnapshotStream> snapshot;
     SnapshotPosition snapshotPosition;
     if (!snapshotDir.empty()) snapshot = std::make_unique<SnapshotStream>(snapshotDir);
+    // A server that refuses to give the position (a login it wants, a key it does not let this
+    // user read) says so in its own words: that is no damage.
+    const std::string kept = sink->keepsPosition() ? sink->loadPosition() : std::string();
     try {
-      const std::string stored = sink->keepsPosition()     ? sink->loadPosition()
+      const std::string stored = sink->keepsPosition()     ? kept
                                  : !checkpointPath.empty() ? checkpoint.load()
                                                            : std::string();
       if (snapshot) {

@@ -12,6 +12,8 @@
 #include "Consumer.h"
 #include "LogDirectory.h"
 #include "LogPruner.h"
+#include "LoginOptions.h"
+#include "RedisLoginOptions.h"
 
 namespace fbcdc {
 
@@ -67,6 +69,10 @@ int pruneCommand(int argc, char** argv) {
   app.add_option("--keep-for", keepFor, "keep logs published within it")->type_name("DURATION");
   app.add_option("--archive", archive, "move the logs there, not remove them")->type_name("DIR");
   app.add_flag("--dry-run", dryRun, "list what would go, change nothing");
+  LoginOptions login;
+  login.add(app);
+  RedisLoginOptions redisLogin;
+  redisLogin.add(app, "Redis login (redis: consumers)");
   app.footer(
       "CONSUMER, a consumer of LOGDIR:\n"
       "  checkpoint:FILE         follow --checkpoint FILE\n"
@@ -86,6 +92,15 @@ int pruneCommand(int argc, char** argv) {
     if (!keepFor.empty()) options.keepFor = duration(keepFor);
   } catch (const CLI::ValidationError& e) {
     return refuse("prune", e.what());
+  }
+  try {
+    const Credentials credentials = login.credentials();
+    RedisSink::Options redisOptions;
+    redisLogin.applyTo(redisOptions);
+    for (Consumer& c : consumers) c.setLogins(credentials, redisOptions);
+  } catch (const std::runtime_error& e) {
+    complain("prune", e.what());
+    return kExitFailed;
   }
   options.archive = archive;
   options.dryRun = dryRun;

@@ -20,6 +20,7 @@
 #include "LogFollower.h"
 #include "LogName.h"
 #include "LogVerifier.h"
+#include "LoginOptions.h"
 #include "Progress.h"
 #include "PruneMark.h"
 #include "ReplicaApplier.h"
@@ -258,17 +259,20 @@ int captureCommand(int argc, char** argv) {
       ->type_name("FILE");
   app.add_option("--replica", replica, "also create this empty replica")->type_name("DB");
   addCaptureOptions(app, a);
+  LoginOptions login;
+  login.add(app);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
   if (a.output.empty() == a.options.configFile.empty())
     return refuse("capture", "give either --output or --config");
   try {
+    a.options.credentials = login.credentials();
     if (a.options.pluginLibrary.empty()) a.options.pluginLibrary = defaultPluginLibrary();
     if (!a.output.empty()) a.options.configFile = writeConfig(a.output);
     a.options.outputDirectory = a.output;
     a.options.progress = ::isatty(STDERR_FILENO);
     if (!replica.empty()) {
       bool created = false;
-      Database db(replica, true, &created);
+      Database db(replica, a.options.credentials, true, &created);
       if (created) Workload::createSchema(db);
     }
     return printSummary(CaptureDriver(a.options).run(),
@@ -306,6 +310,8 @@ int applyCommand(int argc, char** argv) {
   app.add_option("--snapshot", snapshotDir, "fill the empty replica from this snapshot first")
       ->type_name("SNAPDIR");
   app.add_option("LOG|DIR", paths, "logs, or directories of logs")->required();
+  LoginOptions login;
+  login.add(app);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
   if (follow && (paths.size() != 1 || !LogDirectory::isDirectory(paths[0])))
     return refuse("apply", "--follow takes exactly one directory");
@@ -351,12 +357,13 @@ int applyCommand(int argc, char** argv) {
     // half-made; the first attachment that meets it may fail on it where the next one finds it
     // whole or gone (and the applier makes it again). The replica is opened once more before such
     // a failure counts.
+    const Credentials credentials = login.credentials();
     std::unique_ptr<Database> replica;
     std::unique_ptr<ReplicaApplier> applier;
     for (int attempt = 0; !applier; ++attempt) {
       try {
         replica.reset();  // the failed attempt's attachment goes before the next one comes
-        replica = std::make_unique<Database>(database, false);
+        replica = std::make_unique<Database>(database, credentials, false);
         applier = std::make_unique<ReplicaApplier>(*replica, conflictsOf(conflicts));
       } catch (...) {
         if (attempt > 0) throw;
@@ -400,7 +407,10 @@ int applyCommand(int argc, char** argv) {
           static_cast<unsigned long long>(s.interchangeable));
     return kExitOk;
   } catch (const std::exception& e) {
-    complain("apply", e.what());
+    // One line that names the replica, whatever failed: the server's reason alone does not.
+    const std::string what = Database::oneLine(e.what());
+    complain("apply",
+             what.find(database) == std::string::npos ? "replica " + database + ": " + what : what);
     return kExitFailed;
   }
 }
@@ -418,10 +428,13 @@ int compareCommand(int argc, char** argv) {
   wholeNumber(
       app.add_option("--max-differences", maxDifferences, "differences to list (default 20)"), 0,
       LLONG_MAX);
+  LoginOptions login;
+  login.add(app);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
   try {
-    Database x(a, false);
-    Database y(b, false);
+    const Credentials credentials = login.credentials();
+    Database x(a, credentials, false);
+    Database y(b, credentials, false);
     const DatabaseComparer::Result r =
         DatabaseComparer::compare(x, y, {ReplicaApplier::kPositionTable}, maxDifferences);
     if (!r.equal) {
@@ -434,8 +447,11 @@ int compareCommand(int argc, char** argv) {
     std::printf("equal: %llu tables, %llu rows\n", static_cast<unsigned long long>(r.tables),
                 static_cast<unsigned long long>(r.rows));
     return kExitOk;
+  } catch (const Firebird::FbException& e) {
+    complain("compare", a + " and " + b + ": " + Database::oneLine(Database::describe(e)));
+    return kExitFailed;
   } catch (const std::exception& e) {
-    complain("compare", e.what());
+    complain("compare", Database::oneLine(e.what()));
     return kExitFailed;
   }
 }

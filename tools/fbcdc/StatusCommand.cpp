@@ -12,7 +12,9 @@
 #include "DirectoryStatus.h"
 #include "JsonOutput.h"
 #include "LogDirectory.h"
+#include "LoginOptions.h"
 #include "PruneMark.h"
+#include "RedisLoginOptions.h"
 
 namespace fbcdc {
 
@@ -235,8 +237,8 @@ int statusCommand(int argc, char** argv) {
   app.add_option("--checkpoint", checkpoints, "a follower's checkpoint file; repeatable")
       ->type_name("FILE");
   app.add_option("--replica", replicas, "a replica that apply fills; repeatable")->type_name("DB");
-  app.add_option("--redis", redis, "a follower into Redis there; repeatable")
-      ->type_name("HOST:PORT");
+  app.add_option("--redis", redis, "a follower into Redis at ADDRESS; repeatable")
+      ->type_name("ADDRESS");
   app.add_option("--stream-prefix", prefixes, "its prefix (default fbcdc), one per --redis")
       ->type_name("PREFIX");
   app.add_option("--consumer", consumerTexts, "a consumer as prune names it; repeatable")
@@ -246,6 +248,10 @@ int statusCommand(int argc, char** argv) {
   wholeNumber(app.add_option("--max-lag", maxLag, "exit status 1 when a consumer lags more"), 0,
               LLONG_MAX / 1000000000)
       ->type_name("SECONDS");
+  LoginOptions login;
+  login.add(app);
+  RedisLoginOptions redisLogin;
+  redisLogin.add(app, "Redis login (--redis, redis: consumers)");
   app.footer(
       "CONSUMER: checkpoint:FILE, replica:DB or redis:HOST:PORT/PREFIX\n"
       "(see fbcdc prune --help).");
@@ -265,6 +271,15 @@ int statusCommand(int argc, char** argv) {
     for (const std::string& s : consumerTexts) reports.emplace_back(Consumer::parse(s));
   } catch (const CLI::ValidationError& e) {
     return refuse("status", e.what());
+  }
+  try {
+    const Credentials credentials = login.credentials();
+    RedisSink::Options redisOptions;
+    redisLogin.applyTo(redisOptions);
+    for (Report& r : reports) r.consumer.setLogins(credentials, redisOptions);
+  } catch (const std::runtime_error& e) {
+    complain("status", e.what());
+    return kExitFailed;
   }
   if (!LogDirectory::isDirectory(directory)) {
     complain("status", directory + ": not a directory");

@@ -1,0 +1,294 @@
+// follow --sink redis (and status, prune) against a real redis-server that wants a login: the
+// default user's password (requirepass) from FBCDC_REDIS_PASSWORD or --redis-password-file, an
+// ACL user limited to the fbcdc keys and the commands the sink uses, a database other than 0, a
+// Unix socket, and TLS through a local stunnel tunnel to redis-server's own TLS port on a
+// certificate made here. A refused login is one line, exit status 1, and nothing written.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <hiredis/hiredis.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "PluginFixture.h"
+#include "Processes.h"
+#include "RedisServer.h"
+
+namespace {
+
+int freeLoopbackPort() {
+  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  int port = 0;
+  if (::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+      ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0)
+    port = ntohs(address.sin_port);
+  ::close(probe);
+  return port;
+}
+
+bool accepts(int port) {
+  const int s = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
+  const bool connected = ::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+  ::close(s);
+  return connected;
+}
+
+bool installed(const char* program) { return ::access(program, X_OK) == 0; }
+
+// A reply's text: a string, status or error as it is, an integer in decimal, an array's
+// elements one a line.
+std::string reply(redisContext* redis, const std::vector<std::string>& args) {
+  std::vector<const char*> argv;
+  std::vector<std::size_t> lengths;
+  for (const std::string& a : args) {
+    argv.push_back(a.data());
+    lengths.push_back(a.size());
+  }
+  auto* r = static_cast<redisReply*>(
+      redisCommandArgv(redis, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  if (!r) return "(no reply)";
+  std::string text;
+  if (r->type == REDIS_REPLY_INTEGER) text = std::to_string(r->integer);
+  if (r->str) text.assign(r->str, r->len);
+  for (std::size_t i = 0; i < r->elements; ++i)
+    text += std::string(r->element[i]->str, r->element[i]->len) + "\n";
+  freeReplyObject(r);
+  return text;
+}
+
+class RedisAuthTest : public PluginFixture {
+ protected:
+  void publishStatement(std::uint64_t number) {
+    ReplTransaction* t = begin(number);
+    ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = 1", 1));
+    ASSERT_EQ(0, t->commit(status));
+    t->dispose();
+  }
+
+  struct Outcome {
+    int status;
+    std::string out, err;
+  };
+  Outcome fbcdc(const std::vector<std::string>& environment, const std::vector<std::string>& args) {
+    std::vector<std::string> all = {"/usr/bin/env", "-u", "FBCDC_REDIS_PASSWORD"};
+    all.insert(all.end(), environment.begin(), environment.end());
+    all.push_back(FBCDC_CLI_PATH);
+    all.insert(all.end(), args.begin(), args.end());
+    const int status = waitFor(spawn(all, dir / "out.txt", dir / "err.txt"));
+    return {status, readText(dir / "out.txt"), readText(dir / "err.txt")};
+  }
+
+  // Makes a certificate authority and a certificate for 127.0.0.1 and localhost signed by it;
+  // false when openssl failed.
+  bool makeCertificates() {
+    const std::string d = dir.path();
+    writeFile(d + "san.ext", "subjectAltName=IP:127.0.0.1,DNS:localhost\n");
+    const std::vector<std::vector<std::string>> steps = {
+        {"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", d + "ca.key",
+         "-out", d + "ca.crt", "-days", "2", "-subj", "/CN=fbcdc test CA"},
+        {"openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", d + "redis.key", "-out",
+         d + "redis.csr", "-subj", "/CN=localhost"},
+        {"openssl", "x509", "-req", "-in", d + "redis.csr", "-CA", d + "ca.crt", "-CAkey",
+         d + "ca.key", "-CAcreateserial", "-out", d + "redis.crt", "-days", "2", "-extfile",
+         d + "san.ext"},
+    };
+    for (const auto& step : steps)
+      if (waitFor(spawn(step, d + "openssl.out", d + "openssl.err")) != 0) return false;
+    return true;
+  }
+};
+
+}  // namespace
+
+TEST_F(RedisAuthTest, PasswordAclUserDatabaseSocketAndTls) {
+  for (const char* tool : {"/usr/bin/openssl", "/usr/bin/stunnel4"})
+    if (!installed(tool)) GTEST_SKIP() << tool << " is not installed: no TLS server to test with";
+  ASSERT_TRUE(makeCertificates()) << readText(dir / "openssl.err");
+  const int tlsPort = freeLoopbackPort();
+  const std::string socket = dir / "redis.sock";
+  RedisServer server(
+      dir.path(), {"--requirepass", "server-pw", "--unixsocket", socket, "--unixsocketperm", "700",
+                   "--tls-port", std::to_string(tlsPort), "--tls-cert-file", dir / "redis.crt",
+                   "--tls-key-file", dir / "redis.key", "--tls-ca-cert-file", dir / "ca.crt",
+                   "--tls-auth-clients", "no"});
+  ASSERT_TRUE(server.ready()) << "redis-server did not start: " << server.errors();
+  redisContext* redis = server.context();
+  ASSERT_EQ("OK", reply(redis, {"AUTH", "server-pw"}));
+  // The commands the sink sends, and those its script calls; keys under fbcdc only.
+  ASSERT_EQ("OK", reply(redis, {"ACL", "SETUSER", "fbcdc", "on", ">fbcdc-pw", "~fbcdc*",
+                                "resetchannels", "-@all", "+type", "+get", "+set", "+xadd", "+eval",
+                                "+evalsha", "+script|load", "+select", "+auth"}));
+
+  // A local tunnel: plain TCP on a loopback port, TLS to the server, its certificate checked.
+  const int tunnelPort = freeLoopbackPort();
+  writeFile(dir / "stunnel.conf",
+            "foreground = yes\npid =\n[redis]\nclient = yes\naccept = 127.0.0.1:" +
+                std::to_string(tunnelPort) + "\nconnect = 127.0.0.1:" + std::to_string(tlsPort) +
+                "\nCAfile = " + dir / "ca.crt" + "\nverifyChain = yes\ncheckHost = localhost\n");
+  const pid_t tunnel =
+      spawn({"/usr/bin/stunnel4", dir / "stunnel.conf"}, dir / "stunnel.out", dir / "stunnel.err");
+  for (int i = 0; i < 100 && !accepts(tunnelPort); ++i) ::usleep(50000);
+
+  writeFile(dir / "server.pw", "server-pw\n");
+  writeFile(dir / "fbcdc.pw", "fbcdc-pw\n");
+  writeFile(dir / "wrong.pw", "wrong\n");
+  for (const char* f : {"server.pw", "fbcdc.pw", "wrong.pw"}) ::chmod((dir / f).c_str(), 0600);
+  publishStatement(1);
+
+  const std::string tcp = server.address();
+  const std::string tunnelled = "127.0.0.1:" + std::to_string(tunnelPort);
+  const std::string wrongPass = "WRONGPASS invalid username-password pair or user is disabled.\n";
+  const struct {
+    const char* name;
+    std::vector<std::string> environment, options;
+    std::string prefix;
+    int database;
+    int status;
+    std::string err;  // the whole of stderr
+  } cases[] = {
+      {"the default user's password from FBCDC_REDIS_PASSWORD",
+       {"FBCDC_REDIS_PASSWORD=server-pw"},
+       {"--redis", tcp},
+       "fbcdc1",
+       0,
+       0,
+       ""},
+      {"the default user's password from a file",
+       {},
+       {"--redis", tcp, "--redis-password-file", dir / "server.pw"},
+       "fbcdc2",
+       0,
+       0,
+       ""},
+      {"the ACL user",
+       {},
+       {"--redis", tcp, "--redis-user", "fbcdc", "--redis-password-file", dir / "fbcdc.pw"},
+       "fbcdc3",
+       0,
+       0,
+       ""},
+      {"the ACL user in database 3",
+       {"FBCDC_REDIS_PASSWORD=fbcdc-pw"},
+       {"--redis", tcp, "--redis-user", "fbcdc", "--redis-db", "3"},
+       "fbcdc4",
+       3,
+       0,
+       ""},
+      {"a Unix socket",
+       {"FBCDC_REDIS_PASSWORD=server-pw"},
+       {"--redis", "unix:" + socket},
+       "fbcdc5",
+       0,
+       0,
+       ""},
+      {"TLS through the tunnel",
+       {"FBCDC_REDIS_PASSWORD=fbcdc-pw"},
+       {"--redis", tunnelled, "--redis-user", "fbcdc"},
+       "fbcdc6",
+       0,
+       0,
+       ""},
+      {"a wrong password",
+       {},
+       {"--redis", tcp, "--redis-password-file", dir / "wrong.pw"},
+       "fbcdc7",
+       0,
+       1,
+       "fbcdc follow: Redis at " + tcp + " refused AUTH: " + wrongPass},
+      {"the ACL user with the default user's password",
+       {"FBCDC_REDIS_PASSWORD=server-pw"},
+       {"--redis", "unix:" + socket, "--redis-user", "fbcdc"},
+       "fbcdc8",
+       0,
+       1,
+       "fbcdc follow: Redis at unix:" + socket + " refused AUTH: " + wrongPass},
+      {"no password",
+       {},
+       {"--redis", tcp},
+       "fbcdc9",
+       0,
+       1,
+       "fbcdc follow: Redis: NOAUTH Authentication required.\n"},
+      {"the ACL user outside its keys",
+       {"FBCDC_REDIS_PASSWORD=fbcdc-pw"},
+       {"--redis", tcp, "--redis-user", "fbcdc"},
+       "other",
+       0,
+       1,
+       "fbcdc follow: Redis: NOPERM this user has no permissions to access one of the keys used "
+       "as arguments\n"},
+      {"a database the server does not have",
+       {"FBCDC_REDIS_PASSWORD=server-pw"},
+       {"--redis", tcp, "--redis-db", "99"},
+       "fbcdc10",
+       99,
+       1,
+       "fbcdc follow: Redis at " + tcp + " refused SELECT 99: ERR DB index is out of range\n"},
+      {"the TLS port without the tunnel",
+       {"FBCDC_REDIS_PASSWORD=server-pw"},
+       {"--redis", "127.0.0.1:" + std::to_string(tlsPort)},
+       "fbcdc11",
+       0,
+       1,
+       ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::vector<std::string> args = {"follow",          logs,    "--once", "--sink", "redis",
+                                     "--stream-prefix", c.prefix};
+    args.insert(args.end(), c.options.begin(), c.options.end());
+    const Outcome r = fbcdc(c.environment, args);
+    EXPECT_EQ(c.status, r.status) << r.err;
+    if (c.status == 0 || !c.err.empty()) {
+      EXPECT_EQ(c.err, r.err);
+    }
+    EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n') + (c.status == 0)) << r.err;
+    // What reached Redis, in every database the server has: the log and its position, in the
+    // database asked for, or nothing at all.
+    for (int db = 0; db < 16; ++db) {
+      ASSERT_EQ("OK", reply(redis, {"SELECT", std::to_string(db)}));
+      const std::string keys = reply(redis, {"KEYS", c.prefix + "*"});
+      if (c.status == 0 && db == c.database) {
+        EXPECT_EQ(c.prefix + ".checkpoint\n" + c.prefix + ":transaction\n" == keys ||
+                      c.prefix + ":transaction\n" + c.prefix + ".checkpoint\n" == keys,
+                  true)
+            << "database " << db << ": " << keys;
+        EXPECT_NE(std::string::npos,
+                  reply(redis, {"GET", c.prefix + ".checkpoint"}).find("_0000000000000001.fbl"));
+      } else {
+        EXPECT_EQ("", keys) << "database " << db;
+      }
+    }
+    ASSERT_EQ("OK", reply(redis, {"SELECT", "0"}));
+  }
+
+  // status and prune read the position as the same logins.
+  const Outcome status =
+      fbcdc({"FBCDC_REDIS_PASSWORD=fbcdc-pw"},
+            {"status", logs, "--redis", tcp, "--stream-prefix", "fbcdc3", "--redis-user", "fbcdc"});
+  EXPECT_EQ(0, status.status) << status.err;
+  EXPECT_NE(std::string::npos, status.out.find("_0000000000000001.fbl")) << status.out;
+  const Outcome refused =
+      fbcdc({}, {"status", logs, "--redis", tcp, "--stream-prefix", "fbcdc3", "--redis-user",
+                 "fbcdc", "--redis-password-file", dir / "wrong.pw"});
+  EXPECT_EQ(1, refused.status);
+  EXPECT_NE(std::string::npos, refused.out.find("refused AUTH: WRONGPASS")) << refused.out;
+  const Outcome prune = fbcdc({"FBCDC_REDIS_PASSWORD=server-pw"},
+                              {"prune", logs, "--consumer", "redis:unix:" + socket, "--dry-run"});
+  EXPECT_EQ(0, prune.status) << prune.err;
+  stop(tunnel, SIGTERM);
+}
