@@ -276,14 +276,18 @@ TEST(SnapshotTest, BoundaryContainsExactlyWhatWasRead) {
     later.commit();
 
     EXPECT_EQ(m.waits, summary.paused);
-    if (m.waits) EXPECT_GE(summary.drainSeconds, 0.5);
+    if (m.waits) {
+      EXPECT_GE(summary.drainSeconds, 0.5);
+    }
     EXPECT_GE(summary.pauseSeconds, summary.drainSeconds);
     const auto manifest = SnapshotManifest::load(dir / "snap");
     ASSERT_TRUE(manifest);
     const std::vector<std::string> rows = decodeAll(manifest->chunkFiles(dir / "snap"));
     ASSERT_EQ(m.waits ? 2u : 1u, rows.size());
     EXPECT_THAT(rows[0], ::testing::StartsWith("I|T|ID:absent>long scale 0 1|"));
-    if (m.waits) EXPECT_THAT(rows[1], ::testing::StartsWith("I|T|ID:absent>long scale 0 2|"));
+    if (m.waits) {
+      EXPECT_THAT(rows[1], ::testing::StartsWith("I|T|ID:absent>long scale 0 2|"));
+    }
     struct Case {
       const char* what;
       std::uint64_t transaction;
