@@ -200,12 +200,19 @@ void KafkaSink::event(const ChangeEvent& e) {
     produce(options_.topicPrefix + ".transaction", std::to_string(log_.transaction), line.data(),
             line.size());
   } else {
-    const std::string topic = options_.topicPrefix + "." + std::string(e.relation);
-    const std::string key = keyOf(e);
-    produce(topic, key, line.data(), line.size());
-    if (options_.tombstones && e.kind == ChangeEvent::Kind::kDelete &&
-        keyedByColumns(e.relation))
-      produce(topic, key, nullptr, 0);
+    // A log's events mostly come from one table after another: the topic, and the key of a table
+    // keyed by its name, are made once per run of events of the same table, not once per event.
+    if (e.relation != lastTable_ || topic_.empty()) {
+      lastTable_.assign(e.relation);
+      topic_ = options_.topicPrefix + "." + lastTable_;
+      lastKeyedByColumns_ = keyedByColumns(e.relation);
+      nameKey_ = lastKeyedByColumns_ ? std::string() : keyOf(e);
+    }
+    const std::string key = lastKeyedByColumns_ ? keyOf(e) : std::string();
+    const std::string& k = lastKeyedByColumns_ ? key : nameKey_;
+    produce(topic_, k, line.data(), line.size());
+    if (options_.tombstones && e.kind == ChangeEvent::Kind::kDelete && lastKeyedByColumns_)
+      produce(topic_, k, nullptr, 0);
   }
   writer_.clear();
 }

@@ -79,5 +79,10 @@ class KafkaSink : public EventSink {
   std::size_t failures_ = 0;
   std::string firstFailure_;
   std::string keyBuffer_;
+  // The table of the last event, its topic, and its key when it is keyed by its name.
+  std::string lastTable_;
+  std::string topic_;
+  std::string nameKey_;
+  bool lastKeyedByColumns_ = false;
   std::map<std::string, bool, std::less<>> keyedByName_;
 };
