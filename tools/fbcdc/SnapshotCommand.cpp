@@ -6,6 +6,7 @@
 
 #include "Command.h"
 #include "Database.h"
+#include "LoginOptions.h"
 #include "SnapshotWriter.h"
 
 namespace fbcdc {
@@ -38,6 +39,8 @@ int snapshotCommand(int argc, char** argv) {
   app.add_option("--tables", tables, "the tables to read (default: all)")->type_name("T,...");
   wholeNumber(app.add_option("--chunk-rows", chunkRows, "rows per snapshot file (default 100000)"),
               1, 1000000000);
+  LoginOptions login;
+  login.add(app);
   if (const int status = parse(app, argc, argv); status >= 0) return status;
 
   SnapshotOptions options;
@@ -51,7 +54,7 @@ int snapshotCommand(int argc, char** argv) {
   }
 
   try {
-    Database db(database, false);
+    Database db(database, login.credentials(), false);
     SnapshotWriter writer(db, options);
     const bool terminal = ::isatty(STDERR_FILENO);
     const SnapshotSummary s = writer.run([&](const SnapshotProgress& p) {
