@@ -67,7 +67,10 @@ bool copyInto(const std::string& from, const std::string& to) {
     problem = what;
     error = errno;
   };
-  const int out = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  // The copy keeps the log's own permissions: its rows are no more readable in the archive.
+  struct stat st {};
+  const mode_t mode = ::fstat(in, &st) == 0 ? (st.st_mode & 0777) : 0600;
+  const int out = ::open(partial.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (out < 0) failed("cannot create " + partial);
   char buffer[65536];
   while (problem.empty()) {
