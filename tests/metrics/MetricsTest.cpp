@@ -155,18 +155,13 @@ TEST(MetricsAddressTest, LoopbackUnlessAHostIsNamed) {
   } cases[] = {
       {"9187", "127.0.0.1:9187"},
       {":9187", "127.0.0.1:9187"},
-      {"0", "127.0.0.1:0"},
-      {"0.0.0.0:9187", "0.0.0.0:9187"},
-      {"10.1.2.3:65535", "10.1.2.3:65535"},
+      {"0.0.0.0:65535", "0.0.0.0:65535"},
       {"localhost:09187", "localhost:9187"},
       {"[::1]:9187", "[::1]:9187"},
       {"", ""},
-      {":", ""},
       {"host:", ""},
       {"65536", ""},
-      {"127.0.0.1:123456", ""},
       {"127.0.0.1:-1", ""},
-      {"127.0.0.1:http", ""},
       {"::1:9187", ""},
       {"[::1:9187", ""},
       {"a b:9187", ""},
@@ -379,53 +374,47 @@ TEST_F(MetricsTest, RefusalsAndLevels) {
   const std::string replica = dir / "replica.fdb";
   struct stat st {};
   const struct {
-    std::vector<std::string> args;
+    const char* args;  // L: the logs' directory, R: a replica
     int status;
-    const char* err;  // a regular expression for stderr's first line
-    const char* log;  // FBCDC_LOG, or "journal-stream": JOURNAL_STREAM naming stderr
+    const char* err;     // a regular expression for stderr's first line
+    const char* log;     // FBCDC_LOG
+    const char* stream;  // JOURNAL_STREAM; "stderr": the device and inode of stderr
   } cases[] = {
-      {{"follow", logs, "--prune"},
-       2,
-       "^fbcdc follow: --prune needs a kept position: --checkpoint or --sink redis \\(see",
+      {"follow L --prune", 2,
+       "^fbcdc follow: --prune needs a kept position: --checkpoint or --sink redis \\(see", "", ""},
+      {"follow L --metrics 127.0.0.1:99999", 2, "^fbcdc follow: --metrics: 127", "", ""},
+      {"apply --database R --metrics :0 L", 2, "^fbcdc apply: --metrics is for apply --follow", "",
        ""},
-      {{"follow", logs, "--metrics", "127.0.0.1:99999"}, 2, "^fbcdc follow: --metrics: 127", ""},
-      {{"apply", "--database", replica, "--metrics", ":0", logs},
-       2,
-       "^fbcdc apply: --metrics is for apply --follow",
+      {"apply --database R --prune L L", 2, "^fbcdc apply: --prune takes exactly one directory", "",
        ""},
-      {{"apply", "--database", replica, "--prune", logs, logs},
-       2,
-       "^fbcdc apply: --prune takes exactly one directory",
-       ""},
-      // Levels: the journal's prefix, a time and a word, or nothing.
-      {{"follow", logs, "--prune"}, 2, "^<3>fbcdc follow: --prune needs", "journal"},
-      {{"follow", logs, "--prune"}, 2, "^<3>fbcdc follow: --prune needs", "journal-stream"},
-      {{"follow", logs, "--prune"},
-       2,
+      // Levels: the journal's prefix, a time and a word, or nothing; a JOURNAL_STREAM naming
+      // another file is not stderr's.
+      {"follow L --prune", 2, "^<3>fbcdc follow: --prune needs", "journal", ""},
+      {"follow L --prune", 2, "^<3>fbcdc follow: --prune needs", "", "stderr"},
+      {"follow L --prune", 2, "^fbcdc follow: --prune needs", "", "1:1"},
+      {"follow L --prune", 2,
        "^20[0-9]{2}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}Z error fbcdc "
        "follow: --prune needs",
-       "time"},
-      {{"follow", logs, "--once", "--metrics", "0"},
-       0,
-       "^<6>fbcdc follow: metrics of follow:",
-       "journal"},
-      {{"follow", logs, "--once", "--metrics", "0"},
-       0,
-       "^fbcdc follow: metrics of follow:",
-       "plain"},
+       "time", ""},
+      {"follow L --once --metrics 0", 0, "^<6>fbcdc follow: metrics of follow:", "journal", ""},
+      {"follow L --once --metrics 0", 0, "^fbcdc follow: metrics of follow:", "plain", ""},
   };
+  ::unsetenv("FBCDC_LOG");
+  ::unsetenv("JOURNAL_STREAM");
   for (const auto& c : cases) {
     const std::string err = dir / "err.txt";
     writeFile(err, "");
     ::stat(err.c_str(), &st);
-    ::unsetenv("FBCDC_LOG");
-    ::unsetenv("JOURNAL_STREAM");
-    if (std::string(c.log) == "journal-stream")
-      ::setenv("JOURNAL_STREAM",
-               (std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino)).c_str(), 1);
-    else if (*c.log)
-      ::setenv("FBCDC_LOG", c.log, 1);
-    EXPECT_EQ(c.status, waitFor(start(c.args, dir / "out.txt", err))) << c.args[2];
+    const std::string stream = std::string(c.stream) == "stderr"
+                                   ? std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino)
+                                   : c.stream;
+    if (*c.log) ::setenv("FBCDC_LOG", c.log, 1);
+    if (!stream.empty()) ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    std::vector<std::string> args;
+    std::istringstream in(c.args);
+    for (std::string word; in >> word;)
+      args.push_back(word == "L" ? logs : word == "R" ? replica : word);
+    EXPECT_EQ(c.status, waitFor(start(args, dir / "out.txt", err))) << c.args;
     ::unsetenv("FBCDC_LOG");
     ::unsetenv("JOURNAL_STREAM");
     const std::string text = readText(err);
@@ -433,11 +422,6 @@ TEST_F(MetricsTest, RefusalsAndLevels) {
         << c.err << "\n"
         << text;
   }
-  // JOURNAL_STREAM naming another file is not stderr's: plain lines.
-  ::setenv("JOURNAL_STREAM", "1:1", 1);
-  EXPECT_EQ(2, waitFor(start({"follow", logs, "--prune"}, dir / "out.txt", dir / "err.txt")));
-  ::unsetenv("JOURNAL_STREAM");
-  EXPECT_THAT(readText(dir / "err.txt"), ::testing::StartsWith("fbcdc follow: --prune"));
 }
 
 }  // namespace
