@@ -886,7 +886,8 @@ bool ReplicaApplier::settle(const std::vector<LogFile>& logs, std::size_t first,
   // Each trial runs in a savepoint of its depth, so that a trial that fails, or an order that
   // leads nowhere, is undone alone.
   const std::string savepoint = "FBCDC_ORDER_" + std::to_string(depth);
-  for (std::size_t c = next; c < taken.size(); ++c) {
+  // The first log has failed as published already: the search begins with the others.
+  for (std::size_t c = next + (depth == 0 ? 1 : 0); c < taken.size(); ++c) {
     const LogFile& log = logs[first + c];
     const bool ahead = c != next;
     if (ahead && (log.fromName || log.publishedAt - logs[first + next].publishedAt > kOrderWindow))

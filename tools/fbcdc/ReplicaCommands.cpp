@@ -178,10 +178,17 @@ ReplicaApplier::Summary applyLogs(ReplicaApplier& applier, std::vector<LogFile>&
         ::clock_gettime(CLOCK_REALTIME, &now);
         const std::int64_t left = end - (now.tv_sec * std::int64_t{1000000000} + now.tv_nsec);
         if (left < 0) break;
-        ::usleep(static_cast<useconds_t>(left / 1000 + 1));
+        // A clock behind the file system's (a stepped clock, a file server's) waits no longer
+        // than the window itself.
+        ::usleep(static_cast<useconds_t>(std::min(left, ReplicaApplier::kOrderWindow) / 1000 + 1));
+        if (left <= ReplicaApplier::kOrderWindow) continue;
+        break;
       }
+      // A settled read: one made while renames go on may miss a log renamed early in it and
+      // return one renamed later, which would then carry the position past the one it missed.
       const LogFile last = list.back();
-      for (const LogFile& log : LogDirectory::list(directory))
+      for (const LogFile& log :
+           LogDirectory::list(directory, LogDirectory::Which::kPublished, true))
         if (last < log && log.publishedAt <= end && !takenAhead.count(log.name) &&
             !position.isDone(log))
           list.push_back(log);
@@ -193,7 +200,7 @@ ReplicaApplier::Summary applyLogs(ReplicaApplier& applier, std::vector<LogFile>&
     std::size_t n = 0;
     const auto work = [&] { n = applier.applyNext(list, i, at, later(i)); };
     if (upkeep)
-      upkeep->apply(applier, list[i], waiting, work);
+      upkeep->apply(applier, LogFile(list[i]), waiting, work);  // a copy: work may grow list
     else
       work();
     return n;
