@@ -1,7 +1,7 @@
-// Capture and replay on real databases: captured workloads applied to a replica, also by an applier
-// killed halfway, leave it equal to the source; logs of one second apply in the order of
-// publication; conflicts (a row missing, or differing from the log's old values) stop the applier
-// or are resolved as asked; compare lists the differences.
+// Capture and replay on real databases: captured workloads, also under hot rows, applied to a
+// replica, also by an applier killed halfway, leave it equal to the source; logs of one second
+// apply in the order of publication; conflicts (a row missing, or differing from the log's old
+// values) stop the applier or are resolved as asked; compare lists the differences.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,6 +9,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <map>
 #include <random>
 #include <sstream>
 #include <tuple>
@@ -16,7 +17,9 @@
 #include "CaptureDriver.h"
 #include "DatabaseComparer.h"
 #include "EmbeddedDatabase.h"
+#include "EventDescription.h"
 #include "LiteralRow.h"
+#include "LogDecoder.h"
 #include "LogDirectory.h"
 #include "LogName.h"
 #include "PluginFixture.h"
@@ -28,26 +31,6 @@
 
 namespace {
 
-// Captures a workload into dir/logs from dir/source.fdb, with an empty replica dir/replica.fdb.
-CaptureSummary capture(const TempDir& dir, std::uint64_t seed, int threads,
-                       std::uint64_t transactions, std::size_t maxBlob) {
-  {
-    Database replica(dir / "replica.fdb", true);
-    Workload::createSchema(replica);
-  }
-  writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
-  CaptureOptions o;
-  o.database = dir / "source.fdb";
-  o.pluginLibrary = FBCDC_PLUGIN_PATH;
-  o.configFile = dir / "plugin.conf";
-  o.outputDirectory = dir / "logs";
-  o.seed = seed;
-  o.threads = threads;
-  o.transactions = transactions;
-  o.maxBlob = maxBlob;
-  return CaptureDriver(o).run();
-}
-
 ReplicaApplier::Summary applyAll(const TempDir& dir, ReplicaApplier::Conflicts conflicts,
                                  std::string* warnings = nullptr) {
   return applyDirectory(dir / "replica.fdb", dir / "logs", conflicts, warnings);
@@ -57,19 +40,75 @@ std::string difference(const TempDir& dir) {
   return differenceBetween(dir / "source.fdb", dir / "replica.fdb");
 }
 
+// A hot row's values as a log carries them, one string per state of the row: all but the blobs and
+// the array, whose old values a log does not carry (and which hot-row updates do not set).
+std::string state(const FieldList& fields, bool after) {
+  std::string out;
+  for (const FieldChange& f : fields)
+    if (f.name != "DOC" && f.name != "RAW" && f.name != "GRID")
+      out += std::string(f.name) + '=' + describe(after ? f.after : f.before) + '\n';
+  return out;
+}
+
+// Under hot rows shared by every thread, each update's old image is the row as the commit before
+// it left it: per hot row, its inserted state and each update's new state, less each update's old
+// state, leave in a chain of updates only the last state, once. An old image read before the last
+// commit's change shows as a state taken twice.
+void expectUpdateChains(const std::string& directory, int hotRows) {
+  std::map<std::int64_t, std::map<std::string, int>> states;
+  int updates = 0;
+  for (const LogFile& log : LogDirectory::list(directory)) {
+    LogDecoder decoder;
+    decoder.open(log.path);
+    for (const ChangeEvent* e = &decoder.next(); e->kind != ChangeEvent::Kind::kEnd;
+         e = &decoder.next()) {
+      if (e->relation != "ITEMS" || e->kind == ChangeEvent::Kind::kSql) continue;
+      const bool insert = e->kind == ChangeEvent::Kind::kInsert;
+      const std::int64_t id = (insert ? e->fields[0].after : e->fields[0].before).integer;
+      if (id > hotRows) continue;
+      std::map<std::string, int>& row = states[id];
+      if (!insert) --row[state(e->fields, false)], ++updates;
+      ++row[state(e->fields, true)];
+    }
+  }
+  EXPECT_EQ(static_cast<std::size_t>(hotRows), states.size());
+  EXPECT_GT(updates, 40);
+  for (const auto& [id, counts] : states) {
+    int left = 0;
+    for (const auto& [values, count] : counts) {
+      EXPECT_GE(count, 0) << "hot row " << id << ": an old image that no commit left:\n" << values;
+      left += count;
+    }
+    EXPECT_EQ(1, left) << "hot row " << id;
+  }
+}
+
+// Captured workloads, also with hot rows that every thread updates, apply to an equal replica in
+// whatever order their logs were published, and once.
 TEST(ReplicaTest, CapturedWorkloadsApplyToAnEqualReplica) {
-  // Seed, threads, transactions, largest blob.
-  const std::tuple<std::uint64_t, int, std::uint64_t, std::size_t> cases[] = {
-      {1, 1, 120, 64 << 10}, {2, 3, 150, 256 << 10}, {3, 2, 60, 5 << 20}};
-  for (const auto& [seed, threads, transactions, maxBlob] : cases) {
-    SCOPED_TRACE("seed " + std::to_string(seed));
+  // Seed, threads, transactions, largest blob, hot rows.
+  const std::tuple<std::uint64_t, int, std::uint64_t, std::size_t, int> cases[] = {
+      {1, 1, 120, 64 << 10, 0},
+      {2, 3, 150, 256 << 10, 0},
+      {3, 2, 60, 5 << 20, 0},
+      {1, 4, 160, 64 << 10, 2},
+      {2, 8, 160, 64 << 10, 3}};
+  for (const auto& [seed, threads, transactions, maxBlob, hotRows] : cases) {
+    SCOPED_TRACE("seed " + std::to_string(seed) + ", hot rows " + std::to_string(hotRows));
     TempDir dir;
-    const CaptureSummary captured = capture(dir, seed, threads, transactions, maxBlob);
+    CaptureOptions o = captureInto(dir, seed, threads, transactions, maxBlob);
+    o.pluginLibrary = FBCDC_PLUGIN_PATH;
+    o.hotRows = hotRows;
+    const CaptureSummary captured = CaptureDriver(o).run();
     EXPECT_GT(captured.rolledBack, 0u) << "whole transactions rolled back";
     std::size_t multiBlock = 0;
     for (const LogFile& log : LogDirectory::list(dir / "logs"))
       multiBlock += readFile(log.path).size() > 32768;
     EXPECT_GT(multiBlock, 3u);
+    if (hotRows) {
+      EXPECT_EQ(0u, captured.conflicts) << "hot rows are locked in one order";
+      expectUpdateChains(dir / "logs", hotRows);
+    }
     const ReplicaApplier::Summary applied = applyAll(dir, ReplicaApplier::Conflicts::kError);
     EXPECT_EQ(captured.rows, applied.rows);
     EXPECT_EQ(captured.statements, applied.statements);
@@ -88,7 +127,9 @@ TEST(ReplicaTest, CapturedWorkloadsApplyToAnEqualReplica) {
 // it here, however the applier kept its position.
 TEST(ReplicaTest, ApplierKilledHalfwayAndRunAgain) {
   TempDir dir;
-  capture(dir, 11, 2, 150, 0);
+  CaptureOptions o = captureInto(dir, 11, 2, 150, 0);
+  o.pluginLibrary = FBCDC_PLUGIN_PATH;
+  CaptureDriver(o).run();
   std::mt19937 random(11);
   for (int run = 0;; ++run) {
     const pid_t pid =
@@ -313,12 +354,8 @@ TEST_F(ApplyCases, ConflictsStopOrAreResolved) {
       error = e.what();
     }
     EXPECT_THAT(outcome == 'E' ? error : warnings, ::testing::HasSubstr(text));
-    if (outcome != 'E') {
-      EXPECT_EQ("", error);
-    }
-    if (outcome == 'E') {
-      EXPECT_THAT(error, ::testing::HasSubstr("log 0000")) << "names the log";
-    }
+    EXPECT_THAT(error, ::testing::HasSubstr(outcome == 'E' ? "log 0000" : "")) << "names the log";
+    EXPECT_EQ(outcome == 'E', !error.empty()) << error;
     EXPECT_EQ(outcome == 'W' ? 1u : 0u, resolved);
     EXPECT_EQ(table == std::string("BAG") && outcome == '-' ? 1u : 0u, interchangeable);
     EXPECT_EQ(expectedRows, rows(table == std::string("BAG") ? "BAG" : "T"));
@@ -456,17 +493,23 @@ TEST_F(ApplyCases, PositionTableLeftUnfinished) {
   }
 }
 
-// Two appliers that read one position never both apply the next log: whether the second's
-// transaction starts after the first's commit (it finds the position moved) or before it (the
-// engine reports the conflict), its work is undone. A log that increments a value shows a double.
-TEST_F(ApplyCases, TwoAppliersNeverApplyOneLogTwice) {
-  for (const bool overlapping : {false, true}) {
-    SCOPED_TRACE(overlapping ? "overlapping transactions" : "one after the other");
+// A log that increments a value applies once, a double or a gap shows. Two appliers that read one
+// position never both apply it: whether the second's transaction starts after the first's commit
+// (it finds the position moved) or before it (the engine reports the conflict), its work is
+// undone. Each transaction the applier commits holds one log's changes and that log's position,
+// or neither: a trigger refusing the position's write, or the change's, leaves both out, and the
+// next run applies the log once.
+TEST_F(ApplyCases, ALogAppliesOnceWithItsPosition) {
+  const auto increment = [&](std::uint64_t number) {
     clearLogs();
-    ReplTransaction* t = begin(overlapping ? 2 : 1);
+    ReplTransaction* t = begin(number);
     ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = V + 1", 1));
     ASSERT_EQ(0, t->commit(status));
     t->dispose();
+  };
+  for (const bool overlapping : {false, true}) {
+    SCOPED_TRACE(overlapping ? "overlapping transactions" : "one after the other");
+    increment(overlapping ? 2 : 1);
     const LogFile log = LogDirectory::list(logs).at(0);
     Database a(dir / "replica.fdb", false), b(dir / "replica.fdb", false);
     ReplicaApplier first(a, ReplicaApplier::Conflicts::kError);
@@ -475,29 +518,11 @@ TEST_F(ApplyCases, TwoAppliersNeverApplyOneLogTwice) {
     p1.advance(log);
     p2.advance(log);
     if (overlapping) b.transaction();  // its snapshot is taken before the first's commit
-    const std::string before = rows();
     first.apply(log, p1);
     EXPECT_THROW(second.apply(log, p2), ApplyError);
-    std::int32_t id = 0, v = 0;
-    std::sscanf(before.c_str(), "%d=%d", &id, &v);
-    EXPECT_EQ(std::to_string(id) + "=" + std::to_string(v + 1) + " ", rows()) << "applied once";
+    EXPECT_EQ(overlapping ? "1=12 " : "1=11 ", rows()) << "applied once";
   }
-}
-
-// Each transaction the applier commits holds one log's changes and that log's position, or
-// neither: a trigger of the replica that refuses the position's write, or the change's, leaves both
-// out, and the next run applies the log once. The log increments a value, so a double or a gap
-// shows.
-TEST_F(ApplyCases, ALogAndItsPositionCommitTogether) {
-  ReplTransaction* t = begin(1);
-  ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = V + 1", 1));
-  ASSERT_EQ(0, t->commit(status));
-  t->dispose();
-  {
-    Database replica(dir / "replica.fdb", false);
-    ReplicaApplier applier(replica, ReplicaApplier::Conflicts::kError);  // makes its table
-  }
-  const std::string before = rows();
+  increment(3);
   Database(dir / "replica.fdb", false).executeAlone("CREATE EXCEPTION REFUSED 'refused'");
   for (const char* table : {"FBCDC_APPLIED", "T"}) {
     SCOPED_TRACE(table);
@@ -505,14 +530,12 @@ TEST_F(ApplyCases, ALogAndItsPositionCommitTogether) {
         .executeAlone(std::string("CREATE TRIGGER REFUSE FOR ") + table +
                       " BEFORE UPDATE AS BEGIN EXCEPTION REFUSED; END");
     EXPECT_THROW(applyAll(dir, ReplicaApplier::Conflicts::kError), ApplyError);
-    EXPECT_EQ(before, rows()) << "nothing of the log without its position";
+    EXPECT_EQ("1=12 ", rows()) << "nothing of the log without its position";
     Database(dir / "replica.fdb", false).executeAlone("DROP TRIGGER REFUSE");
   }
   EXPECT_EQ(1u, applyAll(dir, ReplicaApplier::Conflicts::kError).logs);
   EXPECT_EQ(0u, applyAll(dir, ReplicaApplier::Conflicts::kError).logs);
-  std::int32_t id = 0, v = 0;
-  std::sscanf(before.c_str(), "%d=%d", &id, &v);
-  EXPECT_EQ(std::to_string(id) + "=" + std::to_string(v + 1) + " ", rows()) << "applied once";
+  EXPECT_EQ("1=13 ", rows()) << "applied once";
 }
 
 // The position names every log of one publication time, however many: a directory copied from

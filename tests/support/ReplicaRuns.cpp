@@ -6,6 +6,7 @@
 
 #include "DatabaseComparer.h"
 #include "LogDirectory.h"
+#include "Workload.h"
 
 ReplicaApplier::Summary applyDirectory(const std::string& replicaPath, const std::string& directory,
                                        ReplicaApplier::Conflicts conflicts, std::string* warnings) {
@@ -32,4 +33,22 @@ std::string differenceBetween(const std::string& sourcePath, const std::string& 
   } catch (const Firebird::FbException& e) {
     return "comparing failed: " + Database::describe(e);
   }
+}
+
+CaptureOptions captureInto(const TempDir& dir, std::uint64_t seed, int threads,
+                           std::uint64_t transactions, std::size_t maxBlob) {
+  {
+    Database replica(dir / "replica.fdb", true);
+    Workload::createSchema(replica);
+  }
+  writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
+  CaptureOptions o;
+  o.database = dir / "source.fdb";
+  o.configFile = dir / "plugin.conf";
+  o.outputDirectory = dir / "logs";
+  o.seed = seed;
+  o.threads = threads;
+  o.transactions = transactions;
+  o.maxBlob = maxBlob;
+  return o;
 }
