@@ -18,6 +18,7 @@
 #include "Message.h"
 #include "Processes.h"
 #include "ReplicaApplier.h"
+#include "SnapshotApplier.h"
 #include "SnapshotName.h"
 #include "SnapshotStream.h"
 #include "SnapshotWriter.h"
@@ -129,28 +130,15 @@ SnapshotSummary snapshot(const std::string& database, const std::string& output,
   return SnapshotWriter(db, o).run();
 }
 
-// The snapshot's chunks applied as logs into a replica with the source's schema, compared.
+// The snapshot applied into a replica with the source's schema, compared with the source.
 std::string replicaDifference(const TempDir& dir, const std::string& output) {
   const std::string replicaPath = dir / ("replica-" + std::to_string(::rand()) + ".fdb");
   {
     Database replica(replicaPath, true);
     makeSchema(replica);
     ReplicaApplier applier(replica, ReplicaApplier::Conflicts::kError);
-    const auto manifest = SnapshotManifest::load(output);
-    // Each chunk under a log's name of its own, for the position the applier stores.
-    FollowPosition position = applier.position();
-    std::uint64_t n = 0;
-    for (const std::string& file : manifest->chunkFiles(output)) {
-      LogFile log;
-      log.path = file;
-      char name[64];
-      std::snprintf(name, sizeof name, "%016llx_%016llx.fbl", 0ULL,
-                    static_cast<unsigned long long>(++n));
-      log.name = name;
-      log.publishedAt = static_cast<std::int64_t>(n);
-      position.advance(log);
-      applier.apply(log, position);
-    }
+    const SnapshotStream stream(output);
+    SnapshotApplier(replica, applier, stream).applyRows();
   }
   Database source(dir / "source.fdb", false);
   Database replica(replicaPath, false);
