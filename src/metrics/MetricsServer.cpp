@@ -5,11 +5,13 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <prometheus/text_serializer.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <sstream>
 #include <stdexcept>
@@ -106,11 +108,21 @@ void MetricsServer::serve() {
 
 void MetricsServer::answer(int client) const {
   // The request's head, up to its blank line.
+  // One deadline for the whole request and a send timeout for the reply, and a stop wakes the
+  // wait: a client that trickles its bytes or never reads holds neither the scrapes after it nor
+  // the consumer's shutdown for longer than that.
   std::string request;
   char buffer[1024];
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(kRequestMillis);
+  const timeval sendLimit{kRequestMillis / 1000, (kRequestMillis % 1000) * 1000};
+  ::setsockopt(client, SOL_SOCKET, SO_SNDTIMEO, &sendLimit, sizeof sendLimit);
   while (request.find("\r\n\r\n") == std::string::npos && request.size() < kRequestBytes) {
-    pollfd fd = {client, POLLIN, 0};
-    if (::poll(&fd, 1, kRequestMillis) <= 0) return;
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (left.count() <= 0) return;
+    pollfd fds[2] = {{client, POLLIN, 0}, {stop_[0], POLLIN, 0}};
+    if (::poll(fds, 2, static_cast<int>(left.count())) <= 0 || fds[1].revents) return;
     const ssize_t n = ::recv(client, buffer, sizeof buffer, 0);
     if (n <= 0) return;
     request.append(buffer, static_cast<std::size_t>(n));

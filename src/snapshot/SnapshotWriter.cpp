@@ -180,6 +180,19 @@ SnapshotSummary SnapshotWriter::run(const ProgressFn& progress) {
   } closer{dirFd_};
   dirSlash_ = options_.output + "/";
 
+  // The boundary lists the open transactions, and MON$TRANSACTIONS shows other users' only to
+  // an administrator or the database's owner: another login would miss a writer's transaction
+  // and count its changes as read when they are not.
+  const auto who = db_.texts(
+      "SELECT CAST(TRIM(CURRENT_USER) AS VARCHAR(63) CHARACTER SET UTF8), "
+      "CAST(TRIM(COALESCE(CURRENT_ROLE, '')) AS VARCHAR(63) CHARACTER SET UTF8), "
+      "CAST(TRIM(MON$OWNER) AS VARCHAR(63) CHARACTER SET UTF8) FROM MON$DATABASE");
+  db_.commit();
+  if (who.empty() || (who[0][0] != "SYSDBA" && who[0][1] != "RDB$ADMIN" && who[0][0] != who[0][2]))
+    throw std::runtime_error(
+        "the snapshot's boundary needs every open transaction, which only SYSDBA, the database's "
+        "owner or the role RDB$ADMIN can see; " +
+        (who.empty() ? std::string("the login") : who[0][0]) + " is none of them");
   SnapshotSummary summary;
   SnapshotManifest manifest = plan();
   db_.commit();  // what plan read; no transaction of this attachment stays open across the pause
