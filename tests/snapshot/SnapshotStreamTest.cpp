@@ -128,9 +128,7 @@ TEST_F(SnapshotBetweenWorkloads, FollowSendsEveryRowThenExactlyTheChangesNotCont
   for (int run = 0;; ++run) {
     const pid_t pid = spawn(follow, "/dev/null", dir / "err.txt");
     ASSERT_GT(pid, 0);
-    // From a few milliseconds up: once a run has finished, the next ones have nothing to do, so
-    // the first kills must land before any run can finish, on an idle machine too.
-    if (run < 6) ::usleep(random() % (3000 + 15000 * run));
+    if (run < 6) ::usleep(2000 + random() % 20000);
     const int status = run < 6 ? stop(pid, SIGKILL) : waitFor(pid);
     if (status == -1) {
       ++killed;
