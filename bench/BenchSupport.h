@@ -5,6 +5,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "IReplPlugin.h"
@@ -67,6 +68,27 @@ class InTurns {
  private:
   double seconds_[2] = {0, 0};
   bool swapped_ = false;
+};
+
+// The same for three or more pieces of work: each begins a round in its turn.
+template <int N>
+class Rotation {
+ public:
+  void round(const std::function<void()> (&work)[N]) {
+    for (int k = 0; k < N; ++k) {
+      const int i = (first_ + k) % N;
+      const auto start = std::chrono::steady_clock::now();
+      work[i]();
+      seconds_[i] +=
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    }
+    first_ = (first_ + 1) % N;
+  }
+  double seconds(int i) const { return seconds_[i]; }
+
+ private:
+  double seconds_[N] = {};
+  int first_ = 0;
 };
 
 // How long a pair timed in turns runs at least: three seconds at full size, where a target is

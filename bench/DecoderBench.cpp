@@ -324,22 +324,13 @@ void DumpProcessAgainstLimits(benchmark::State& state) {
     dumpCpu += seconds(after) - seconds(before);
   };
   const std::function<void()> work[3] = {dump, decode, writeAll};
-  double seconds[3] = {0, 0, 0};
-  int first = 0;
-  for (auto _ : state) {
-    for (int k = 0; k < 3; ++k) {
-      const int i = (first + k) % 3;
-      const auto start = std::chrono::steady_clock::now();
-      work[i]();
-      seconds[i] += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    }
-    first = (first + 1) % 3;
-  }
+  bench::Rotation<3> turns;
+  for (auto _ : state) turns.round(work);
   ::close(null);
   const double events = static_cast<double>(l.events) * static_cast<double>(state.iterations());
-  state.counters["dump_events_per_second"] = events / seconds[0];
-  state.counters["decode_events_per_second"] = events / seconds[1];
-  state.counters["write_events_per_second"] = events / seconds[2];
+  state.counters["dump_events_per_second"] = events / turns.seconds(0);
+  state.counters["decode_events_per_second"] = events / turns.seconds(1);
+  state.counters["write_events_per_second"] = events / turns.seconds(2);
   state.counters["dump_events_per_cpu_second"] = events / dumpCpu;
   state.counters["output_bytes_per_event"] =
       static_cast<double>(l.rendered.size()) / static_cast<double>(l.events);

@@ -213,22 +213,13 @@ void RedisSinkAgainstPipeline(benchmark::State& state) {
                                          },
                                          [&] { pipelineXadds(c, messages, true); },
                                          [&] { pipelineXadds(c, messages, false); }};
-  double seconds[3] = {0, 0, 0};
-  int first = 0;
-  for (auto _ : state) {
-    for (int k = 0; k < 3; ++k) {
-      const int i = (first + k) % 3;
-      const auto start = std::chrono::steady_clock::now();
-      work[i]();
-      seconds[i] += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    }
-    first = (first + 1) % 3;
-  }
+  bench::Rotation<3> turns;
+  for (auto _ : state) turns.round(work);
   const double events =
       static_cast<double>(messages.size()) * static_cast<double>(state.iterations());
-  state.counters["sink_events_per_second"] = events / seconds[0];
-  state.counters["multi_events_per_second"] = events / seconds[1];
-  state.counters["pipelined_events_per_second"] = events / seconds[2];
+  state.counters["sink_events_per_second"] = events / turns.seconds(0);
+  state.counters["multi_events_per_second"] = events / turns.seconds(1);
+  state.counters["pipelined_events_per_second"] = events / turns.seconds(2);
 }
 
 }  // namespace
