@@ -12,6 +12,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 
@@ -33,18 +34,17 @@ const char* const kFirebirdVariables[] = {
 // the file output. The child dies with the test process, so that a crashed test leaves no server.
 pid_t launch(const std::vector<std::string>& args, const std::vector<std::string>& variables,
              const std::string& output) {
-  std::vector<std::string> environment;
-  for (char** e = environ; *e; ++e) {
-    bool ours = false;
-    for (const char* name : kFirebirdVariables)
-      if (std::strncmp(*e, name, std::strlen(name)) == 0) ours = true;
-    if (!ours) environment.emplace_back(*e);
-  }
-  environment.insert(environment.end(), variables.begin(), variables.end());
   std::vector<char*> argv, envp;
   for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  for (char** e = environ; *e; ++e) {
+    const auto ours = [e](const char* name) {
+      return std::strncmp(*e, name, std::strlen(name)) == 0;
+    };
+    if (std::none_of(std::begin(kFirebirdVariables), std::end(kFirebirdVariables), ours))
+      envp.push_back(*e);
+  }
+  for (const std::string& v : variables) envp.push_back(const_cast<char*>(v.c_str()));
   argv.push_back(nullptr);
-  for (const std::string& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
   envp.push_back(nullptr);
   const pid_t parent = ::getpid();
   const pid_t pid = ::fork();
@@ -60,21 +60,6 @@ pid_t launch(const std::vector<std::string>& args, const std::vector<std::string
   }
   ::execve(argv[0], argv.data(), envp.data());
   ::_exit(127);
-}
-
-int freeLoopbackPort() {
-  // The kernel's choice for a socket bound to port 0.
-  int port = 0;
-  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port = ntohs(address.sin_port);
-  ::close(probe);
-  return port;
 }
 
 bool accepts(int port) {
@@ -104,7 +89,7 @@ FirebirdServer::FirebirdServer(const std::string& directory, const std::string& 
     return;
   }
   if (!prepareRoot(root)) return;
-  port_ = freeLoopbackPort();
+  port_ = loopbackPort();
   if (port_ == 0) {
     why_ = "no free loopback port";
     return;

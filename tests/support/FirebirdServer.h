@@ -25,7 +25,6 @@ class FirebirdServer {
   bool ready() const { return why_.empty(); }
   // Why the server could not be started or did not answer; "" when it runs.
   const std::string& why() const { return why_; }
-  int port() const { return port_; }
   // The connection string of the database file path on this server.
   std::string database(const std::string& path) const;
   const std::string& password() const { return password_; }

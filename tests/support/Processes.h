@@ -14,3 +14,6 @@ int waitFor(pid_t pid);
 // Sends signal to pid (never to a pid that spawn did not return) and waits for it, as waitFor; a
 // process still running a minute later is a test failure, killed, and gives -2.
 int stop(pid_t pid, int signal);
+// A free loopback port for a server the test starts (the kernel's choice for a socket bound to
+// port 0), or 0 when there is none.
+int loopbackPort();

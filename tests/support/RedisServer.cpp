@@ -1,9 +1,6 @@
 #include "RedisServer.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include "Processes.h"
@@ -11,16 +8,7 @@
 
 RedisServer::RedisServer(const std::string& directory, const std::vector<std::string>& more)
     : directory_(directory) {
-  // A free loopback port: the kernel's choice for a socket bound to port 0.
-  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  if (::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port_ = ntohs(address.sin_port);
-  ::close(probe);
+  port_ = loopbackPort();
   if (port_ == 0) return;
   std::vector<std::string> args = {
       "redis-server", "--port", std::to_string(port_), "--bind", "127.0.0.1",
