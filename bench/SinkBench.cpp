@@ -52,20 +52,32 @@ void DumpToFile(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * eventsOf(log));
 }
 
+// librdkafka's mock cluster of one broker, and the sink's options to reach it.
+struct MockKafka {
+  MockKafka() {
+    char error[512];
+    host = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), error, sizeof error);
+    cluster = rd_kafka_mock_cluster_new(host, 1);
+    options.brokers = rd_kafka_mock_cluster_bootstraps(cluster);
+    options.properties = {{"linger.ms", "5"}, {"log_level", "3"}};
+  }
+  ~MockKafka() {
+    rd_kafka_mock_cluster_destroy(cluster);
+    rd_kafka_destroy(host);
+  }
+  rd_kafka_t* host = nullptr;
+  rd_kafka_mock_cluster_t* cluster = nullptr;
+  KafkaSink::Options options;
+};
+
 void KafkaMockCluster(benchmark::State& state) {
   const LogFile& log = sinkLog();
-  char error[512];
-  rd_kafka_t* host = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), error, sizeof error);
-  rd_kafka_mock_cluster_t* cluster = rd_kafka_mock_cluster_new(host, 1);
-  KafkaSink::Options o;
-  o.brokers = rd_kafka_mock_cluster_bootstraps(cluster);
-  o.properties = {{"linger.ms", "5"}, {"log_level", "3"}};
+  MockKafka kafka;
+  const KafkaSink::Options& o = kafka.options;
   {
     KafkaSink sink(o, EventFormat());
     for (auto _ : state) sink.send(log);
   }
-  rd_kafka_mock_cluster_destroy(cluster);
-  rd_kafka_destroy(host);
   state.SetItemsProcessed(state.iterations() * eventsOf(log));
 }
 
@@ -133,15 +145,12 @@ std::vector<Message> messagesOf(const LogFile& log, const std::string& separator
 void KafkaSinkAgainstProducer(benchmark::State& state) {
   const LogFile& log = sinkLog();
   const std::vector<Message> messages = messagesOf(log, ".");
-  char error[512];
-  rd_kafka_t* host = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), error, sizeof error);
-  rd_kafka_mock_cluster_t* cluster = rd_kafka_mock_cluster_new(host, 1);
-  KafkaSink::Options o;
-  o.brokers = rd_kafka_mock_cluster_bootstraps(cluster);
-  o.properties = {{"linger.ms", "5"}, {"log_level", "3"}};
+  MockKafka kafka;
+  const KafkaSink::Options& o = kafka.options;
   {
     KafkaSink sink(o, EventFormat());
     // The same settings in the same order as the sink sets them.
+    char error[512];
     rd_kafka_conf_t* conf = rd_kafka_conf_new();
     const std::pair<std::string, std::string> settings[] = {
         {"bootstrap.servers", o.brokers},
@@ -174,8 +183,6 @@ void KafkaSinkAgainstProducer(benchmark::State& state) {
     state.counters["sink_events_per_second"] = events / turns.firstSeconds();
     state.counters["producer_events_per_second"] = events / turns.secondSeconds();
   }
-  rd_kafka_mock_cluster_destroy(cluster);
-  rd_kafka_destroy(host);
 }
 
 // Sends the messages as XADDs (capped as the sink caps them) pipelined through one connection,
