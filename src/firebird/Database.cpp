@@ -82,6 +82,13 @@ Database::~Database() {
   rawStatus_->dispose();
 }
 
+void Database::rollbackQuietly(Firebird::ITransaction* t) {
+  Firebird::IStatus* status = Firebird::fb_get_master_interface()->getStatus();
+  Firebird::CheckStatusWrapper quiet(status);
+  t->rollback(&quiet);
+  status->dispose();
+}
+
 std::string Database::describe(const Firebird::FbException& e) {
   char text[2048];
   Firebird::fb_get_master_interface()->getUtilInterface()->formatStatus(text, sizeof text,
@@ -142,10 +149,7 @@ void Database::executeAlone(const std::string& sql) {
   } catch (const Firebird::FbException& e) {
     // The failure that counts is the statement's; the rollback's own is only reported by it.
     const std::string text = describe(e);
-    Firebird::IStatus* other = master_->getStatus();
-    Firebird::CheckStatusWrapper quiet(other);
-    t->rollback(&quiet);
-    other->dispose();
+    rollbackQuietly(t);
     throw std::runtime_error(sql.substr(0, 60) + "...: " + text);
   }
 }
@@ -215,8 +219,8 @@ std::vector<std::string> Database::primaryKey(std::string_view table) {
 
 std::map<std::string, std::vector<std::string>> Database::primaryKeys() {
   std::map<std::string, std::vector<std::string>> keys;
-  for (auto& row : texts(std::string(kPrimaryKeys) +
-                         " ORDER BY R.RDB$RELATION_NAME, S.RDB$FIELD_POSITION")) {
+  for (auto& row :
+       texts(std::string(kPrimaryKeys) + " ORDER BY R.RDB$RELATION_NAME, S.RDB$FIELD_POSITION")) {
     std::vector<std::string>& columns = keys[row[0]];
     if (!row[1].empty()) columns.push_back(std::move(row[1]));
   }

@@ -68,6 +68,9 @@ class Database {
   void drop();
 
   static std::string describe(const Firebird::FbException& e);
+  // Rolls t back where another failure is being reported: the rollback's own failure, if any,
+  // would only hide it.
+  static void rollbackQuietly(Firebird::ITransaction* t);
   // A failure's text on one line: the server's parts (one a line, the later ones after "-")
   // joined by ": ".
   static std::string oneLine(const std::string& text);

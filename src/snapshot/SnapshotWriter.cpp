@@ -272,11 +272,7 @@ SnapshotSummary SnapshotWriter::run(const ProgressFn& progress) {
       reader = nullptr;
     }
   } catch (...) {
-    if (reader) {
-      OwnedStatus quiet;
-      Firebird::CheckStatusWrapper w(quiet.status);
-      reader->rollback(&w);
-    }
+    if (reader) Database::rollbackQuietly(reader);
     throw;
   }
   manifest.complete = true;
@@ -386,9 +382,7 @@ Firebird::ITransaction* SnapshotWriter::startUnpaused(std::uint64_t& own,
     activeBefore = numbers(db_, before, kActive);
     before->commit(db_.status());
   } catch (...) {
-    OwnedStatus quiet;
-    Firebird::CheckStatusWrapper w(quiet.status);
-    before->rollback(&w);
+    Database::rollbackQuietly(before);
     throw;
   }
   const unsigned char tpb[] = {isc_tpb_version3, isc_tpb_concurrency, isc_tpb_read, isc_tpb_wait};
@@ -397,9 +391,7 @@ Firebird::ITransaction* SnapshotWriter::startUnpaused(std::uint64_t& own,
     own = numbers(db_, reader, kOwnNumber).at(0);
     active = numbers(db_, reader, kActive);
   } catch (...) {
-    OwnedStatus quiet;
-    Firebird::CheckStatusWrapper w(quiet.status);
-    reader->rollback(&w);
+    Database::rollbackQuietly(reader);
     throw;
   }
   // A transaction active before that is no longer active now, or one that began in between and
@@ -415,9 +407,7 @@ Firebird::ITransaction* SnapshotWriter::startUnpaused(std::uint64_t& own,
   for (std::uint64_t t = lookNumber + 1; exact && t < own; ++t)
     if (!activeNow(t)) exact = false;
   if (exact) return reader;
-  OwnedStatus quiet;
-  Firebird::CheckStatusWrapper w(quiet.status);
-  reader->rollback(&w);
+  Database::rollbackQuietly(reader);
   return nullptr;
 }
 
@@ -466,10 +456,8 @@ Firebird::ITransaction* SnapshotWriter::startPaused(const std::string& reserving
     active = numbers(db_, reader, kActive);
     hold->commit(db_.status());
   } catch (...) {
-    OwnedStatus quiet;
-    Firebird::CheckStatusWrapper w(quiet.status);
-    hold->rollback(&w);
-    if (reader) reader->rollback(&w);
+    Database::rollbackQuietly(hold);
+    if (reader) Database::rollbackQuietly(reader);
     throw;
   }
   summary.pauseSeconds = since(asked);

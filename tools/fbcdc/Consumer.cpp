@@ -12,22 +12,23 @@
 
 namespace fbcdc {
 
-Consumer Consumer::checkpoint(const std::string& file) {
-  if (file.empty()) throw CLI::ValidationError("checkpoint: names no file");
+Consumer Consumer::named(Kind kind, const char* prefix, const std::string& target) {
+  if (target.empty())
+    throw CLI::ValidationError(std::string(prefix) + ": names no " +
+                               (kind == Kind::kCheckpoint ? "file" : "database"));
   Consumer c;
-  c.kind_ = Kind::kCheckpoint;
-  c.text_ = "checkpoint:" + file;
-  c.target_ = file;
+  c.kind_ = kind;
+  c.text_ = prefix + (":" + target);
+  c.target_ = target;
   return c;
 }
 
+Consumer Consumer::checkpoint(const std::string& file) {
+  return named(Kind::kCheckpoint, "checkpoint", file);
+}
+
 Consumer Consumer::replica(const std::string& database) {
-  if (database.empty()) throw CLI::ValidationError("replica: names no database");
-  Consumer c;
-  c.kind_ = Kind::kReplica;
-  c.text_ = "replica:" + database;
-  c.target_ = database;
-  return c;
+  return named(Kind::kReplica, "replica", database);
 }
 
 Consumer Consumer::redis(const std::string& address, const std::string& prefix) {

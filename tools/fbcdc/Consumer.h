@@ -39,6 +39,9 @@ class Consumer {
   FollowPosition position() const;
 
  private:
+  // A consumer named by a file or a database: "KIND:TARGET".
+  static Consumer named(Kind kind, const char* prefix, const std::string& target);
+
   Kind kind_ = Kind::kCheckpoint;
   std::string text_;
   std::string target_;  // the file or the database
