@@ -3,12 +3,9 @@
 // ACL user limited to the fbcdc keys and the commands the sink uses, a database other than 0, a
 // Unix socket, and TLS through a local stunnel tunnel to redis-server's own TLS port on a
 // certificate made here. A refused login is one line, exit status 1, and nothing written.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,28 +18,6 @@
 #include "RedisServer.h"
 
 namespace {
-
-int freeLoopbackPort() {
-  const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  int port = 0;
-  if (::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
-      ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0)
-    port = ntohs(address.sin_port);
-  ::close(probe);
-  return port;
-}
-
-// Whether something answers on the loopback port.
-bool accepts(int port) {
-  redisContext* c = redisConnect("127.0.0.1", port);
-  const bool connected = c && !c->err;
-  if (c) redisFree(c);
-  return connected;
-}
 
 bool installed(const char* program) { return ::access(program, X_OK) == 0; }
 
@@ -115,7 +90,7 @@ TEST_F(RedisAuthTest, PasswordAclUserDatabaseSocketAndTls) {
   for (const char* tool : {"/usr/bin/openssl", "/usr/bin/stunnel4"})
     if (!installed(tool)) GTEST_SKIP() << tool << " is not installed: no TLS server to test with";
   ASSERT_TRUE(makeCertificates()) << readText(dir / "openssl.err");
-  const int tlsPort = freeLoopbackPort();
+  const int tlsPort = loopbackPort();
   const std::string socket = dir / "redis.sock";
   RedisServer server(
       dir.path(), {"--requirepass", "server-pw", "--unixsocket", socket, "--unixsocketperm", "700",
@@ -131,14 +106,14 @@ TEST_F(RedisAuthTest, PasswordAclUserDatabaseSocketAndTls) {
                                 "+evalsha", "+script|load", "+select", "+auth"}));
 
   // A local tunnel: plain TCP on a loopback port, TLS to the server, its certificate checked.
-  const int tunnelPort = freeLoopbackPort();
+  const int tunnelPort = loopbackPort();
   writeFile(dir / "stunnel.conf",
             "foreground = yes\npid =\n[redis]\nclient = yes\naccept = 127.0.0.1:" +
                 std::to_string(tunnelPort) + "\nconnect = 127.0.0.1:" + std::to_string(tlsPort) +
                 "\nCAfile = " + dir / "ca.crt" + "\nverifyChain = yes\ncheckHost = localhost\n");
   const pid_t tunnel =
       spawn({"/usr/bin/stunnel4", dir / "stunnel.conf"}, dir / "stunnel.out", dir / "stunnel.err");
-  for (int i = 0; i < 100 && !accepts(tunnelPort); ++i) ::usleep(50000);
+  for (int i = 0; i < 100 && !loopbackAccepts(tunnelPort); ++i) ::usleep(50000);
 
   writeFile(dir / "server.pw", "server-pw\n");
   writeFile(dir / "fbcdc.pw", "fbcdc-pw\n");

@@ -1,13 +1,10 @@
 #include "FirebirdServer.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <firebird/Interface.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -62,17 +59,6 @@ pid_t launch(const std::vector<std::string>& args, const std::vector<std::string
   ::_exit(127);
 }
 
-bool accepts(int port) {
-  const int s = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<std::uint16_t>(port));
-  const bool connected = ::connect(s, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-  ::close(s);
-  return connected;
-}
-
 std::string sqlString(const std::string& text) {
   std::string q = "'";
   for (const char c : text) q += c == '\'' ? std::string("''") : std::string(1, c);
@@ -113,7 +99,7 @@ FirebirdServer::FirebirdServer(const std::string& directory, const std::string& 
   }
   pid_ = launch({kBinary}, variables, directory_ + "firebird.err");
   for (int i = 0; i < 400 && pid_ > 0; ++i) {
-    if (accepts(port_)) return;
+    if (loopbackAccepts(port_)) return;
     int status = 0;
     if (::waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
@@ -171,7 +157,7 @@ void FirebirdServer::stop() {
       pid_ = -1;
       return;
     }
-    accepts(port_);
+    loopbackAccepts(port_);
     ::usleep(100000);
   }
   ::kill(pid_, SIGKILL);

@@ -17,3 +17,5 @@ int stop(pid_t pid, int signal);
 // A free loopback port for a server the test starts (the kernel's choice for a socket bound to
 // port 0), or 0 when there is none.
 int loopbackPort();
+// Whether something accepts a connection on the loopback port.
+bool loopbackAccepts(int port);
