@@ -19,6 +19,8 @@
 #include "IReplPlugin.h"
 #include "IReplTransaction.h"
 #include "LogDirectory.h"
+#include "PluginCallTimes.h"
+#include "TimedAttachment.h"
 #include "Workload.h"
 
 namespace {
@@ -45,7 +47,8 @@ std::uint64_t transactionNumber(Database& db, Firebird::ITransaction* transactio
   return number;
 }
 
-// Hands a transaction's changes to the plugin, timing every call into it.
+// Hands a transaction's changes to the plugin, timing every call into it; the plugin reads blobs
+// through an attachment that times them as server calls.
 class PluginTransaction : public Workload::Listener {
  public:
   PluginTransaction(Firebird::IReplTransaction* t, Firebird::IAttachment* attachment,
@@ -53,16 +56,16 @@ class PluginTransaction : public Workload::Listener {
       : t_(t), attachment_(attachment), transaction_(transaction), status_(status) {}
 
   void inserted(Firebird::IReplRecord* row) override {
-    check(timed([&] { return t_->insertRecord(status_, attachment_, transaction_, row); }));
+    check(timed([&] { return t_->insertRecord(status_, &attachment_, transaction_, row); }));
     ++rows;
   }
   void updated(Firebird::IReplRecord* oldRow, Firebird::IReplRecord* newRow) override {
     check(timed(
-        [&] { return t_->updateRecord(status_, attachment_, transaction_, oldRow, newRow); }));
+        [&] { return t_->updateRecord(status_, &attachment_, transaction_, oldRow, newRow); }));
     ++rows;
   }
   void deleted(Firebird::IReplRecord* row) override {
-    check(timed([&] { return t_->deleteRecord(status_, attachment_, transaction_, row); }));
+    check(timed([&] { return t_->deleteRecord(status_, &attachment_, transaction_, row); }));
     ++rows;
   }
   void statement(const std::string& sql, std::int64_t number) override {
@@ -100,10 +103,8 @@ class PluginTransaction : public Workload::Listener {
 
   template <typename Call>
   std::int32_t timed(Call call) {
-    const auto start = Clock::now();
-    const std::int32_t result = call();
-    pluginTime += Clock::now() - start;
-    return result;
+    PluginCallTimes::InPlugin inside;
+    return call();
   }
   void check(std::int32_t result) {
     if (result != 0) throw std::runtime_error("the plugin failed: " + statusText(status_));
@@ -111,7 +112,6 @@ class PluginTransaction : public Workload::Listener {
 
   std::uint64_t rows = 0;
   std::uint64_t statements = 0;
-  Clock::duration pluginTime{};
 
  private:
   Firebird::IReplTransaction* t_;
@@ -119,7 +119,7 @@ class PluginTransaction : public Workload::Listener {
     int number;
     std::uint64_t rows, statements;
   };
-  Firebird::IAttachment* attachment_;
+  TimedAttachment attachment_;
   Firebird::ITransaction* transaction_;
   Firebird::IStatus* status_;
   std::vector<Savepoint> savepoints_;
@@ -239,14 +239,16 @@ CaptureSummary CaptureDriver::run() {
   // to commit. A transaction ended by a lock conflict is rolled back and counted, like one rolled
   // back on purpose; any other failure is thrown.
   auto play = [&](Database& db, Workload& workload, bool hot, Firebird::IStatus* st,
-                  CaptureSummary& mine, std::vector<Commit>& committed, Clock::duration& pluginTime,
+                  CaptureSummary& mine, std::vector<Commit>& committed,
                   const std::function<bool(Workload::Listener&)>& body) {
     workload.begin(hot);
     const std::uint64_t number = transactionNumber(db, workload.transaction());
     st->init();
-    const auto begun = Clock::now();
-    Firebird::IReplTransaction* t = plugin->startTransaction(st, number);
-    pluginTime += Clock::now() - begun;
+    Firebird::IReplTransaction* t;
+    {
+      PluginCallTimes::InPlugin inside;
+      t = plugin->startTransaction(st, number);
+    }
     if (!t) {
       workload.rollback();
       throw std::runtime_error("startTransaction failed: " + statusText(st));
@@ -286,7 +288,6 @@ CaptureSummary CaptureDriver::run() {
       abandon();
       throw;
     }
-    pluginTime += listener.pluginTime;
   };
 
   std::int64_t keyBase = 0;
@@ -304,9 +305,8 @@ CaptureSummary CaptureDriver::run() {
       Workload workload(db, w);
       Firebird::IStatus* st = master->getStatus();
       CaptureSummary setup;
-      Clock::duration pluginTime{};
       try {
-        play(db, workload, false, st, setup, commits, pluginTime,
+        play(db, workload, false, st, setup, commits,
              [&](Workload::Listener& l) { return workload.insertHotRows(l) > 0; });
       } catch (...) {
         st->dispose();
@@ -327,7 +327,6 @@ CaptureSummary CaptureDriver::run() {
     const auto threadStart = Clock::now();
     CaptureSummary mine;
     std::vector<Commit> committed;
-    Clock::duration pluginTime{};
     const std::string who = "thread " + std::to_string(thread) + ": ";
     try {
       Database db(options_.database, options_.credentials, false);
@@ -343,7 +342,7 @@ CaptureSummary CaptureDriver::run() {
         for (std::uint64_t index = static_cast<std::uint64_t>(thread);
              index < options_.transactions && !stop;
              index += static_cast<std::uint64_t>(options_.threads)) {
-          play(db, workload, workload.isHot(index), st, mine, committed, pluginTime,
+          play(db, workload, workload.isHot(index), st, mine, committed,
                [&](Workload::Listener& l) { return workload.run(index, l); });
           ++done;
         }
@@ -363,7 +362,11 @@ CaptureSummary CaptureDriver::run() {
     summary.conflicts += mine.conflicts;
     summary.rows += mine.rows;
     summary.statements += mine.statements;
-    summary.pluginSeconds += std::chrono::duration<double>(pluginTime).count();
+    // Each worker is a thread of its own, so its totals are its calls alone.
+    const PluginCallTimes::Totals times = PluginCallTimes::thisThread();
+    summary.pluginSeconds += static_cast<double>(times.plugin) / 1e9;
+    summary.serverSeconds += static_cast<double>(times.server) / 1e9;
+    summary.fileSeconds += static_cast<double>(times.files) / 1e9;
     summary.workSeconds += std::chrono::duration<double>(Clock::now() - threadStart).count();
     commits.insert(commits.end(), committed.begin(), committed.end());
   };
@@ -382,6 +385,7 @@ CaptureSummary CaptureDriver::run() {
   for (std::thread& t : threads) t.join();
   if (options_.progress) std::fprintf(stderr, "\r\033[K");
   summary.seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  summary.filesSeen = PluginCallTimes::filesSeen();
   summary.logBytes = logBytes(options_.outputDirectory) - bytesBefore;
   if (summary.logBytes > 0) {
     try {

@@ -40,8 +40,14 @@ struct CaptureSummary {
   std::uint64_t statements = 0;
   std::uint64_t logBytes = 0;  // bytes of the logs published
   double seconds = 0;          // wall time of the workload
-  double pluginSeconds = 0;    // time inside the plugin's calls, all threads together
-  double workSeconds = 0;      // time of the threads' work, all threads together
+  // Time inside the plugin's calls, all threads together, and of it the server calls the plugin
+  // made (blob reads) and its file calls; the rest is its own work. fileSeconds is 0 when the
+  // program does not export the file calls that PluginCallTimes times (filesSeen false).
+  double pluginSeconds = 0;
+  double serverSeconds = 0;
+  double fileSeconds = 0;
+  bool filesSeen = false;
+  double workSeconds = 0;  // time of the threads' work, all threads together
   // Publication order against commit order, over the published logs of this run's transactions
   // (orderedLogs): the adjacent pairs of them published in the opposite order of their commits;
   // of those, the pairs with one publication time, which their names ordered; and the inverted
