@@ -10,6 +10,7 @@ std::uint32_t crc32cShortShift[4][256];
 Crc32cUpdateFunction crc32cUpdate = crc32cUpdateTable;
 #if defined(FBCDC_HAVE_FOLD_CRC)
 bool crc32cUseFold = false;
+bool crc32cUseFold256 = false;
 #endif
 
 namespace {
@@ -52,6 +53,7 @@ struct Crc32cLoadTimeInit {
       crc32cUpdate = crc32cUpdateSse42;
 #if defined(FBCDC_HAVE_FOLD_CRC)
       crc32cUseFold = crc32cHasFold();
+      crc32cUseFold256 = !crc32cUseFold && crc32cHasFold256();
 #endif
     }
 #endif
@@ -83,6 +85,20 @@ bool crc32cHasFold() {
   if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) return false;
   const bool avx512f = ebx & (1u << 16), avx512vl = ebx & (1u << 31), vpclmul = ecx & (1u << 10);
   return avx512f && avx512vl && vpclmul;
+}
+
+bool crc32cHasFold256() {
+  unsigned eax = 0, ebx = 0, ecx = 0, edx = 0;
+  if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx)) return false;
+  const bool pclmul = ecx & (1u << 1), osxsave = ecx & (1u << 27), avx = ecx & (1u << 28);
+  if (!pclmul || !osxsave || !avx) return false;
+  // The operating system must save the 256-bit registers: XCR0 bits 1 and 2.
+  unsigned xcr0Low = 0, xcr0High = 0;
+  __asm__("xgetbv" : "=a"(xcr0Low), "=d"(xcr0High) : "c"(0));
+  if ((xcr0Low & 0x6) != 0x6) return false;
+  if (!__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx)) return false;
+  const bool avx2 = ebx & (1u << 5), vpclmul = ecx & (1u << 10);
+  return avx2 && vpclmul;
 }
 #endif
 

@@ -37,11 +37,17 @@ extern std::uint32_t crc32cShortShift[4][256];
 #if defined(__x86_64__)
 #define FBCDC_HAVE_FOLD_CRC 1
 // Inputs of at least kCrc32cFoldMinimum bytes are folded with 512-bit carry-less multiplication
-// when the processor has it (crc32cHasFold, decided at load): crc32cUpdateSse42 hands them on.
+// when the processor has it (crc32cHasFold, decided at load), else with 256-bit carry-less
+// multiplication when it has that (crc32cHasFold256): crc32cUpdateSse42 hands them on. On a
+// processor with AVX2 and VPCLMULQDQ but no AVX-512 the 256-bit fold outruns the three lanes of
+// the CRC32 instruction.
 constexpr std::int32_t kCrc32cFoldMinimum = 256;
 extern bool crc32cUseFold;
+extern bool crc32cUseFold256;
 bool crc32cHasFold();
+bool crc32cHasFold256();
 void crc32cUpdateFold(std::uint32_t& running, const std::uint8_t* data, std::int32_t length);
+void crc32cUpdateFold256(std::uint32_t& running, const std::uint8_t* data, std::int32_t length);
 #endif
 
 // Whether the processor has the SSE4.2 CRC32 instruction (CPUID leaf 1, ECX bit 20).

@@ -1,13 +1,14 @@
-// CRC-32C by carry-less multiplication, for processors with 512-bit VPCLMULQDQ. The only file built
-// with AVX-512 code generation; the load-time check decides whether it runs.
+// CRC-32C by carry-less multiplication, for processors with VPCLMULQDQ: 512-bit registers where
+// the processor has AVX-512, 256-bit ones where it has only AVX2. The only file with AVX-512 and
+// AVX2 code generation, each confined to its function; the load-time check decides which runs.
 //
 // The running value is a polynomial remainder, so a 16-byte piece of input may be replaced by any
 // polynomial congruent to it modulo P and moved forward: a piece followed by D more bytes
 // contributes piece * x^(8D). Split into its first eight bytes L and its next eight H, that is
 // L * x^(8D+64) + H * x^(8D), and each half times a 32-bit constant congruent to that power lands,
 // as a 96-bit product, in the 16 bytes D further on, where it is XORed into the data. Four 512-bit
-// registers fold 256 bytes per round; at the end the registers are folded into one 16-byte piece,
-// which the CRC32 instruction reduces to the running value.
+// registers fold 256 bytes per round (four 256-bit ones 128 bytes); at the end the registers are
+// folded into one 16-byte piece, which the CRC32 instruction reduces to the running value.
 //
 // In the reflected bit order of this CRC, a carry-less product of two 64-bit operands stands one
 // bit off from the 128-bit value it represents; that is the "-1" in the exponents below.
@@ -45,16 +46,38 @@ struct Multipliers {
   static constexpr std::uint64_t kSecondHalf = reflect(xPowerModP(8 * Distance - 33));
 };
 
+// The 16-byte steps both widths end with; inlined into either.
+#define FBCDC_PIECE_TARGET __attribute__((target("pclmul,sse4.2")))
 #define FBCDC_FOLD_TARGET __attribute__((target("avx512f,avx512vl,vpclmulqdq,pclmul,sse4.2")))
+#define FBCDC_FOLD256_TARGET __attribute__((target("avx2,vpclmulqdq,pclmul,sse4.2")))
 
 template <int Distance>
-FBCDC_FOLD_TARGET inline __m128i constants() {
+FBCDC_PIECE_TARGET inline __m128i constants() {
   return _mm_set_epi64x(static_cast<long long>(Multipliers<Distance>::kSecondHalf),
                         static_cast<long long>(Multipliers<Distance>::kFirstHalf));
 }
 
-FBCDC_FOLD_TARGET inline __m128i fold(__m128i piece, __m128i k) {
+FBCDC_PIECE_TARGET inline __m128i fold(__m128i piece, __m128i k) {
   return _mm_xor_si128(_mm_clmulepi64_si128(piece, k, 0x00), _mm_clmulepi64_si128(piece, k, 0x11));
+}
+
+// Folds the rest's 16-byte pieces into v, reduces v with the CRC32 instruction (the last piece is
+// sixteen bytes of input to a running value of zero), and takes the last bytes one by one.
+FBCDC_PIECE_TARGET inline std::uint32_t finish(__m128i v, const std::uint8_t* data,
+                                               std::int32_t rest) {
+  const __m128i k16 = constants<16>();
+  for (; rest >= 16; rest -= 16, data += 16)
+    v = _mm_xor_si128(fold(v, k16), _mm_loadu_si128(reinterpret_cast<const __m128i*>(data)));
+  std::uint64_t c = _mm_crc32_u64(0, static_cast<std::uint64_t>(_mm_cvtsi128_si64(v)));
+  c = _mm_crc32_u64(c, static_cast<std::uint64_t>(_mm_extract_epi64(v, 1)));
+  for (; rest >= 8; rest -= 8, data += 8) {
+    std::uint64_t word;
+    std::memcpy(&word, data, 8);
+    c = _mm_crc32_u64(c, word);
+  }
+  std::uint32_t c32 = static_cast<std::uint32_t>(c);
+  for (; rest > 0; --rest, ++data) c32 = _mm_crc32_u8(c32, *data);
+  return c32;
 }
 
 FBCDC_FOLD_TARGET inline __m512i fold(__m512i pieces, __m512i k) {
@@ -102,21 +125,49 @@ FBCDC_FOLD_TARGET void crc32cUpdateFold(std::uint32_t& running, const std::uint8
                             fold(_mm512_maskz_extracti32x4_epi32(0xF, x3, 0), constants<48>()));
   v = _mm_xor_si128(v, fold(_mm512_maskz_extracti32x4_epi32(0xF, x3, 1), constants<32>()));
   v = _mm_xor_si128(v, fold(_mm512_maskz_extracti32x4_epi32(0xF, x3, 2), constants<16>()));
-  const __m128i k16 = constants<16>();
-  for (; rest >= 16; rest -= 16, data += 16)
-    v = _mm_xor_si128(fold(v, k16), _mm_loadu_si128(reinterpret_cast<const __m128i*>(data)));
+  running = finish(v, data, rest);
+}
 
-  // The last piece is sixteen bytes of input to a running value of zero.
-  std::uint64_t c = _mm_crc32_u64(0, static_cast<std::uint64_t>(_mm_cvtsi128_si64(v)));
-  c = _mm_crc32_u64(c, static_cast<std::uint64_t>(_mm_extract_epi64(v, 1)));
-  for (; rest >= 8; rest -= 8, data += 8) {
-    std::uint64_t word;
-    std::memcpy(&word, data, 8);
-    c = _mm_crc32_u64(c, word);
+FBCDC_FOLD256_TARGET inline __m256i fold(__m256i pieces, __m256i k) {
+  return _mm256_xor_si256(_mm256_clmulepi64_epi128(pieces, k, 0x00),
+                          _mm256_clmulepi64_epi128(pieces, k, 0x11));
+}
+
+FBCDC_FOLD256_TARGET inline __m256i load(const std::uint8_t* p) {
+  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+}
+
+FBCDC_FOLD256_TARGET inline __m256i foldInto(__m256i pieces, __m256i k, const std::uint8_t* next) {
+  return _mm256_xor_si256(fold(pieces, k), load(next));
+}
+
+FBCDC_FOLD256_TARGET void crc32cUpdateFold256(std::uint32_t& running, const std::uint8_t* data,
+                                              std::int32_t length) {
+  const __m256i k128 = _mm256_broadcastsi128_si256(constants<128>());
+  const __m256i k32 = _mm256_broadcastsi128_si256(constants<32>());
+
+  __m256i x0 = _mm256_xor_si256(
+      load(data), _mm256_inserti128_si256(_mm256_setzero_si256(),
+                                          _mm_cvtsi32_si128(static_cast<int>(running)), 0));
+  __m256i x1 = load(data + 32);
+  __m256i x2 = load(data + 64);
+  __m256i x3 = load(data + 96);
+  data += 128;
+  std::int32_t rest = length - 128;
+  for (; rest >= 128; rest -= 128, data += 128) {
+    x0 = foldInto(x0, k128, data);
+    x1 = foldInto(x1, k128, data + 32);
+    x2 = foldInto(x2, k128, data + 64);
+    x3 = foldInto(x3, k128, data + 96);
   }
-  std::uint32_t c32 = static_cast<std::uint32_t>(c);
-  for (; rest > 0; --rest, ++data) c32 = _mm_crc32_u8(c32, *data);
-  running = c32;
+  x1 = _mm256_xor_si256(x1, fold(x0, k32));
+  x2 = _mm256_xor_si256(x2, fold(x1, k32));
+  x3 = _mm256_xor_si256(x3, fold(x2, k32));
+  for (; rest >= 32; rest -= 32, data += 32) x3 = foldInto(x3, k32, data);
+
+  const __m128i v = _mm_xor_si128(_mm256_extracti128_si256(x3, 1),
+                                  fold(_mm256_extracti128_si256(x3, 0), constants<16>()));
+  running = finish(v, data, rest);
 }
 
 #endif

@@ -51,8 +51,8 @@ inline const std::uint8_t* foldThreeLanes(std::uint32_t& c, const std::uint8_t* 
 
 void crc32cUpdateSse42(std::uint32_t& running, const std::uint8_t* data, std::int32_t length) {
 #if defined(FBCDC_HAVE_FOLD_CRC)
-  if (crc32cUseFold && length >= kCrc32cFoldMinimum) {
-    crc32cUpdateFold(running, data, length);
+  if (length >= kCrc32cFoldMinimum && (crc32cUseFold || crc32cUseFold256)) {
+    (crc32cUseFold ? crc32cUpdateFold : crc32cUpdateFold256)(running, data, length);
     return;
   }
 #endif

@@ -238,35 +238,48 @@ TEST(Crc32c, KnownValues) {
   }
 }
 
-// Sets crc32cUseFold for one implementation and restores what the load chose.
+// Chooses the fold of one implementation (kLoaded: the one the load chose, 0: none, 256 or 512
+// bits) and restores the load's choice.
+constexpr int kLoaded = -1;
 struct FoldSwitch {
 #if defined(FBCDC_HAVE_FOLD_CRC)
-  explicit FoldSwitch(bool fold) : saved(crc32cUseFold) { crc32cUseFold = fold && saved; }
-  ~FoldSwitch() { crc32cUseFold = saved; }
-  bool saved;
+  explicit FoldSwitch(int width) : saved(crc32cUseFold), saved256(crc32cUseFold256) {
+    if (width == kLoaded) return;
+    crc32cUseFold = width == 512;
+    crc32cUseFold256 = width == 256;
+  }
+  ~FoldSwitch() {
+    crc32cUseFold = saved;
+    crc32cUseFold256 = saved256;
+  }
+  bool saved, saved256;
 #else
-  explicit FoldSwitch(bool) {}
+  explicit FoldSwitch(int) {}
 #endif
 };
 
-// Every implementation this processor runs (dispatched, table, SSE4.2 lanes with and without the
-// fold) gives the reference's CRC for every length to 1024 and around the lane edges at 16
-// alignments, and continues from any running value as the table does (a buffer folds in pieces).
+// Every implementation this processor runs (dispatched, table, SSE4.2 lanes, and with them the
+// 256-bit and 512-bit folds) gives the reference's CRC for every length to 1024 and around the
+// lane edges at 16 alignments, and continues from any running value as the table does (a buffer
+// folds in pieces).
 TEST(Crc32c, ImplementationsAgreeOnEveryLengthAndAlignment) {
   struct Variant {
     const char* name;
     Crc32cUpdateFunction update;
-    bool fold;  // the value crc32cUseFold takes while it runs
+    int fold;  // the fold it runs with
   };
-  std::vector<Variant> variants = {{"dispatched", crc32cUpdate, true},
-                                   {"table", crc32cUpdateTable, true}};
+  std::vector<Variant> variants = {{"dispatched", crc32cUpdate, kLoaded},
+                                   {"table", crc32cUpdateTable, kLoaded}};
 #if defined(FBCDC_HAVE_SSE42_CRC)
-  if (crc32cHasSse42()) variants.push_back({"sse4.2 lanes", crc32cUpdateSse42, false});
+  if (crc32cHasSse42()) variants.push_back({"sse4.2 lanes", crc32cUpdateSse42, 0});
 #endif
 #if defined(FBCDC_HAVE_FOLD_CRC)
-  if (crc32cHasFold()) variants.push_back({"sse4.2 with fold", crc32cUpdateSse42, true});
+  if (crc32cHasSse42() && crc32cHasFold256())
+    variants.push_back({"sse4.2 with 256-bit fold", crc32cUpdateSse42, 256});
+  if (crc32cHasSse42() && crc32cHasFold())
+    variants.push_back({"sse4.2 with 512-bit fold", crc32cUpdateSse42, 512});
 #endif
-  if (variants.size() < 4) std::printf("note: this processor runs %zu variants\n", variants.size());
+  if (variants.size() < 5) std::printf("note: this processor runs %zu variants\n", variants.size());
 
   std::mt19937 random(20261123);
   const Bytes data = randomBytes(3 * 32768 + 64, 20261123);
