@@ -4,30 +4,8 @@
 
 namespace {
 
-// KEYS[1] is the position, KEYS[2..] the streams; ARGV[1] the cap (0: none), ARGV[2] the position
-// (empty: none), then pairs of a stream's number in KEYS and an entry.
-const char kAppendLog[] = R"(
-for i = 2, #KEYS do
-  local t = redis.call('TYPE', KEYS[i]).ok
-  if t ~= 'none' and t ~= 'stream' then
-    return redis.error_reply('WRONGTYPE ' .. KEYS[i] .. ' is a ' .. t .. ', not a stream')
-  end
-end
-local t = redis.call('TYPE', KEYS[1]).ok
-if t ~= 'none' and t ~= 'string' then
-  return redis.error_reply('WRONGTYPE ' .. KEYS[1] .. ' is a ' .. t .. ', not a string')
-end
-for i = 3, #ARGV, 2 do
-  local key = KEYS[tonumber(ARGV[i])]
-  if ARGV[1] ~= '0' then
-    redis.call('XADD', key, 'MAXLEN', '~', ARGV[1], '*', 'event', ARGV[i + 1])
-  else
-    redis.call('XADD', key, '*', 'event', ARGV[i + 1])
-  end
-end
-if ARGV[2] ~= '' then redis.call('SET', KEYS[1], ARGV[2]) end
-return redis.status_reply('OK')
-)";
+// How often a log is sent again when other clients keep changing its keys.
+constexpr int kAttempts = 10;
 
 std::string textOf(const redisReply* reply) {
   return reply->str ? std::string(reply->str, reply->len) : "";
@@ -145,10 +123,14 @@ std::string RedisSink::loadPosition() {
 void RedisSink::add(const std::string& stream) {
   std::string_view line = writer_.pending();
   if (!line.empty() && line.back() == '\n') line.remove_suffix(1);
-  auto [at, added] = keyNumbers_.emplace(stream, std::to_string(keys_.size() + 1));
+  auto [at, added] = keyNumbers_.emplace(stream, keys_.size());
   if (added) keys_.push_back(stream);
-  entries_.push_back(at->second);
-  entries_.emplace_back(line);
+  if (entryCount_ == entries_.size()) {
+    entries_.emplace_back();
+    entryKeys_.emplace_back();
+  }
+  entryKeys_[entryCount_] = at->second;
+  entries_[entryCount_++].assign(line);
   writer_.clear();
 }
 
@@ -156,7 +138,7 @@ void RedisSink::beginLog(const LogInfo& log) {
   file_ = log.file;
   keys_.assign(1, positionKey(options_.prefix));
   keyNumbers_.clear();
-  entries_.clear();
+  entryCount_ = 0;
   writer_.beginLog(log);
   if (!writer_.pending().empty()) add(options_.prefix + ":transaction");
 }
@@ -170,30 +152,101 @@ void RedisSink::event(const ChangeEvent& e) {
 void RedisSink::endLog(const ChangeEvent& end) {
   writer_.endLog(end);
   if (!writer_.pending().empty()) add(options_.prefix + ":transaction");
-  if (scriptSha_.empty()) {
-    redisReply* reply = command({"SCRIPT", "LOAD", kAppendLog});
-    const bool ok = reply->type == REDIS_REPLY_STRING;
-    const std::string text = textOf(reply);
-    freeReplyObject(reply);
-    if (!ok) fail("cannot load the script that appends a log: " + text);
-    scriptSha_ = text;
+  for (int attempt = 1;; ++attempt) {
+    watchKeys();
+    if (sendLog()) break;
+    if (attempt == kAttempts)
+      fail("other clients changed the log's keys " + std::to_string(kAttempts) +
+           " times while it was sent; nothing of it was written");
   }
-  std::vector<std::string> args = {"EVALSHA", scriptSha_, std::to_string(keys_.size())};
-  args.insert(args.end(), keys_.begin(), keys_.end());
-  args.push_back(std::to_string(options_.maxlen > 0 ? options_.maxlen : 0));
-  args.push_back(position_);
-  args.insert(args.end(), entries_.begin(), entries_.end());
-  redisReply* reply = command(args);
-  if (reply->type == REDIS_REPLY_ERROR && textOf(reply).rfind("NOSCRIPT", 0) == 0) {
-    // The server lost its scripts (a restart, SCRIPT FLUSH): the script itself goes along.
-    freeReplyObject(reply);
-    args[0] = "EVAL";
-    args[1] = kAppendLog;
-    reply = command(args);
-  }
-  const bool ok = reply->type == REDIS_REPLY_STATUS;
-  const std::string text = textOf(reply);
-  freeReplyObject(reply);
-  if (!ok) fail(text.empty() ? "the log was refused" : text);
   file_.clear();
+}
+
+void RedisSink::append(std::initializer_list<std::string_view> args) {
+  argv_.clear();
+  lengths_.clear();
+  for (std::string_view a : args) {
+    argv_.push_back(a.data());
+    lengths_.push_back(a.size());
+  }
+  if (redisAppendCommandArgv(redis_, static_cast<int>(argv_.size()), argv_.data(),
+                             lengths_.data()) != REDIS_OK)
+    fail(redis_->errstr);
+}
+
+redisReply* RedisSink::nextReply() {
+  void* reply = nullptr;
+  if (redisGetReply(redis_, &reply) != REDIS_OK || !reply) fail(redis_->errstr);
+  return static_cast<redisReply*>(reply);
+}
+
+void RedisSink::watchKeys() {
+  argv_.assign(1, "WATCH");
+  lengths_.assign(1, 5);
+  for (const std::string& key : keys_) {
+    argv_.push_back(key.data());
+    lengths_.push_back(key.size());
+  }
+  if (redisAppendCommandArgv(redis_, static_cast<int>(argv_.size()), argv_.data(),
+                             lengths_.data()) != REDIS_OK)
+    fail(redis_->errstr);
+  for (const std::string& key : keys_) append({"TYPE", key});
+  std::string problem;
+  redisReply* reply = nextReply();
+  if (reply->type == REDIS_REPLY_ERROR) problem = textOf(reply);
+  freeReplyObject(reply);
+  for (std::size_t i = 0; i < keys_.size(); ++i) {
+    reply = nextReply();
+    const std::string type = textOf(reply);
+    const bool refused = reply->type == REDIS_REPLY_ERROR;
+    freeReplyObject(reply);
+    const char* wanted = i == 0 ? "string" : "stream";
+    if (!problem.empty()) continue;
+    if (refused)
+      problem = type;
+    else if (type != "none" && type != wanted)
+      problem = "WRONGTYPE " + keys_[i] + " is a " + type + ", not a " + wanted;
+  }
+  if (problem.empty()) return;
+  redisReply* unwatched = command({"UNWATCH"});
+  freeReplyObject(unwatched);
+  fail(problem);
+}
+
+bool RedisSink::sendLog() {
+  const std::string cap = std::to_string(options_.maxlen);
+  append({"MULTI"});
+  for (std::size_t i = 0; i < entryCount_; ++i) {
+    const std::string& key = keys_[entryKeys_[i]];
+    if (options_.maxlen > 0)
+      append({"XADD", key, "MAXLEN", "~", cap, "*", "event", entries_[i]});
+    else
+      append({"XADD", key, "*", "event", entries_[i]});
+  }
+  if (!position_.empty()) append({"SET", keys_[0], position_});
+  append({"EXEC"});
+  // The replies: OK for MULTI, QUEUED (or the reason it was refused) for each command, then
+  // EXEC's: the results, nothing when a watched key changed, or an error that discarded it all.
+  std::string refused;
+  const std::size_t queued = entryCount_ + (position_.empty() ? 0 : 1);
+  for (std::size_t i = 0; i <= queued; ++i) {
+    redisReply* reply = nextReply();
+    if (reply->type == REDIS_REPLY_ERROR && refused.empty()) refused = textOf(reply);
+    freeReplyObject(reply);
+  }
+  redisReply* reply = nextReply();
+  const int type = reply->type;
+  std::string text = textOf(reply);
+  std::string failed;
+  if (type == REDIS_REPLY_ARRAY)
+    for (std::size_t i = 0; i < reply->elements && failed.empty(); ++i)
+      if (reply->element[i]->type == REDIS_REPLY_ERROR) failed = textOf(reply->element[i]);
+  freeReplyObject(reply);
+  if (type == REDIS_REPLY_NIL) return false;
+  if (type == REDIS_REPLY_ERROR) fail(refused.empty() ? text : refused);
+  if (type != REDIS_REPLY_ARRAY) fail("EXEC gave no results");
+  // The types were checked under WATCH, so no command should fail inside EXEC; if one does,
+  // the log is not whole in Redis, and the follower stops with the position before it.
+  if (!failed.empty()) fail("a command failed inside the log's transaction: " + failed);
+  return true;
 }

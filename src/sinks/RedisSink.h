@@ -2,11 +2,13 @@
 // <prefix>:<TABLE> * event <json>", statements and transaction markers go to
 // "<prefix>:transaction", and maxlen (when set) caps each stream approximately.
 //
-// A log's entries and the follower's position after the log are written by one script, which
-// first checks that every stream it writes is a stream (or not there yet), then adds the entries
-// and sets the position last. Redis runs a script alone and does not undo what a failed command
-// before it did, so the check comes first: a log is in Redis whole or not at all, and a restarted
-// follower resumes exactly after the last log whose entries all arrived: every event once.
+// A log's entries and the follower's position after the log go in one MULTI/EXEC. Redis does not
+// undo a command that fails inside EXEC, so the keys are first watched and their types checked:
+// every stream must be a stream (or not there yet), the position a string. A key another client
+// changes after the check makes EXEC do nothing, and the log is sent again; a command refused
+// while queued (memory, a denied command) discards the whole transaction; a follower killed
+// before EXEC leaves nothing. So a log is in Redis whole or not at all, and a restarted follower
+// resumes exactly after the last log whose entries all arrived: every event once.
 //
 // The position lies under "<prefix>.checkpoint", which no stream key "<prefix>:<TABLE>" can be.
 //
@@ -17,8 +19,10 @@
 
 #include <hiredis/hiredis.h>
 
+#include <initializer_list>
 #include <map>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "EventSink.h"
@@ -64,6 +68,15 @@ class RedisSink : public EventSink {
   void add(const std::string& stream);
   // Runs a command given as its arguments; returns the reply, which the caller frees.
   redisReply* command(const std::vector<std::string>& args);
+  // Queues a command on the connection without waiting for its reply.
+  void append(std::initializer_list<std::string_view> args);
+  // The next reply of the queued commands, which the caller frees.
+  redisReply* nextReply();
+  // Watches the log's keys and checks their types; fails, unwatched, on a key of another type.
+  void watchKeys();
+  // Sends the log's entries and the position in one MULTI/EXEC; false when a watched key changed
+  // and nothing was written.
+  bool sendLog();
   [[noreturn]] void fail(const std::string& what);
 
   Options options_;
@@ -71,10 +84,13 @@ class RedisSink : public EventSink {
   redisContext* redis_ = nullptr;
   std::string position_;
   std::string file_;
-  std::string scriptSha_;
-  // The log's streams as the script's keys (the position first), and its entries as pairs of a
-  // key's number and the JSON line.
+  // The log's keys (the position first, then its streams), and its entries: each one's key and
+  // JSON line. The lines' strings are kept from log to log so that their memory is reused.
   std::vector<std::string> keys_;
-  std::map<std::string, std::string> keyNumbers_;
+  std::map<std::string, std::size_t> keyNumbers_;
+  std::vector<std::size_t> entryKeys_;
   std::vector<std::string> entries_;
+  std::size_t entryCount_ = 0;
+  std::vector<const char*> argv_;
+  std::vector<std::size_t> lengths_;
 };

@@ -100,10 +100,10 @@ TEST_F(RedisAuthTest, PasswordAclUserDatabaseSocketAndTls) {
   ASSERT_TRUE(server.ready()) << "redis-server did not start: " << server.errors();
   redisContext* redis = server.context();
   ASSERT_EQ("OK", reply(redis, {"AUTH", "server-pw"}));
-  // The commands the sink sends, and those its script calls; keys under fbcdc only.
+  // The commands the sink sends; keys under fbcdc only.
   ASSERT_EQ("OK", reply(redis, {"ACL", "SETUSER", "fbcdc", "on", ">fbcdc-pw", "~fbcdc*",
-                                "resetchannels", "-@all", "+type", "+get", "+set", "+xadd", "+eval",
-                                "+evalsha", "+script|load", "+select", "+auth"}));
+                                "resetchannels", "-@all", "+type", "+get", "+set", "+xadd",
+                                "+watch", "+unwatch", "+multi", "+exec", "+select", "+auth"}));
 
   // A local tunnel: plain TCP on a loopback port, TLS to the server, its certificate checked.
   const int tunnelPort = loopbackPort();
