@@ -1,7 +1,8 @@
 // A follower over a directory: each log taken once, in publication order, and a directory it
 // cannot read whole stops it rather than pass over what it did not see; where a position puts a
 // log: by the publication time the rename set, and, for a log whose file was changed since, by the
-// second in its name, with a window where that cannot decide.
+// second in its name, with a window where that cannot decide. The files that hold a position are
+// their owner's.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,23 +10,19 @@
 #include <algorithm>
 #include <ctime>
 #include <functional>
+#include <memory>
 
 #include "CheckpointFile.h"
 #include "CrashStates.h"
+#include "FbcdcRuns.h"
+#include "LogDirectory.h"
 #include "LogFollower.h"
 #include "PluginFixture.h"
-#include "TestFiles.h"
+#include "PruneMark.h"
 
 namespace {
 
 constexpr std::int64_t kSecond = 1000000000;
-
-std::string logName(std::int64_t second, std::uint64_t transaction) {
-  char name[64];
-  std::snprintf(name, sizeof name, "%016llx_%016llx.fbl", static_cast<long long>(second),
-                static_cast<unsigned long long>(transaction));
-  return name;
-}
 
 // A log as a listing finds it.
 LogFile logAt(std::int64_t nameSecond, std::uint64_t transaction, std::int64_t publishedAt,
@@ -218,6 +215,11 @@ TEST(FollowPositionTest, VerdictsAroundThePosition) {
   named.advance(logAt(100, 9, 100 * kSecond, true));
   EXPECT_EQ(V::kNotDone, named.check(logAt(100, 10, 100 * kSecond, true)));
   EXPECT_EQ(V::kDone, named.check(logAt(100, 9, 100 * kSecond, true)));
+  // At the window's edge: a log published by 100 s at the latest is done for a position of 100 s.
+  FollowPosition whole;
+  whole.advance(logAt(100, 1, 100 * kSecond, false));
+  EXPECT_EQ(V::kDone, whole.check(logAt(100 - w, 2, (100 - w) * kSecond, true)));
+  EXPECT_EQ(V::kUnknown, whole.check(logAt(101 - w, 2, (101 - w) * kSecond, true)));
 }
 
 // The status-change time is the publication time only within the window after the name's second.
@@ -241,6 +243,51 @@ TEST(FollowPositionTest, PublicationTimeOfAFile) {
     EXPECT_EQ(fromName ? nameSecond * kSecond : log.changed, log.publishedAt);
     ::unlink(path.c_str());
   }
+}
+
+// The files that hold a position are their owner's: a checkpoint is 0600 and the prune mark, which
+// every consumer of the directory reads, 0640, whatever the umask and whatever mode a file or a
+// temporary file left behind had; fbcdc follow's checkpoint is made so too.
+using FileModesTest = PluginFixture;
+TEST_F(FileModesTest, PositionsAreTheirOwnersAlone) {
+  const auto modeOf = [](const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 07777;
+  };
+  ReplTransaction* t = begin(1);
+  ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = 1", 1));
+  ASSERT_EQ(0, t->commit(status));
+  t->dispose();
+  const std::vector<LogFile> published = LogDirectory::list(logs);
+  ASSERT_EQ(1u, published.size());
+  // The umask is the test's until the end, also when an assertion ends it early.
+  const std::shared_ptr<void> restore(nullptr, [mask = ::umask(0)](void*) { ::umask(mask); });
+  // The umask, and the mode of a file and a temporary file already there (0: none).
+  const std::pair<mode_t, mode_t> cases[] = {{0, 0}, {022, 0}, {0, 0666}, {077, 0644}};
+  for (std::size_t n = 0; n < std::size(cases); ++n) {
+    const auto [mask, before] = cases[n];
+    SCOPED_TRACE(n);
+    ::umask(mask);
+    const std::string checkpoint = dir / ("checkpoint" + std::to_string(n));
+    const std::string marked = dir / ("marked" + std::to_string(n)) + "/";
+    ASSERT_EQ(0, ::mkdir(marked.c_str(), 0755));
+    const std::string mark = marked + PruneMark::kFileName;
+    for (const std::string& path : {checkpoint, checkpoint + ".tmp", mark, mark + ".tmp"}) {
+      if (before == 0) break;
+      writeFile(path, "");
+      ASSERT_EQ(0, ::chmod(path.c_str(), before));
+    }
+    CheckpointFile(checkpoint).store("0 position");
+    EXPECT_EQ(0600u, modeOf(checkpoint));
+    EXPECT_EQ("0 position", CheckpointFile(checkpoint).load());
+    PruneMark(marked).record(published);
+    EXPECT_EQ(0640u, modeOf(mark));
+  }
+  // fbcdc follow's own checkpoint, under a umask that would leave it open to all.
+  ::umask(0);
+  const FbcdcOutcome r = runFbcdc(dir, {"follow", logs, "--once", "--checkpoint", dir / "f.pos"});
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_EQ(0600u, modeOf(dir / "f.pos"));
 }
 
 }  // namespace

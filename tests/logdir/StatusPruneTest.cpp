@@ -17,17 +17,16 @@
 #include <random>
 #include <regex>
 #include <set>
-#include <sstream>
 #include <thread>
 
 #include "CheckpointFile.h"
 #include "Database.h"
+#include "FbcdcRuns.h"
 #include "LiteralRow.h"
 #include "LogDirectory.h"
 #include "LogFollower.h"
 #include "LogPruner.h"
 #include "PluginFixture.h"
-#include "Processes.h"
 #include "PruneMark.h"
 #include "RedisServer.h"
 #include "ReplicaApplier.h"
@@ -42,13 +41,6 @@ std::int64_t now() {
   timespec t{};
   ::clock_gettime(CLOCK_REALTIME, &t);
   return static_cast<std::int64_t>(t.tv_sec) * kSecond + t.tv_nsec;
-}
-
-std::string logName(std::int64_t second, std::uint64_t transaction, const char* suffix = ".fbl") {
-  char name[64];
-  std::snprintf(name, sizeof name, "%016llx_%016llx%s", static_cast<long long>(second),
-                static_cast<unsigned long long>(transaction), suffix);
-  return name;
 }
 
 // The regular files of a directory with their contents.
@@ -116,23 +108,6 @@ FollowPosition at(std::int64_t time, const std::string& name) {
 
 const Strings kAll = {"U2", "U0", "U1", "F0", "F1", "F2", "F3", "F4", "F5"};
 
-// Starts fbcdc with args, its output going to files of the test.
-pid_t start(const std::vector<std::string>& args, const std::string& out, const std::string& err) {
-  std::vector<std::string> all = {FBCDC_CLI_PATH};
-  all.insert(all.end(), args.begin(), args.end());
-  return spawn(all, out, err);
-}
-
-struct Outcome {
-  int status;
-  std::string out, err;
-};
-
-Outcome run(const TempDir& dir, const std::vector<std::string>& args) {
-  const int status = waitFor(start(args, dir / "out.txt", dir / "err.txt"));
-  return {status, readText(dir / "out.txt"), readText(dir / "err.txt")};
-}
-
 // What each consumer of a status listing has not taken, in its order: "<logs> <oldest>".
 Strings backlogs(const std::string& listing) {
   Strings found;
@@ -155,49 +130,44 @@ Strings backlogs(const std::string& listing) {
 TEST(StatusPruneTest, AsUsersRunThem) {
   const struct {
     const char* what;
-    std::vector<const char*> lines;
+    Strings lines;
   } cases[] = {
       {"figures, monitoring checks, refusals, and prunes one after another",
-       {"status L --checkpoint $all.pos --checkpoint $f1.pos --checkpoint $none.pos --format json",
-        "status L --checkpoint $none.pos --checkpoint $all.pos --max-lag 3600",
-        "status L --checkpoint $none.pos --max-lag 4000 --format json",
-        "status L --checkpoint $bad.pos --checkpoint $all.pos --format json",
-        "status L --redis 127.0.0.1:1 --stream-prefix a --stream-prefix b", "status $none",
-        "prune L", "prune L --consumer file:x", "prune L --consumer redis:localhost/erp",
-        "prune L --consumer checkpoint:$all.pos --keep-for 7x",
-        "prune L --consumer checkpoint:$all.pos --archive $logs",
-        "prune L --consumer checkpoint:$all.pos --archive $none",
-        "prune L --consumer checkpoint:$all.pos --consumer checkpoint:$bad.pos",
-        "prune L --consumer checkpoint:$f1.pos --dry-run",
-        "prune L --consumer checkpoint:$f1.pos --consumer checkpoint:$none.pos",
-        "prune L --consumer checkpoint:$f1.pos --keep-for 1h",
-        "prune L --consumer checkpoint:$f1.pos",
-        "status L --checkpoint $f0.pos --checkpoint $f1.pos",
-        "status L --consumer checkpoint:$f1.pos --format json"}},
+       {"status L/ --checkpoint $all.pos --checkpoint $f1.pos --checkpoint $none.pos --format json",
+        "status L/ --checkpoint $none.pos --checkpoint $all.pos --max-lag 3600",
+        "status L/ --checkpoint $none.pos --max-lag 4000 --format json",
+        "status L/ --checkpoint $bad.pos --checkpoint $all.pos --format json",
+        "status L/ --redis 127.0.0.1:1 --stream-prefix a --stream-prefix b", "status $none",
+        "prune L/", "prune L/ --consumer file:x", "prune L/ --consumer redis:localhost/erp",
+        "prune L/ --consumer checkpoint:$all.pos --keep-for 7x",
+        "prune L/ --consumer checkpoint:$all.pos --archive $logs",
+        "prune L/ --consumer checkpoint:$all.pos --archive $none",
+        "prune L/ --consumer checkpoint:$all.pos --consumer checkpoint:$bad.pos",
+        "prune L/ --consumer checkpoint:$f1.pos --dry-run",
+        "prune L/ --consumer checkpoint:$f1.pos --consumer checkpoint:$none.pos",
+        "prune L/ --consumer checkpoint:$f1.pos --keep-for 1h",
+        "prune L/ --consumer checkpoint:$f1.pos",
+        "status L/ --checkpoint $f0.pos --checkpoint $f1.pos",
+        "status L/ --consumer checkpoint:$f1.pos --format json"}},
       {"consumers at F2 and F4, and again",
-       {"prune L --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos",
-        "prune L --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos",
-        "status L --checkpoint $f0.pos --checkpoint $none.pos",
-        "follow L --once --checkpoint $f0.pos"}},
+       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos",
+        "prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos",
+        "status L/ --checkpoint $f0.pos --checkpoint $none.pos",
+        "follow L/ --once --checkpoint $f0.pos"}},
       {"one has taken nothing",
-       {"prune L --consumer checkpoint:$all.pos --consumer checkpoint:$none.pos"}},
+       {"prune L/ --consumer checkpoint:$all.pos --consumer checkpoint:$none.pos"}},
       {"a log of the position's tick that it does not name",
-       {"prune L --consumer checkpoint:$tick.pos", "status L --checkpoint $f0.pos"}},
-      {"logs dated by their names near the position", {"prune L --consumer checkpoint:$near.pos"}},
-      {"--keep-for half an hour", {"prune L --consumer checkpoint:$all.pos --keep-for 30m"}},
+       {"prune L/ --consumer checkpoint:$tick.pos", "status L/ --checkpoint $f0.pos"}},
+      {"logs dated by their names near the position", {"prune L/ --consumer checkpoint:$near.pos"}},
+      {"--keep-for half an hour", {"prune L/ --consumer checkpoint:$all.pos --keep-for 30m"}},
       {"--dry-run",
-       {"prune L --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --dry-run"}},
+       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --dry-run"}},
       {"archived on the same file system",
-       {"prune L --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --archive $archive"}},
+       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --archive $archive"}},
       {"archived on another file system",
-       {"prune L --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --archive @shm"}},
+       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --archive @shm"}},
       {"another directory's consumer",
-       {"prune L --consumer checkpoint:$f0.pos --consumer checkpoint:$other.pos"}},
-  };
-  const auto replaced = [](std::string text, const std::string& from, const std::string& to) {
-    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
-      text.replace(at, from.size(), to);
-    return text;
+       {"prune L/ --consumer checkpoint:$f0.pos --consumer checkpoint:$other.pos"}},
   };
   std::string transcript;
   for (const auto& c : cases) {
@@ -226,8 +196,8 @@ TEST(StatusPruneTest, AsUsersRunThem) {
         a.st_dev == b.st_dev)
       std::printf("note: %s is on the file system of %s\n", elsewhere.c_str(), l.dir.c_str());
     const auto masked = [&](std::string text) {
-      for (const auto& [name, key] : l.key) text = replaced(text, name, key);
-      text = replaced(replaced(text, elsewhere, "@shm"), root.path(), "$");
+      for (const auto& [name, key] : l.key) text = replaceAll(text, name, key);
+      text = replaceAll(replaceAll(text, elsewhere, "@shm"), root.path(), "$");
       // Lags and ages to the hundred seconds; times, positions' times and free space not at all.
       text = std::regex_replace(text,
                                 std::regex("(lag_seconds\":|\n  lag +|lags |begun |age_seconds\":)"
@@ -239,15 +209,9 @@ TEST(StatusPruneTest, AsUsersRunThem) {
                      "[0-9]+|[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}Z|[0-9]{19}(?= [FU])"),
           "$1$2#");
     };
-    transcript += std::string("## ") + c.what + "\n";
-    for (const std::string line : c.lines) {
-      std::vector<std::string> args;
-      std::istringstream words(replaced(replaced(line, "$", root.path()), "@shm", elsewhere));
-      for (std::string w; words >> w;) args.push_back(w == "L" ? l.dir : w);
-      const Outcome r = run(root, args);
-      transcript += masked("$ fbcdc " + line + "\n" + r.out + "stderr: " + r.err + "exit " +
-                           std::to_string(r.status) + "\n");
-    }
+    transcript += std::string("## ") + c.what + "\n" +
+                  masked(transcriptOf(root, c.lines,
+                                      {{"L/", l.dir}, {"$", root.path()}, {"@shm", elsewhere}}));
     for (const std::string& where : {l.dir, root / "archive", elsewhere}) {
       transcript += where == l.dir ? "left:" : where == elsewhere ? "in @shm:" : "in $archive:";
       for (const auto& [name, content] : files(where)) {
@@ -263,9 +227,7 @@ TEST(StatusPruneTest, AsUsersRunThem) {
       ::rmdir(elsewhere.c_str());
     }
   }
-  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/logdir/golden/status_prune.txt";
-  EXPECT_EQ(readText(golden), transcript);
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, transcript);
+  expectGolden("logdir/golden/status_prune.txt", transcript);
 }
 
 // A replica with one table, and a plugin writing logs for it, for the consumers to take.
@@ -318,20 +280,20 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadReplicaAndRedisPositions) {
   const std::string at = server.address(), redis = "redis:" + at + "/erp";
   const std::string replica = dir / "replica.fdb", consumer = "replica:" + replica;
   for (int i = 1; i <= 3; ++i) insert(static_cast<std::uint64_t>(i), i);
-  Outcome r = run(
+  FbcdcOutcome r = runFbcdc(
       dir, {"follow", logs, "--once", "--sink", "redis", "--redis", at, "--stream-prefix", "erp"});
   ASSERT_EQ(0, r.status) << r.err;
   insert(4, 4);
   const std::vector<LogFile> published = LogDirectory::list(logs);
   ASSERT_EQ(4u, published.size());
 
-  r = run(dir, {"status", logs, "--replica", replica, "--redis", at, "--stream-prefix", "erp",
-                "--consumer", "redis:" + at});
+  r = runFbcdc(dir, {"status", logs, "--replica", replica, "--redis", at, "--stream-prefix", "erp",
+                     "--consumer", "redis:" + at});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ((Strings{"4 " + published[0].name, "1 " + published[3].name, "4 " + published[0].name}),
             backlogs(r.out))
       << "the last under the prefix fbcdc";
-  r = run(dir, {"prune", logs, "--consumer", consumer});
+  r = runFbcdc(dir, {"prune", logs, "--consumer", consumer});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ("fbcdc prune: " + consumer + " has taken nothing: every log stays\n", r.err);
   EXPECT_FALSE(hasPositionTable()) << "reading a replica's position made its table";
@@ -344,17 +306,17 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadReplicaAndRedisPositions) {
       applier.apply(published[i], position);
     }
   }
-  r = run(dir, {"prune", logs, "--consumer", consumer, "--consumer", redis});
+  r = runFbcdc(dir, {"prune", logs, "--consumer", consumer, "--consumer", redis});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_THAT(r.out, HasSubstr("prune: 2 logs removed"));
   EXPECT_EQ((Strings{published[2].name, published[3].name, PruneMark::kFileName}),
             listDirectory(logs));
-  r = run(dir, {"status", logs, "--consumer", consumer, "--consumer", redis});
+  r = runFbcdc(dir, {"status", logs, "--consumer", consumer, "--consumer", redis});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ((Strings{"2 " + published[2].name, "1 " + published[3].name}), backlogs(r.out));
   EXPECT_EQ("1 2 ", rows());
   server.stop();  // a server that cannot be reached
-  r = run(dir, {"prune", logs, "--consumer", redis});
+  r = runFbcdc(dir, {"prune", logs, "--consumer", redis});
   EXPECT_EQ(1, r.status);
   EXPECT_THAT(r.err, HasSubstr("fbcdc prune: " + redis + ": cannot connect to Redis at " + at));
 }
@@ -423,8 +385,8 @@ TEST_F(ConsumerPruneTest, FollowersKilledAnApplierAndPrunesLoseNothing) {
   std::map<std::uint64_t, int> counts;  // events per published log, by transaction
   int runs = 0, id = 1;
   const auto follow = [&] {
-    return start({"follow", logs, "--checkpoint", checkpoint},
-                 dir / ("run" + std::to_string(runs++) + ".jsonl"), dir / "follow.err");
+    return startFbcdc({"follow", logs, "--checkpoint", checkpoint},
+                      dir / ("run" + std::to_string(runs++) + ".jsonl"), dir / "follow.err");
   };
   for (int round = 0; round < 8; ++round) {
     const pid_t pid = follow();

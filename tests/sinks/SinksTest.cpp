@@ -1,24 +1,27 @@
 // fbcdc follow into Kafka (librdkafka's mock cluster, in this process) and Redis Streams (a real
 // redis-server on a free loopback port): every event of every log arrives, and broker failures and
-// kills in the middle lose nothing.
+// kills in the middle lose nothing; librdkafka's settings from a file; and the logins Redis may
+// want.
 #include <gtest/gtest.h>
 #include <hiredis/hiredis.h>
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <map>
 #include <random>
 #include <regex>
+#include <sstream>
 
 #include "Database.h"
 #include "EventWriter.h"
+#include "FbcdcRuns.h"
 #include "LiteralRow.h"
 #include "LogDirectory.h"
 #include "PluginFixture.h"
-#include "Processes.h"
 #include "RedisServer.h"
 #include "StreamSink.h"
 
@@ -75,10 +78,10 @@ class SinksTest : public PluginFixture {
 
   // Every event of every log in the directory, by identity, as fbcdc dump prints it.
   Events expected() {
-    EXPECT_EQ(0,
-              waitFor(spawn({FBCDC_CLI_PATH, "dump", logs}, dir / "dump.jsonl", dir / "dump.err")));
+    const FbcdcOutcome dump = runFbcdc(dir, {"dump", logs});
+    EXPECT_EQ(0, dump.status) << dump.err;
     Events events;
-    std::istringstream in(readText(dir / "dump.jsonl"));
+    std::istringstream in(dump.out);
     for (std::string line; std::getline(in, line);) events[identity(line)] = masked(line);
     return events;
   }
@@ -148,6 +151,11 @@ std::map<std::string, std::vector<std::pair<std::string, std::string>>> consume(
 
 // Keys come from the source's primary keys: every message of an ORDERS row, insert, update, delete
 // and tombstone, carries {"ID":n}; LINES has no key and is keyed by its name, without tombstones.
+// Then follow -F FILE: librdkafka's settings from a file of KEY=VALUE lines (# comments), as kcat
+// reads them, so that SASL and SSL secrets stay off the command line; -X given as well wins. The
+// logs are delivered only where the file's bootstrap.servers points (nothing listens on port 1),
+// and fail where -X points elsewhere: each run's checkpoint is $/N.pos, and the transcript
+// golden/kafka_properties.txt.
 TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
   {
     Database source(dir / "source.fdb", true);
@@ -161,18 +169,18 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
   for (const char* t : {"fbcdc.ORDERS", "fbcdc.LINES", "fbcdc.transaction"})
     rd_kafka_mock_topic_create(cluster, t, 3, 1);
   const std::string checkpoint = dir / "checkpoint";
-  auto follow = [&](const std::string& err) {
+  auto follow = [&] {
     // One message per request, so that an injected error falls in the middle of a log.
-    return waitFor(
-        spawn({FBCDC_CLI_PATH, "follow", logs, "--once", "--sink", "kafka", "--brokers", brokers,
-               "--checkpoint", checkpoint, "--tombstones", "--transactions", "--keys-from",
-               dir / "source.fdb", "-X", "linger.ms=0", "-X", "batch.num.messages=1"},
-              dir / "follow.out", err));
+    return runFbcdc(
+        dir, {"follow", logs, "--once", "--sink", "kafka", "--brokers", brokers, "--checkpoint",
+              checkpoint, "--tombstones", "--transactions", "--keys-from", dir / "source.fdb", "-X",
+              "linger.ms=0", "-X", "batch.num.messages=1"});
   };
   publish(1, 20);
   publish(2, 10);
-  ASSERT_EQ(0, follow(dir / "err1.txt")) << readText(dir / "err1.txt");
-  EXPECT_NE(std::string::npos, readText(dir / "err1.txt").find("LINES")) << "said at start";
+  FbcdcOutcome r = follow();
+  ASSERT_EQ(0, r.status) << r.err;
+  EXPECT_NE(std::string::npos, r.err.find("LINES")) << "said at start";
   const std::string before = readText(checkpoint);
   EXPECT_NE(std::string::npos, before.find("_0000000000000002.fbl"));
 
@@ -181,11 +189,12 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
       cluster, kProduceRequest, 6, RD_KAFKA_RESP_ERR_NO_ERROR, RD_KAFKA_RESP_ERR_NO_ERROR,
       RD_KAFKA_RESP_ERR_NO_ERROR, RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED,
       RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED, RD_KAFKA_RESP_ERR_TOPIC_AUTHORIZATION_FAILED);
-  EXPECT_EQ(1, follow(dir / "err2.txt"));
-  EXPECT_NE(std::string::npos, readText(dir / "err2.txt").find("_0000000000000003.fbl"))
-      << readText(dir / "err2.txt");
+  r = follow();
+  EXPECT_EQ(1, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("_0000000000000003.fbl")) << r.err;
   EXPECT_EQ(before, readText(checkpoint)) << "the checkpoint stays before the failed log";
-  ASSERT_EQ(0, follow(dir / "err3.txt")) << readText(dir / "err3.txt");
+  r = follow();
+  ASSERT_EQ(0, r.status) << r.err;
 
   const auto topics = consume(brokers, {"fbcdc.ORDERS", "fbcdc.LINES", "fbcdc.transaction"});
   Events arrived;
@@ -209,6 +218,29 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
   EXPECT_EQ("", compare(expected(), arrived));
   EXPECT_GE(tombstones, 8u);  // the ORDERS rows among the deletes of 20, 10 and 30 rows
   EXPECT_GE(markers, 6u);     // BEGIN and END of three logs, one of them perhaps twice
+
+  writeFile(dir / "client.properties", "# the cluster\n   bootstrap.servers = " + brokers +
+                                           "  \n\nmessage.timeout.ms=3000\nacks=not-a-value\n");
+  writeFile(dir / "bad.properties", "# fine\nlinger.ms=5\nsasl.password secret\n");
+  const std::string transcript = transcriptOf(
+      dir,
+      {"follow L/ --once --sink kafka --brokers NOWHERE --checkpoint $/1.pos -F "
+       "$/client.properties -X acks=all",
+       "follow L/ --once --sink kafka --brokers NOWHERE --checkpoint $/2.pos -F "
+       "$/client.properties -X acks=all -X bootstrap.servers=NOWHERE",
+       "follow L/ --once --sink kafka --brokers NOWHERE --checkpoint $/3.pos -F "
+       "$/client.properties",
+       "follow L/ --once --sink kafka --brokers NOWHERE --checkpoint $/4.pos -F $/bad.properties",
+       "follow L/ --once --sink kafka --brokers NOWHERE --checkpoint $/5.pos -F $/missing"},
+      {{"L/", logs}, {"$/", dir.path()}, {"NOWHERE", "127.0.0.1:1"}},
+      [](const std::string& text, bool err) { return err ? text : ""; });
+  expectGolden("sinks/golden/kafka_properties.txt",
+               std::regex_replace(std::regex_replace(replaceAll(transcript, dir.path(), "$/"),
+                                                     std::regex("%[0-9]\\|[^\n]*\n"), ""),
+                                  std::regex("[0-9a-f]{16}_[0-9a-f]{16}|the first to [^:]*"), "#"));
+  EXPECT_NE(std::string::npos, readText(dir / "1.pos").find("_0000000000000003.fbl"));
+  for (const char* missing : {"2.pos", "3.pos", "4.pos", "5.pos"})
+    EXPECT_FALSE(fileExists(dir / missing)) << missing;
   rd_kafka_mock_cluster_destroy(cluster);
   rd_kafka_destroy(host);
 }
@@ -216,14 +248,11 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
 TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
   RedisServer server(dir.path());
   ASSERT_TRUE(server.ready()) << "redis-server did not start: " << server.errors();
-  redisContext* redis = server.context();
-  const std::string redisAddress = server.address();
-  std::vector<std::string> follow = {FBCDC_CLI_PATH, "follow",  logs,        "--sink",
-                                     "redis",        "--redis", redisAddress};
+  Strings follow = {"follow", logs, "--sink", "redis", "--redis", server.address()};
   std::mt19937 random(3);
   std::uint64_t number = 1;
   for (int round = 0; round < 6; ++round) {
-    const pid_t pid = spawn(follow, dir / "follow.out", dir / "follow.err");
+    const pid_t pid = startFbcdc(follow, dir / "follow.out", dir / "follow.err");
     for (int i = 0; i < 4; ++i) {
       publish(number++, 1 + static_cast<int>(random() % 300));
       ::usleep(random() % 20000);
@@ -231,47 +260,168 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
     stop(pid, SIGKILL);
   }
   follow.push_back("--once");
-  ASSERT_EQ(0, waitFor(spawn(follow, dir / "follow.out", dir / "follow.err")))
-      << readText(dir / "follow.err");
+  FbcdcOutcome r = runFbcdc(dir, follow);
+  ASSERT_EQ(0, r.status) << r.err;
 
   // A key under the prefix that is not a stream: the log that would write it is refused whole,
   // its other entries and the position stay out, and once the key is gone it arrives whole.
-  // run: a command's string reply, "" for any other.
-  auto run = [&](const char* fmt, const char* key) {
-    auto* reply = static_cast<redisReply*>(redisCommand(redis, fmt, key));
-    const std::string text = reply->type == REDIS_REPLY_STRING ? reply->str : "";
-    freeReplyObject(reply);
-    return text;
-  };
-  const std::string position = run("GET %s", "fbcdc.checkpoint");
+  const std::string position = server.command({"GET", "fbcdc.checkpoint"});
   ASSERT_NE("", position);
-  run("SET %s not-a-stream", "fbcdc:LINES");
+  server.command({"SET", "fbcdc:LINES", "not-a-stream"});
   publish(number++, 12);
-  EXPECT_EQ(1, waitFor(spawn(follow, dir / "follow.out", dir / "follow.err")));
-  EXPECT_NE(std::string::npos, readText(dir / "follow.err").find("WRONGTYPE fbcdc:LINES"))
-      << readText(dir / "follow.err");
-  EXPECT_EQ(position, run("GET %s", "fbcdc.checkpoint")) << "the position stays before the log";
+  r = runFbcdc(dir, follow);
+  EXPECT_EQ(1, r.status);
+  EXPECT_NE(std::string::npos, r.err.find("WRONGTYPE fbcdc:LINES")) << r.err;
+  EXPECT_EQ(position, server.command({"GET", "fbcdc.checkpoint"})) << "the position stays";
   // The LINES events of earlier logs went with the key: they are sent again from the start.
-  for (const char* key : {"fbcdc:LINES", "fbcdc.checkpoint", "fbcdc:ORDERS", "fbcdc:transaction"})
-    run("DEL %s", key);
-  ASSERT_EQ(0, waitFor(spawn(follow, dir / "follow.out", dir / "follow.err")))
-      << readText(dir / "follow.err");
+  server.command({"DEL", "fbcdc:LINES", "fbcdc.checkpoint", "fbcdc:ORDERS", "fbcdc:transaction"});
+  r = runFbcdc(dir, follow);
+  ASSERT_EQ(0, r.status) << r.err;
 
+  // The streams' entries, one a line, each an id, its field's name and its value (the JSON).
   Events arrived;
   std::size_t duplicates = 0;
   for (const char* stream : {"fbcdc:ORDERS", "fbcdc:LINES", "fbcdc:transaction"}) {
-    auto* reply = static_cast<redisReply*>(redisCommand(redis, "XRANGE %s - +", stream));
-    ASSERT_EQ(REDIS_REPLY_ARRAY, reply->type);
-    for (std::size_t i = 0; i < reply->elements; ++i) {
-      const redisReply* fields = reply->element[i]->element[1];
-      const std::string value(fields->element[1]->str, fields->element[1]->len);
+    std::istringstream entries(server.command({"XRANGE", stream, "-", "+"}));
+    for (std::string value; std::getline(entries, value);) {
+      if (value.empty() || value[0] != '{') continue;
       duplicates += arrived.count(identity(value));
       arrived[identity(value)] = masked(value);
     }
-    freeReplyObject(reply);
   }
   EXPECT_EQ(0u, duplicates);
   EXPECT_EQ("", compare(expected(), arrived));
+}
+
+// follow --sink redis (and status, prune) against a real redis-server that wants a login: the
+// default user's password (requirepass) from FBCDC_REDIS_PASSWORD or --redis-password-file, an
+// ACL user limited to the fbcdc keys and the commands the sink uses, a database other than 0, a
+// Unix socket, and TLS through a local stunnel tunnel to redis-server's own TLS port on a
+// certificate made here. A refused login is one line, exit status 1, and nothing written. The
+// transcript is golden/redis_logins.txt, with the test's directory as $/ and the ports as names.
+using RedisAuthTest = SinksTest;
+TEST_F(RedisAuthTest, PasswordAclUserDatabaseSocketAndTls) {
+  for (const char* tool : {"/usr/bin/openssl", "/usr/bin/stunnel4"})
+    if (::access(tool, X_OK) != 0)
+      GTEST_SKIP() << tool << " is not installed: no TLS server to test with";
+  // A certificate authority, and a certificate for 127.0.0.1 and localhost signed by it.
+  const std::string d = dir.path();
+  writeFile(d + "san.ext", "subjectAltName=IP:127.0.0.1,DNS:localhost\n");
+  for (const Strings& step : std::vector<Strings>{
+           {"openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", d + "ca.key",
+            "-out", d + "ca.crt", "-days", "2", "-subj", "/CN=fbcdc test CA"},
+           {"openssl", "req", "-newkey", "rsa:2048", "-nodes", "-keyout", d + "redis.key", "-out",
+            d + "redis.csr", "-subj", "/CN=localhost"},
+           {"openssl", "x509", "-req", "-in", d + "redis.csr", "-CA", d + "ca.crt", "-CAkey",
+            d + "ca.key", "-CAcreateserial", "-out", d + "redis.crt", "-days", "2", "-extfile",
+            d + "san.ext"}})
+    ASSERT_EQ(0, waitFor(spawn(step, d + "openssl.out", d + "openssl.err")))
+        << readText(d + "openssl.err");
+  const int tlsPort = loopbackPort();
+  const std::string socket = dir / "redis.sock";
+  RedisServer server(
+      dir.path(), {"--requirepass", "server-pw", "--unixsocket", socket, "--unixsocketperm", "700",
+                   "--tls-port", std::to_string(tlsPort), "--tls-cert-file", dir / "redis.crt",
+                   "--tls-key-file", dir / "redis.key", "--tls-ca-cert-file", dir / "ca.crt",
+                   "--tls-auth-clients", "no"});
+  ASSERT_TRUE(server.ready()) << "redis-server did not start: " << server.errors();
+  ASSERT_EQ("OK", server.command({"AUTH", "server-pw"}));
+  // The commands the sink sends; keys under fbcdc only.
+  ASSERT_EQ("OK", server.command({"ACL", "SETUSER", "fbcdc", "on", ">fbcdc-pw", "~fbcdc*",
+                                  "resetchannels", "-@all", "+type", "+get", "+set", "+xadd",
+                                  "+watch", "+unwatch", "+multi", "+exec", "+select", "+auth"}));
+
+  // A local tunnel: plain TCP on a loopback port, TLS to the server, its certificate checked.
+  const int tunnelPort = loopbackPort();
+  writeFile(dir / "stunnel.conf",
+            "foreground = yes\npid =\n[redis]\nclient = yes\naccept = 127.0.0.1:" +
+                std::to_string(tunnelPort) + "\nconnect = 127.0.0.1:" + std::to_string(tlsPort) +
+                "\nCAfile = " + dir / "ca.crt" + "\nverifyChain = yes\ncheckHost = localhost\n");
+  const pid_t tunnel =
+      spawn({"/usr/bin/stunnel4", dir / "stunnel.conf"}, dir / "stunnel.out", dir / "stunnel.err");
+  for (int i = 0; i < 100 && !loopbackAccepts(tunnelPort); ++i) ::usleep(50000);
+
+  for (const char* f : {"server", "fbcdc", "wrong"}) {
+    writeFile(dir / (f + std::string(".pw")), f + std::string(f[0] == 'w' ? "\n" : "-pw\n"));
+    ::chmod((dir / (f + std::string(".pw"))).c_str(), 0600);
+  }
+  publish(1, 0);
+  // Each run's stream prefix is fbcdc and its number, but for the user outside its keys; what it
+  // sends goes to the database of --redis-db=N, or 0. TCP, TLS and TUNNEL: the server's plain and
+  // TLS ports and the tunnel's.
+  const std::string transcript = transcriptOf(
+      dir,
+      {// The default user's password from FBCDC_REDIS_PASSWORD or a file, the ACL user.
+       "FBCDC_REDIS_PASSWORD=server-pw follow L/ --once --sink redis --stream-prefix fbcdc1 "
+       "--redis TCP",
+       "follow L/ --once --sink redis --stream-prefix fbcdc2 --redis TCP --redis-password-file "
+       "$/server.pw",
+       "follow L/ --once --sink redis --stream-prefix fbcdc3 --redis TCP --redis-user fbcdc "
+       "--redis-password-file $/fbcdc.pw",
+       "FBCDC_REDIS_PASSWORD=fbcdc-pw follow L/ --once --sink redis --stream-prefix fbcdc4 "
+       "--redis TCP --redis-user=fbcdc --redis-db=3",
+       "FBCDC_REDIS_PASSWORD=server-pw follow L/ --once --sink redis --stream-prefix fbcdc5 "
+       "--redis unix:$/redis.sock",
+       "FBCDC_REDIS_PASSWORD=fbcdc-pw follow L/ --once --sink redis --stream-prefix fbcdc6 "
+       "--redis TUNNEL --redis-user fbcdc",
+       // A wrong password, the ACL user with the default user's, none; the ACL user outside its
+       // keys, a database that is not there.
+       "follow L/ --once --sink redis --stream-prefix fbcdc7 --redis TCP --redis-password-file "
+       "$/wrong.pw",
+       "FBCDC_REDIS_PASSWORD=server-pw follow L/ --once --sink redis --stream-prefix fbcdc8 "
+       "--redis unix:$/redis.sock --redis-user fbcdc",
+       "follow L/ --once --sink redis --stream-prefix fbcdc9 --redis TCP",
+       "FBCDC_REDIS_PASSWORD=fbcdc-pw follow L/ --once --sink redis --stream-prefix other "
+       "--redis TCP --redis-user fbcdc",
+       "FBCDC_REDIS_PASSWORD=server-pw follow L/ --once --sink redis --stream-prefix fbcdc10 "
+       "--redis TCP --redis-db=99"},
+      {{"L/", logs},
+       {"$/", dir.path()},
+       {"TCP", server.address()},
+       {"TUNNEL", "127.0.0.1:" + std::to_string(tunnelPort)}});
+  expectGolden("sinks/golden/redis_logins.txt",
+               replaceAll(replaceAll(transcript, dir.path(), "$/"), server.address(), "TCP"));
+  // The TLS port without the tunnel: one line, whatever the server answers to plain text.
+  const FbcdcOutcome tls = runFbcdc(dir,
+                                    {"follow", logs, "--once", "--sink", "redis", "--stream-prefix",
+                                     "fbcdc11", "--redis", "127.0.0.1:" + std::to_string(tlsPort)},
+                                    {"FBCDC_REDIS_PASSWORD=server-pw"});
+  EXPECT_EQ(1, tls.status);
+  EXPECT_EQ(1, std::count(tls.err.begin(), tls.err.end(), '\n')) << tls.err;
+
+  // What reached Redis, in every database the server has: each accepted run's log and position,
+  // in the database it asked for, and nothing of a refused one.
+  const std::map<int, Strings> accepted = {{0, {"fbcdc1", "fbcdc2", "fbcdc3", "fbcdc5", "fbcdc6"}},
+                                           {3, {"fbcdc4"}}};
+  for (int db = 0; db < 16; ++db) {
+    ASSERT_EQ("OK", server.command({"SELECT", std::to_string(db)}));
+    Strings expected, keys;
+    for (const std::string& prefix : accepted.count(db) ? accepted.at(db) : Strings{}) {
+      expected.insert(expected.end(), {prefix + ".checkpoint", prefix + ":transaction"});
+      EXPECT_NE(std::string::npos,
+                server.command({"GET", prefix + ".checkpoint"}).find("_0000000000000001.fbl"))
+          << prefix;
+    }
+    std::istringstream found(server.command({"KEYS", "*"}));
+    for (std::string key; std::getline(found, key);) keys.push_back(key);
+    std::sort(expected.begin(), expected.end());
+    std::sort(keys.begin(), keys.end());
+    EXPECT_EQ(expected, keys) << "database " << db;
+  }
+  ASSERT_EQ("OK", server.command({"SELECT", "0"}));
+
+  // status and prune read the position as the same logins.
+  const FbcdcOutcome status = runFbcdc(dir,
+                                       {"status", logs, "--redis", server.address(),
+                                        "--stream-prefix", "fbcdc3", "--redis-user", "fbcdc"},
+                                       {"FBCDC_REDIS_PASSWORD=fbcdc-pw"});
+  EXPECT_EQ(0, status.status) << status.err;
+  EXPECT_NE(std::string::npos, status.out.find("_0000000000000001.fbl")) << status.out;
+  const FbcdcOutcome prune =
+      runFbcdc(dir, {"prune", logs, "--consumer", "redis:unix:" + socket, "--dry-run"},
+               {"FBCDC_REDIS_PASSWORD=server-pw"});
+  EXPECT_EQ(0, prune.status) << prune.err;
+  stop(tunnel, SIGTERM);
 }
 
 }  // namespace

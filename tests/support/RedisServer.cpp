@@ -6,6 +6,18 @@
 #include "Processes.h"
 #include "TestFiles.h"
 
+namespace {
+
+std::string textOf(const redisReply* r) {
+  std::string text = r->type == REDIS_REPLY_INTEGER ? std::to_string(r->integer)
+                     : r->str                       ? std::string(r->str, r->len)
+                                                    : "";
+  for (std::size_t i = 0; i < r->elements; ++i) text += textOf(r->element[i]) + "\n";
+  return text;
+}
+
+}  // namespace
+
 RedisServer::RedisServer(const std::string& directory, const std::vector<std::string>& more)
     : directory_(directory) {
   port_ = loopbackPort();
@@ -31,6 +43,21 @@ RedisServer::~RedisServer() {
 void RedisServer::stop() {
   if (pid_ > 0) ::stop(pid_, SIGTERM);
   pid_ = -1;
+}
+
+std::string RedisServer::command(const std::vector<std::string>& args) const {
+  std::vector<const char*> argv;
+  std::vector<std::size_t> lengths;
+  for (const std::string& a : args) {
+    argv.push_back(a.data());
+    lengths.push_back(a.size());
+  }
+  auto* r = static_cast<redisReply*>(
+      redisCommandArgv(redis_, static_cast<int>(argv.size()), argv.data(), lengths.data()));
+  if (!r) return "(no reply)";
+  const std::string text = textOf(r);
+  freeReplyObject(r);
+  return text;
 }
 
 std::string RedisServer::errors() const { return readText(directory_ + "/redis.err"); }

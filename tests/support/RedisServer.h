@@ -22,6 +22,9 @@ class RedisServer {
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
   // A connection for the test's own commands.
   redisContext* context() const { return redis_; }
+  // The reply to a command of the test's own: a string, status or error as it is, an integer in
+  // decimal, an array's elements each followed by a newline (a nil, nothing).
+  std::string command(const std::vector<std::string>& args) const;
   // Stops the server now.
   void stop();
   // What the server wrote to stderr, for a failure's message.

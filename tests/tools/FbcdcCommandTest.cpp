@@ -11,32 +11,14 @@
 #include <regex>
 #include <sstream>
 
+#include "FbcdcRuns.h"
 #include "LogName.h"
 #include "PluginFixture.h"
 #include "PosixFaults.h"
-#include "Processes.h"
 
 namespace {
 
 using ::testing::HasSubstr;
-using ::testing::Not;
-
-// Starts fbcdc with args, its output going to files of the test.
-pid_t start(const std::vector<std::string>& args, const std::string& out, const std::string& err) {
-  std::vector<std::string> all = {FBCDC_CLI_PATH};
-  all.insert(all.end(), args.begin(), args.end());
-  return spawn(all, out, err);
-}
-
-struct Outcome {
-  int status;
-  std::string out, err;
-};
-
-Outcome run(const TempDir& dir, const std::vector<std::string>& args) {
-  const int status = waitFor(start(args, dir / "out.txt", dir / "err.txt"));
-  return {status, readText(dir / "out.txt"), readText(dir / "err.txt")};
-}
 
 class FbcdcCommandTest : public PluginFixture {
  protected:
@@ -58,9 +40,9 @@ class FbcdcCommandTest : public PluginFixture {
   }
 };
 
-// Each line's exit status, the first line of its output and all of its errors are in
+// Each line's output and errors (a long text by its first line) and exit status are in
 // golden/commands.txt, with the test's directory as $/ and log names and times masked;
-// FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed before a commit. A wrong invocation (status 2)
+// FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed before a commit: a wrong invocation (status 2)
 // is one line, and a failure comes before any event. (--until @99 ends at once: every log is later;
 // follow --until 2000-01-01 ends: no log can come.)
 TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
@@ -68,81 +50,60 @@ TEST_F(FbcdcCommandTest, ExitStatusesAndOneLineErrors) {
   ::mkdir((dir / "stray").c_str(), 0700);
   writeFile(dir / "stray/x", "");
   // Arguments: L/ the log directory, $/ the test's directory.
-  const char* const lines[] = {"",
-                               "--help",
-                               "help dump",
-                               "verify --help",
-                               "nosuch",
-                               "help nosuch",
-                               "dump",
-                               "dump --format xml L/",
-                               "dump L/ --format",
-                               "dump --to a --to b L/",
-                               "dump --bogus L/",
-                               "compare a b c",
-                               "dump --since 2023-11-14T22:13:20 L/",
-                               "dump --since 2026-02-30 L/",
-                               "dump --until @99 L/",
-                               "dump --since 2023-11-14 --until 2099-01-01T00:00:00Z L/",
-                               "follow L/ --key T=A",
-                               "follow L/ --sink kafka --brokers b:1 --maxlen 5",
-                               "follow L/ --sink redis --maxlen -5",
-                               "follow L/ --sink kafka",
-                               "follow L/ --sink redis --checkpoint c",
-                               "follow L/ --sink redis --format text",
-                               "follow L/ --once --checkpoint $/none/x.pos",
-                               "follow L/ --once --sink kafka --brokers b:1 -X no.such=1",
-                               "capture --database x --threads 0",
-                               "apply --follow=out --database r L/",
-                               "apply --database r --follow L/ L/",
-                               "apply --database $/none.fdb $/plain.fbl",
-                               "demo --dir $/stray",
-                               "dump $/none",
-                               "dump L/",
-                               "verify L/",
-                               "follow $/none",
-                               "dump $/.",
-                               "verify /dev/zero",
-                               "follow L/ --until 2000-01-01",
-                               "follow L/ --to 0000000000000001_0000000000000000.fbl"};
-  std::string transcript;
-  for (const std::string line : lines) {
-    SCOPED_TRACE(line);
-    std::vector<std::string> args;
-    std::istringstream words(line);
-    for (std::string w; words >> w;)
-      args.push_back(w.rfind("L/", 0) == 0   ? logs + w.substr(2)
-                     : w.rfind("$/", 0) == 0 ? dir / w.substr(2)
-                                             : w);
-    const Outcome r = run(dir, args);
-    // A long text (help, a listing) by its first line.
-    const auto shown = [](const std::string& text) {
-      return std::count(text.begin(), text.end(), '\n') > 3
-                 ? text.substr(0, text.find('\n') + 1) + "...\n"
-                 : text;
-    };
-    transcript += "$ fbcdc " + line + "\nexit " + std::to_string(r.status) + "\n" + shown(r.out) +
-                  shown(r.err) + "\n";
-    if (r.status == 2 && !args.empty()) {
-      EXPECT_EQ(1, std::count(r.err.begin(), r.err.end(), '\n')) << "one line: " << r.err;
-    }
-    if (r.status != 0) {
-      EXPECT_THAT(r.out, Not(HasSubstr("\"op\""))) << "no event before";
-    }
-  }
-  for (std::size_t at = 0; (at = transcript.find(dir.path(), at)) != std::string::npos;)
-    transcript.replace(at, dir.path().size(), "$/");
-  transcript = std::regex_replace(
-      transcript, std::regex("[0-9a-f]{16}_[0-9a-f]{16}|\"(ts_ms|time)\":[^,]*"), "#");
-  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/tools/golden/commands.txt";
-  EXPECT_EQ(readText(golden), transcript);
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, transcript);
+  const std::string transcript =
+      transcriptOf(dir,
+                   {"",
+                    "--help",
+                    "help dump",
+                    "verify --help",
+                    "nosuch",
+                    "help nosuch",
+                    "dump",
+                    "dump --format xml L/",
+                    "dump L/ --format",
+                    "dump --to a --to b L/",
+                    "dump --bogus L/",
+                    "compare a b c",
+                    "dump --since 2023-11-14T22:13:20 L/",
+                    "dump --since 2026-02-30 L/",
+                    "dump --until @99 L/",
+                    "dump --since 2023-11-14 --until 2099-01-01T00:00:00Z L/",
+                    "follow L/ --key T=A",
+                    "follow L/ --sink kafka --brokers b:1 --maxlen 5",
+                    "follow L/ --sink redis --maxlen -5",
+                    "follow L/ --sink kafka",
+                    "follow L/ --sink redis --checkpoint c",
+                    "follow L/ --sink redis --format text",
+                    "follow L/ --once --checkpoint $/none/x.pos",
+                    "follow L/ --once --sink kafka --brokers b:1 -X no.such=1",
+                    "capture --database x --threads 0",
+                    "apply --follow=out --database r L/",
+                    "apply --database r --follow L/ L/",
+                    "apply --database $/none.fdb $/plain.fbl",
+                    "demo --dir $/stray",
+                    "dump $/none",
+                    "dump L/",
+                    "verify L/",
+                    "follow $/none",
+                    "dump $/.",
+                    "verify /dev/zero",
+                    "follow L/ --until 2000-01-01",
+                    "follow L/ --to 0000000000000001_0000000000000000.fbl"},
+                   {{"L/", logs}, {"$/", dir.path()}}, [](const std::string& text, bool) {
+                     return std::count(text.begin(), text.end(), '\n') > 3
+                                ? text.substr(0, text.find('\n') + 1) + "...\n"
+                                : text;
+                   });
+  expectGolden(
+      "tools/golden/commands.txt",
+      std::regex_replace(replaceAll(transcript, dir.path(), "$/"),
+                         std::regex("[0-9a-f]{16}_[0-9a-f]{16}|\"(ts_ms|time)\":[^,]*"), "#"));
   // Every command's help fits 80 columns and speaks fbcdc's words, not CLI11's.
-  std::istringstream usage(run(dir, {"--help"}).out);
+  std::istringstream usage(runFbcdc(dir, {"--help"}).out);
   for (std::string entry; std::getline(usage, entry);) {
     if (entry.rfind("  ", 0) != 0) continue;  // the list of commands: "  NAME  what it does"
     const std::string command = entry.substr(2, entry.find(' ', 2) - 2);
-    std::istringstream help(run(dir, {"help", command}).out);
+    std::istringstream help(runFbcdc(dir, {"help", command}).out);
     for (std::string line; std::getline(help, line);) {
       EXPECT_LE(line.size(), 80u) << command << ": " << line;
       for (const char* foreign : {" TEXT", " INT", " UINT", ":{", "Print this help"})
@@ -185,7 +146,7 @@ TEST_F(FbcdcCommandTest, DumpAndVerifyNameBlockAndPosition) {
     writeFile(named + std::to_string(i + 1) + ".fbl", cases[i].first);
   writeFile(named + "8.tmp", good);
   writeFile(named + "9.tmp", Bytes(good.begin(), good.begin() + 3 * 32768));
-  const Outcome verify = run(dir, {"verify", dir / "checked"});
+  const FbcdcOutcome verify = runFbcdc(dir, {"verify", dir / "checked"});
   EXPECT_EQ(1, verify.status);
   for (const char* line : {"0008.tmp: complete but never published (800 events)",
                            "0009.tmp: incomplete: block 3, log position 98304",
@@ -200,7 +161,7 @@ TEST_F(FbcdcCommandTest, DumpAndVerifyNameBlockAndPosition) {
   for (std::size_t i = 0; i < std::size(cases); ++i) {
     SCOPED_TRACE(cases[i].second);
     const std::string path = named + std::to_string(i + 1) + ".fbl";
-    const Outcome dump = run(dir, {"dump", path});
+    const FbcdcOutcome dump = runFbcdc(dir, {"dump", path});
     EXPECT_EQ(1, dump.status);
     const std::string said = after(dump.err, "fbcdc dump: " + path + ": ");
     EXPECT_EQ(after(verify.out, path + ": damaged: "), said);
@@ -215,17 +176,17 @@ TEST_F(FbcdcCommandTest, DumpAndVerifyNameBlockAndPosition) {
 TEST_F(FbcdcCommandTest, FollowEndsWithItsDirectoryAndTakesALateRename) {
   const std::string checkpoint = dir / "checkpoint";
   publish(1, 3);
-  ASSERT_EQ(0, run(dir, {"follow", logs, "--once", "--checkpoint", checkpoint}).status);
+  ASSERT_EQ(0, runFbcdc(dir, {"follow", logs, "--once", "--checkpoint", checkpoint}).status);
   const std::string gone = dir / "gone";
   ::mkdir(gone.c_str(), 0700);
-  const pid_t orphan = start({"follow", gone}, dir / "gone.jsonl", dir / "gone.txt");
+  const pid_t orphan = startFbcdc({"follow", gone}, dir / "gone.jsonl", dir / "gone.txt");
   ::usleep(300000);
   ::rmdir(gone.c_str());
   EXPECT_EQ(1, stop(orphan, 0));  // no signal: it must end by itself
   EXPECT_THAT(readText(dir / "gone.txt"), HasSubstr("was removed or moved away"));
 
-  const pid_t late = start({"follow", logs, "--checkpoint", checkpoint, "--format", "text"},
-                           dir / "late.txt", dir / "err.txt");
+  const pid_t late = startFbcdc({"follow", logs, "--checkpoint", checkpoint, "--format", "text"},
+                                dir / "late.txt", dir / "err.txt");
   ::sleep(1);
   PosixFaults::setTime(::time(nullptr) - 600);
   const std::string stalled = LogName::baseName(publish(9999, 3));
