@@ -7,9 +7,12 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <random>
+#include <sstream>
 #include <tuple>
 
 #include "Crc32c.h"
@@ -128,89 +131,60 @@ TEST_F(TWriteFileTest, ValuesAtEveryOffsetAroundTheBlockEdge) {
   }
 }
 
-// Reading on from anywhere: runs across blocks, skips over whole blocks (each one read and
-// verified), seeks within the loaded block (no file operation) and to other blocks, and the end.
-TEST_F(TReadFileTest, GetBytesSkipAndSeek) {
-  const Bytes stream = randomBytes(5 * 32764, 11);  // ends with a full block
-  TReadFile r;
-  r.open(writeLog(stream).c_str(), true);
-  Bytes none(4, 0x55);
-  r.getBytes(none.data(), 0);
-  r.getBytes(none.data(), -3);
-  EXPECT_EQ(Bytes(4, 0x55), none);
-  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kRead)) << "nothing read for an empty request";
-  Bytes run(70000);
-  r.getBytes(run.data(), 70000);
-  EXPECT_EQ(Bytes(stream.begin(), stream.begin() + 70000), run);
-  EXPECT_EQ(positionOf(70000), r.getPosition());
-  PosixFaults::reset();
-  r.skip(2 * 32764 + 3);  // over two whole blocks into the fifth
-  EXPECT_EQ(2, PosixFaults::calls(PosixFaults::kRead));
-  EXPECT_EQ(stream[70000 + 2 * 32764 + 3], r.getByte());
-  // A skip that ends at the end of a block's data, here the end of the file, loads no block past
-  // it; the position is the next block's start.
-  r.seek(100);
-  PosixFaults::reset();
-  r.skip(5 * 32764 - 100);
-  EXPECT_EQ(4, PosixFaults::calls(PosixFaults::kRead));
-  EXPECT_EQ(5 * 32768, r.getPosition());
-  EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { r.getByte(); }));
-
-  r.seek(100);
-  EXPECT_EQ(stream[100], r.getByte());
-  PosixFaults::reset();
-  r.seek(5);
-  EXPECT_EQ(0, PosixFaults::calls(PosixFaults::kRead) + PosixFaults::calls(PosixFaults::kLseek64));
-  EXPECT_EQ(5, r.getPosition());
-  EXPECT_EQ(stream[5], r.getByte());
-  r.seek(2 * 32768 + 17);
-  EXPECT_EQ(2 * 32768 + 17, r.getPosition());
-  EXPECT_EQ(stream[2 * 32764 + 17], r.getByte());
-  r.seek(32768);
-  EXPECT_EQ(stream[32764], r.getByte());
-  // The length of a file that ends with a full block is the start of a block that does not exist.
-  EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { r.seek(5 * 32768); }));
-  EXPECT_EQ(5 * 32768, r.getPosition());
-  EXPECT_EQ("TRF::Seek: Invalid argument", failureOf([&] { r.seek(-1); }));
-  TReadFile closed;
-  EXPECT_EQ("TRF::Seek: Bad file descriptor", failureOf([&] { closed.seek(40000); }));
-  EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { closed.getByte(); }));
-}
-
-// Without CRC checking every byte of a file is handed out, the trailer included (a damaged or cut
-// block with it: TReadFileFuzz, and dump and verify's wording: FbcdcCommandTest). A directory, a
-// missing file, a sparse file of 5 GiB.
-TEST_F(TReadFileTest, RawAndOddFiles) {
-  const Bytes stream = randomBytes(32764 + 60, 19);
-  const Bytes good = readFile(writeLog(stream));
-  TReadFile raw;
-  raw.open(path.c_str(), false);
-  Bytes all(good.size());
-  raw.getBytes(all.data(), static_cast<std::int32_t>(all.size()));
-  EXPECT_EQ(good, all);
-  EXPECT_EQ("TRF::RB: Unexpected EOF", failureOf([&] { raw.getByte(); }));
+// Reading on from anywhere, step by step: each step's outcome (the byte, or the CRC-32C of the
+// bytes, or the failure; the position; the reads and seeks it made) is a line of golden/reader.txt
+// (FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed line by line before a commit). Runs across
+// blocks, skips over whole blocks (each one read and verified) and to the end of a block's data
+// (no block loaded past it), seeks within the loaded block (no file operation) and to other
+// blocks, the end of a log that ends with a full block; without CRC checking every byte, trailers
+// included (a damaged or cut block: TReadFileFuzz, and dump and verify's wording:
+// FbcdcCommandTest); a directory, a missing file, a reader never opened, and a sparse file of
+// 5 GiB: seek takes 64-bit positions.
+TEST_F(TReadFileTest, StepByStep) {
+  const Bytes file = readFile(writeLog(randomBytes(5 * 32764, 11)));  // ends with a full block
   ::mkdir((dir / "directory").c_str(), 0700);
-  TReadFile directory;
-  directory.open((dir / "directory").c_str(), true);
-  EXPECT_EQ("TRF::RB: Is a directory", failureOf([&] { directory.getByte(); }));
-  TReadFile missing;
-  EXPECT_EQ("auto TRF::Open: Cannot open " + dir / "missing" + ": No such file or directory",
-            failureOf([&] { missing.open((dir / "missing").c_str(), true); }));
-  EXPECT_EQ("TRF::RB: File is not opened", failureOf([&] { missing.getByte(); }));
-
-  // A log of 4 GiB and more is reachable: seek takes 64-bit positions. Only the last block of
-  // this sparse file is written.
   const std::int64_t far = (std::int64_t{5} << 30) + 3 * 32768;
-  const std::string bad = dir / "sparse";
-  FILE* f = std::fopen(bad.c_str(), "wb");
+  FILE* f = std::fopen((dir / "sparse").c_str(), "wb");  // only the last block is written
   fseeko(f, far, SEEK_SET);
-  std::fwrite(good.data(), 1, 32768, f);
+  std::fwrite(file.data(), 1, 32768, f);
   std::fclose(f);
-  TReadFile r;
-  r.open(bad.c_str(), true);
-  r.seek(far + 1000);
-  EXPECT_EQ(far + 1000, r.getPosition());
-  EXPECT_EQ(stream[1000], r.getByte());
+  // Each step: "open" a file with CRC checking or "raw" without, "new" a reader never opened, or an
+  // operation and its argument. From the log's start, 65531 skips two blocks' data and 3 bytes
+  // more, 163720 from 100 is the end of the log's data; 5368808424 is 1000 into the sparse block.
+  std::istringstream steps(
+      "open log, bytes 0, bytes -3, bytes 70000, skip 65531, byte -, seek 100, skip 163720, "
+      "byte -, seek 100, byte -, seek 5, byte -, seek 65553, byte -, seek 32768, byte -, "
+      "seek 163840, seek -1, raw log, bytes 163840, byte -, open directory, byte -, "
+      "open missing, byte -, new -, seek 40000, byte -, open sparse, seek 5368808424, byte -");
+  std::unique_ptr<TReadFile> r;
+  std::string text, op, arg;
+  while (steps >> op >> arg) {
+    arg.erase(arg.find_last_not_of(',') + 1);
+    const std::int64_t n = std::atoll(arg.c_str());
+    PosixFaults::reset();
+    Bytes data(std::max<std::int64_t>(n, 0) + 1, 0x55);  // one byte more, which stays 55
+    std::string failure = failureOf([&] {
+      if (op == "new" || op == "open" || op == "raw") r = std::make_unique<TReadFile>();
+      if (op == "open" || op == "raw") r->open((dir / arg).c_str(), op == "open");
+      if (op == "bytes") r->getBytes(data.data(), static_cast<std::int32_t>(n));
+      if (op == "byte") data[0] = r->getByte();
+      if (op == "skip") r->skip(static_cast<std::uint32_t>(n));
+      if (op == "seek") r->seek(n);
+    });
+    if (failure.find(dir.path()) != std::string::npos)
+      failure.replace(failure.find(dir.path()), dir.path().size(), "$/");
+    text += op + " " + arg + ": " + failure;
+    if (failure.empty() && op == "byte") text += hex({data[0]});
+    if (failure.empty() && op == "bytes")
+      text += "CRC-32C " + std::to_string(slowCrc32c(data.data(), data.size() - 1)) + ", then " +
+              hex({data.back()});
+    text += ", position " + std::to_string(r->getPosition()) + ", " +
+            std::to_string(PosixFaults::calls(PosixFaults::kRead)) + " reads, " +
+            std::to_string(PosixFaults::calls(PosixFaults::kLseek64)) + " seeks\n";
+  }
+  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/blockfile/golden/reader.txt";
+  EXPECT_EQ(readText(golden), text);
+  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text);
 }
 
 // An owned text is formatted, and one longer than 2046 characters is cut.

@@ -2,9 +2,9 @@
 // byte as the format lays them out, and every refusal: types without a recording, names and texts
 // too long for their length, and what a server should never hand over; the bytes and status of
 // each case are in golden/records.txt (FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed line by
-// line before a commit). A log's name, publication at commit, statement records, a commit marker
-// or a savepoint at a block's edge, and a file that could not be created. Blobs read from a real
-// database through the embedded engine, and the server's own errors while one is read. (Random
+// line before a commit). A log's name, publication at commit, statement records, a savepoint at a
+// block's edge, and a file that could not be created. Blobs read from a real database through the
+// embedded engine, and the server's own errors while one is read (golden/blobs.txt). (Random
 // savepoint sequences and blobs of every size are LogDecoderTest's, the failure of every call
 // FaultSweepTest's, empty transactions CrashStateTest's.)
 #include "ReplTransaction.h"
@@ -56,6 +56,94 @@ class Image : public Firebird::IReplRecord {
   Firebird::IReplField* cursor_;
 };
 
+// Passes openBlob to a real attachment; its blobs count the caller's references, and the engine's
+// blob is closed under the reader before its read numbered closeAt (the close counts as the last
+// read), so that the engine itself refuses what follows with its own error. The plugin asks only
+// for openBlob, getSegment, close and release: the other entries of the interface tables stay
+// empty and would fail loudly.
+class ForwardingAttachment : public Firebird::IAttachment {
+ public:
+  ForwardingAttachment(Firebird::IAttachment* real, int closeAt)
+      : IAttachment(Firebird::DoNotInherit()), real_(real), closeAt_(closeAt) {
+    table_.version = VERSION;
+    table_.openBlob = openBlob;
+    cloopVTable = &table_;
+  }
+
+  int opened = 0, givenUp = 0, extraReleases = 0;
+
+ private:
+  struct Blob : Firebird::IBlob {
+    Blob(ForwardingAttachment& owner, Firebird::IBlob* real)
+        : IBlob(Firebird::DoNotInherit()), owner(owner), real(real) {
+      static Firebird::IBlob::VTable table = [] {
+        Firebird::IBlob::VTable t{};
+        t.version = VERSION;
+        t.getSegment = ForwardingAttachment::getSegment;
+        t.close = ForwardingAttachment::close;
+        t.release = ForwardingAttachment::release;
+        return t;
+      }();
+      cloopVTable = &table;
+    }
+    // Counts a read; before the one numbered closeAt the engine's blob is closed, kept alive.
+    Blob& read() {
+      if (reads++ == owner.closeAt_) {
+        FbStatus own;
+        Firebird::CheckStatusWrapper wrapper(own);
+        real->addRef();
+        real->close(&wrapper);
+      }
+      return *this;
+    }
+    ForwardingAttachment& owner;
+    Firebird::IBlob* real;
+    int reads = 0, references = 1;
+  };
+
+  static Firebird::IBlob* openBlob(Firebird::IAttachment* self, Firebird::IStatus* status,
+                                   Firebird::ITransaction* t, ISC_QUAD* id, unsigned length,
+                                   const unsigned char* bpb) throw() {
+    auto& me = *static_cast<ForwardingAttachment*>(self);
+    Firebird::CheckStatusWrapper w(status);
+    Firebird::IBlob* real = me.real_->openBlob(&w, t, id, length, bpb);
+    if (!real) return nullptr;
+    ++me.opened;
+    // Kept until the attachment goes, so that a blob released twice is still there to count it.
+    me.blobs_.push_back(std::make_unique<Blob>(me, real));
+    return me.blobs_.back().get();
+  }
+
+  static int getSegment(Firebird::IBlob* self, Firebird::IStatus* status, unsigned length,
+                        void* buffer, unsigned* delivered) throw() {
+    Firebird::CheckStatusWrapper w(status);
+    return static_cast<Blob*>(self)->read().real->getSegment(&w, length, buffer, delivered);
+  }
+
+  static void close(Firebird::IBlob* self, Firebird::IStatus* status) throw() {
+    Blob& b = static_cast<Blob*>(self)->read();
+    Firebird::CheckStatusWrapper w(status);
+    b.real->close(&w);
+    if (w.getState() & Firebird::IStatus::STATE_ERRORS) return;
+    b.real = nullptr;  // a successful close gives up the caller's reference, as the engine's does
+    release(self);
+  }
+
+  static int release(Firebird::IReferenceCounted* self) throw() {
+    Blob& b = *static_cast<Blob*>(static_cast<Firebird::IBlob*>(self));
+    if (--b.references < 0) ++b.owner.extraReleases;  // released after it was given up
+    if (b.references != 0) return std::max(b.references, 0);
+    ++b.owner.givenUp;
+    if (b.real) b.real->release();
+    return 0;
+  }
+
+  Firebird::IAttachment* real_;
+  const int closeAt_;
+  Firebird::IAttachment::VTable table_{};
+  std::vector<std::unique_ptr<Blob>> blobs_;
+};
+
 class ChangeRecordsTest : public PluginFixture {
  protected:
   // Records one operation ('I' insert, 'D' delete, 'U' update from old to row) in a transaction
@@ -63,15 +151,16 @@ class ChangeRecordsTest : public PluginFixture {
   // hex (a long one by its start, length and CRC), and a refusal's result and status. With
   // earlierError the status holds an error before the call.
   std::string record(char op, Firebird::IReplRecord* row, Firebird::IReplRecord* old,
-                     bool earlierError = false) {
+                     bool earlierError = false, Firebird::IAttachment* a = nullptr,
+                     Firebird::ITransaction* tr = nullptr) {
     std::int32_t result = -1;
     const Bytes stream = recordStream([&](ReplTransaction* t) {
       const intptr_t earlier[] = {isc_arg_gds, 335544321, isc_arg_end};
       // The server hands every call a clean status.
       earlierError ? status.get()->setErrors(earlier) : status.get()->init();
-      if (op == 'I') result = t->insertRecord(status, nullptr, nullptr, row);
-      if (op == 'D') result = t->deleteRecord(status, nullptr, nullptr, row);
-      if (op == 'U') result = t->updateRecord(status, nullptr, nullptr, old, row);
+      if (op == 'I') result = t->insertRecord(status, a, tr, row);
+      if (op == 'D') result = t->deleteRecord(status, a, tr, row);
+      if (op == 'U') result = t->updateRecord(status, a, tr, old, row);
     });
     std::string text =
         hex(Bytes(stream.begin(), stream.begin() + std::min<std::size_t>(stream.size(), 40)));
@@ -82,6 +171,14 @@ class ChangeRecordsTest : public PluginFixture {
     if (status.hasErrors())
       for (const std::string& item : status.errors()) text += " " + item;
     return text;
+  }
+
+  // Compares text with golden/name; FBCDC_UPDATE_GOLDEN=1 rewrites the file, to be reviewed line
+  // by line before a commit.
+  void expectGolden(const std::string& name, const std::string& text) {
+    const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/changelog/golden/" + name;
+    EXPECT_EQ(readText(golden), text);
+    if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text);
   }
 };
 
@@ -207,51 +304,52 @@ TEST_F(ChangeRecordsTest, RecordBytesAndRefusals) {
   for (const auto& [name, op, row, old] : hostile)
     text += std::string(name) + ": " + record(op, row, old) + "\n";
 
-  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/changelog/golden/records.txt";
-  EXPECT_EQ(readText(golden), text);
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text);
+  expectGolden("records.txt", text);
+}
+
+// The server's own errors while a blob is read, in golden/blobs.txt: they stay in the status and
+// become the operation's result, and leave the record unfinished; every blob that was opened is
+// given up exactly once. A blob read whole, for the references.
+TEST_F(ChangeRecordsTest, ServerErrorsWhileReadingABlob) {
+  EmbeddedDatabase db(dir / "test.fdb");
+  const ISC_QUAD id = db.createBlob(randomBytes(5 * 1000, 3), false, 1000);
+  // The read before which the engine's blob is closed: five pieces, the end, the close.
+  const std::tuple<const char*, ISC_QUAD, int> cases[] = {
+      {"no such blob", ISC_QUAD{0x7FFF, 0x7FFFFF}, -1},
+      {"closed under the reader after two pieces", id, 2},
+      {"close fails", id, 6},
+      {"read whole", id, -1},
+  };
+  std::string text;
+  for (const auto& [name, blob, closeAt] : cases) {
+    ForwardingAttachment attachment(db.attachment(), closeAt);
+    LiteralRow row("T");
+    row.addBlob("B", blob).addLong("AFTER", 1);
+    text +=
+        std::string(name) + ": " + record('I', &row, nullptr, false, &attachment, db.transaction());
+    text += " | opened " + std::to_string(attachment.opened) + ", given up " +
+            std::to_string(attachment.givenUp) + ", released after that " +
+            std::to_string(attachment.extraReleases) + "\n";
+  }
+  expectGolden("blobs.txt", text);
 }
 
 const char kStatementLog[] =
     "5A 45 46 4F 04 53 00 00 13 00 00 01 00 00 00 00 00 00 00 7B 26 F4 89 80";
 
-class ReplTransactionTest : public PluginFixture {
- protected:
-  // Records one statement into t and appends its bytes to model.
-  void statement(ReplTransaction* t, Bytes& model, const std::string& sql, std::int64_t number) {
-    appendStatement(model, sql.c_str(), number);
-    ASSERT_EQ(0, t->executeSql(status, sql.c_str(), number)) << status.text();
-  }
-
-  // Records 121 statements of 269 bytes into t: with the header, 210 bytes short of the end of the
-  // first block. Returns the stream.
-  Bytes fill(ReplTransaction* t) {
-    Bytes model = bytesOf("ZEFO\x04");
-    for (int i = 0; i < 121; ++i) statement(t, model, std::string(255, 'a'), i);
-    return model;
-  }
-
-  // Commits and disposes t, and checks that exactly the model stream and the commit marker were
-  // published.
-  void commitAndCheck(ReplTransaction* t, Bytes model) {
-    ASSERT_EQ(0, t->commit(status)) << status.text();
-    t->dispose();
-    model.push_back(0x7B);
-    EXPECT_EQ(containerOf(model), readFile(publishedLog()));
-    clearLogs();
-  }
-};
+using ReplTransactionTest = PluginFixture;
 
 // The names carry the start's and the dispose's time. A text over 255 bytes is refused before its
-// record starts; after commit records are refused, and commit and savepoints do nothing.
+// record starts; after commit records are refused, and commit and savepoints do nothing. A file of
+// the temporary name that someone else made is never written, nor removed; a commit whose file
+// could not be created may be called again: the log then holds one commit marker, not two.
 TEST_F(ReplTransactionTest, StatementOnlyLogIsPublishedAs24Bytes) {
   PosixFaults::setTime(1700000000);
   ReplTransaction* t = begin(1234);
   EXPECT_EQ(logs + "000000006553f100_00000000000004d2.tmp", t->getFileName());
   ASSERT_EQ(0, t->executeSql(status, nullptr, 1));
   EXPECT_EQ(335544382, t->executeSql(status, std::string(256, 'x').c_str(), 5));
-  EXPECT_EQ((Strings{"1", "335544382", "2", "CDC error: Statement text longer than 255 bytes"}),
-            status.errors());
+  EXPECT_EQ(cdcError("CDC error: Statement text longer than 255 bytes"), status.errors());
   ASSERT_EQ(0, t->commit(status));
   EXPECT_EQ(kStatementLog, hex(readFile(t->getFileName())));
   LiteralRow row("T");
@@ -265,8 +363,7 @@ TEST_F(ReplTransactionTest, StatementOnlyLogIsPublishedAs24Bytes) {
   for (const auto& op : late) {
     FbStatus st;
     EXPECT_EQ(335544382, op(st));
-    EXPECT_EQ((Strings{"1", "335544382", "2", "CDC error: Transaction is already committed"}),
-              st.errors());
+    EXPECT_EQ(cdcError("CDC error: Transaction is already committed"), st.errors());
   }
   EXPECT_EQ(0, t->commit(status));
   t->startSavepoint(status, 1);
@@ -276,21 +373,17 @@ TEST_F(ReplTransactionTest, StatementOnlyLogIsPublishedAs24Bytes) {
   t->dispose();
   EXPECT_EQ(Strings{"000000006553f103_00000000000004d2.fbl"}, listDirectory(logs));
   EXPECT_EQ(kStatementLog, hex(readFile(publishedLog())));
-}
+  clearLogs();
 
-// A file of the temporary name that someone else made is never written, nor removed. A commit whose
-// file could not be created may be called again: the log then holds one commit marker, not two.
-TEST_F(ReplTransactionTest, FileCreationFailsAtCommit) {
   PosixFaults::setTime(1700000000);
   const std::string name = logs + "000000006553f100_0000000000000005.tmp";
   writeFile(name, "not ours");
   for (bool retry : {false, true}) {
     SCOPED_TRACE(retry ? "committed again" : "given up");
-    ReplTransaction* t = begin(5);
+    t = begin(5);
     ASSERT_EQ(0, t->executeSql(status, nullptr, 1));
     EXPECT_EQ(335544382, t->commit(status));
-    EXPECT_EQ((Strings{"1", "335544382", "2", "CDC error Log file creation failed: File exists"}),
-              status.errors());
+    EXPECT_EQ(cdcError("CDC error Log file creation failed: File exists"), status.errors());
     EXPECT_EQ(bytesOf("not ours"), readFile(name));
     if (retry) {
       ::remove(name.c_str());
@@ -301,183 +394,48 @@ TEST_F(ReplTransactionTest, FileCreationFailsAtCommit) {
   EXPECT_EQ(kStatementLog, hex(readFile(publishedLog())));
 }
 
-// A record of 209 bytes and the commit marker fill the first block: the put writes the block
-// itself, and the closing flush writes nothing more.
-TEST_F(ReplTransactionTest, CommitMarkerFillingTheBlockExactly) {
-  ReplTransaction* t = begin(9);
-  Bytes model = fill(t);
-  statement(t, model, std::string(195, 'a'), 121);
-  commitAndCheck(t, model);
-  EXPECT_EQ(1, PosixFaults::calls(PosixFaults::kWrite));
-}
-
 // A savepoint right after the first block filled (also while it waits for a file that could not be
 // created) starts at the next block: its rollback reads that block back only once it was written.
+// (That a put filling a block writes it, and the closing flush nothing more: TWriteFileTest.)
 TEST_F(ReplTransactionTest, SavepointAtABlockStart) {
   for (bool creationFails : {false, true}) {
     for (bool blockWrittenSince : {false, true}) {
       SCOPED_TRACE(std::string(creationFails ? "file creation failed, " : "") +
                    (blockWrittenSince ? "block written since" : "block still buffered"));
       PosixFaults::reset();
+      clearLogs();
       ReplTransaction* t = begin(5);
-      Bytes model = fill(t);
-      if (creationFails) PosixFaults::failAt(PosixFaults::kOpen, 1, EACCES);
-      const std::string last(196, 'b');
-      appendStatement(model, last.c_str(), 0);
-      ASSERT_EQ(32764u, model.size());
+      Bytes model = bytesOf("ZEFO\x04");
       FbStatus st;
-      EXPECT_EQ(creationFails ? 335544382 : 0, t->executeSql(st, last.c_str(), 0));
+      // Records a statement, with a clean status as the server hands over, and models its bytes.
+      const auto statement = [&](const std::string& sql, std::int64_t number) {
+        st.get()->init();
+        appendStatement(model, sql.c_str(), number);
+        return t->executeSql(st, sql.c_str(), number);
+      };
+      // 121 statements of 269 bytes, with the header 210 bytes short of the first block's end,
+      // and one of 210 bytes that ends it.
+      for (int i = 0; i < 121; ++i) ASSERT_EQ(0, statement(std::string(255, 'a'), i));
+      if (creationFails) PosixFaults::failAt(PosixFaults::kOpen, 1, EACCES);
+      EXPECT_EQ(creationFails ? 335544382 : 0, statement(std::string(196, 'b'), 0));
+      ASSERT_EQ(32764u, model.size());
       EXPECT_EQ(creationFails ? "CDC error Log file creation failed: Permission denied" : "",
                 st.text());
       EXPECT_EQ(!creationFails, fileExists(t->getFileName()));
       t->startSavepoint(status, 1);
       const Bytes atSavepoint = model;
       for (int i = 0; i < (blockWrittenSince ? 130 : 3); ++i)
-        statement(t, model, std::string(255, 'c'), i);
+        ASSERT_EQ(0, statement(std::string(255, 'c'), i));
       const int readsBefore = PosixFaults::calls(PosixFaults::kRead);
       t->rollbackSavepoint(1);
       EXPECT_EQ(blockWrittenSince ? 1 : 0, PosixFaults::calls(PosixFaults::kRead) - readsBefore);
       model = atSavepoint;
-      statement(t, model, "after", 9);
-      commitAndCheck(t, model);
+      ASSERT_EQ(0, statement("after", 9));
+      ASSERT_EQ(0, t->commit(status)) << status.text();
+      t->dispose();
+      model.push_back(0x7B);
+      EXPECT_EQ(containerOf(model), readFile(publishedLog()));
     }
-  }
-}
-
-// Passes openBlob to a real attachment; its blobs fail on demand with the engine's own errors and
-// count the caller's references. The plugin asks only for openBlob, getSegment, close and release:
-// the other entries of the interface tables stay empty and would fail loudly.
-class ForwardingAttachment : public Firebird::IAttachment {
- public:
-  enum class Fault { kNone, kClosedAfterTwoPieces, kCloseFails };
-
-  ForwardingAttachment(Firebird::IAttachment* real, Fault fault)
-      : IAttachment(Firebird::DoNotInherit()), real_(real), fault_(fault) {
-    table_.version = VERSION;
-    table_.openBlob = openBlob;
-    cloopVTable = &table_;
-  }
-
-  int opened = 0, givenUp = 0, extraReleases = 0;
-
- private:
-  struct Blob : Firebird::IBlob {
-    Blob(ForwardingAttachment& owner, Firebird::IBlob* real)
-        : IBlob(Firebird::DoNotInherit()), owner(owner), real(real) {
-      static Firebird::IBlob::VTable table = [] {
-        Firebird::IBlob::VTable t{};
-        t.version = VERSION;
-        t.getSegment = ForwardingAttachment::getSegment;
-        t.close = ForwardingAttachment::close;
-        t.release = ForwardingAttachment::release;
-        return t;
-      }();
-      cloopVTable = &table;
-    }
-    ForwardingAttachment& owner;
-    Firebird::IBlob* real;
-    int pieces = 0, references = 1;
-  };
-
-  static Firebird::IBlob* openBlob(Firebird::IAttachment* self, Firebird::IStatus* status,
-                                   Firebird::ITransaction* t, ISC_QUAD* id, unsigned length,
-                                   const unsigned char* bpb) throw() {
-    auto& me = *static_cast<ForwardingAttachment*>(self);
-    Firebird::CheckStatusWrapper w(status);
-    Firebird::IBlob* real = me.real_->openBlob(&w, t, id, length, bpb);
-    if (!real) return nullptr;
-    ++me.opened;
-    // Kept until the attachment goes, so that a blob released twice is still there to count it.
-    me.blobs_.push_back(std::make_unique<Blob>(me, real));
-    return me.blobs_.back().get();
-  }
-
-  static int getSegment(Firebird::IBlob* self, Firebird::IStatus* status, unsigned length,
-                        void* buffer, unsigned* delivered) throw() {
-    Blob& b = *static_cast<Blob*>(self);
-    Firebird::CheckStatusWrapper w(status);
-    if (b.owner.fault_ == Fault::kClosedAfterTwoPieces && b.pieces++ == 2) {
-      // Closed under the reader: the engine's object is kept alive and answers the next read.
-      FbStatus own;
-      Firebird::CheckStatusWrapper ownWrapper(own);
-      b.real->addRef();
-      b.real->close(&ownWrapper);
-    }
-    return b.real->getSegment(&w, length, buffer, delivered);
-  }
-
-  static void close(Firebird::IBlob* self, Firebird::IStatus* status) throw() {
-    Blob& b = *static_cast<Blob*>(self);
-    Firebird::CheckStatusWrapper w(status);
-    if (b.owner.fault_ == Fault::kCloseFails) {
-      // Closing twice makes the engine refuse the second close with its own error.
-      b.real->addRef();
-      b.real->close(&w);
-    }
-    if (!(w.getState() & Firebird::IStatus::STATE_ERRORS)) b.real->close(&w);
-    if (w.getState() & Firebird::IStatus::STATE_ERRORS) return;
-    b.real = nullptr;  // a successful close gives up the caller's reference, as the engine's does
-    release(self);
-  }
-
-  static int release(Firebird::IReferenceCounted* self) throw() {
-    Blob& b = *static_cast<Blob*>(static_cast<Firebird::IBlob*>(self));
-    if (--b.references < 0) ++b.owner.extraReleases;  // released after it was given up
-    if (b.references != 0) return std::max(b.references, 0);
-    ++b.owner.givenUp;
-    if (b.real) b.real->release();
-    return 0;
-  }
-
-  Firebird::IAttachment* real_;
-  Fault fault_;
-  Firebird::IAttachment::VTable table_{};
-  std::vector<std::unique_ptr<Blob>> blobs_;
-};
-
-using BlobValuesTest = PluginFixture;
-
-// The server's own errors while a blob is read stay in the status, become the operation's result,
-// and leave the record unfinished; every blob that was opened is given up exactly once.
-TEST_F(BlobValuesTest, ServerErrorsWhileReadingABlob) {
-  EmbeddedDatabase db(dir / "test.fdb");
-  const Bytes data = randomBytes(5 * 1000, 3);
-  const ISC_QUAD id = db.createBlob(data, false, 1000);
-  using Fault = ForwardingAttachment::Fault;
-  // Name, fault, blob, pieces recorded, blobs opened.
-  const std::tuple<const char*, Fault, ISC_QUAD, std::size_t, int> cases[] = {
-      {"no such blob", Fault::kNone, ISC_QUAD{0x7FFF, 0x7FFFFF}, 0, 0},
-      {"closed under the reader after two pieces", Fault::kClosedAfterTwoPieces, id, 2, 1},
-      {"close fails", Fault::kCloseFails, id, 5, 1},
-      {"no fault", Fault::kNone, id, 5, 1},
-  };
-  for (const auto& [name, fault, blob, piecesKept, opened] : cases) {
-    SCOPED_TRACE(name);
-    ForwardingAttachment attachment(db.attachment(), fault);
-    LiteralRow row("T");
-    row.addBlob("B", blob).addLong("AFTER", 1);
-    std::int32_t result = -1;
-    status.get()->init();
-    const Bytes stream = recordStream([&](ReplTransaction* t) {
-      result = t->insertRecord(status, &attachment, db.transaction(), &row);
-    });
-    EXPECT_EQ(opened, attachment.opened);
-    EXPECT_EQ(opened, attachment.givenUp);
-    EXPECT_EQ(0, attachment.extraReleases);
-    std::string expected = "49 00 01 54 01 42 FD 11";
-    for (std::size_t i = 0; i < piecesKept; ++i)
-      expected += " E8 03 " + hex(Bytes(data.begin() + i * 1000, data.begin() + (i + 1) * 1000));
-    if (fault == Fault::kNone && opened) {
-      EXPECT_EQ(0, result) << status.text();
-      EXPECT_EQ(expected + " 00 00 05 41 46 54 45 52 FD 09 00 00 01 00 00 00 FF", hex(stream));
-      continue;
-    }
-    const Strings errors = status.errors();
-    ASSERT_LE(2u, errors.size());
-    EXPECT_EQ("1", errors[0]);
-    EXPECT_EQ(std::stoll(errors[1]), result) << "the server's code is the result";
-    EXPECT_NE("335544382", errors[1]) << "the server's own error, not one of ours";
-    EXPECT_EQ(expected, hex(stream)) << "no terminator, no further field, no end byte";
   }
 }
 

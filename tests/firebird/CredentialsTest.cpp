@@ -109,10 +109,7 @@ TEST(CredentialsTest, LoginsThroughARealServer) {
 // user that is named, by --user or ISC_USER, is the one it checks grants for.
 TEST(CredentialsTest, EmbeddedEngineWithAndWithoutAUser) {
   TempDir dir;
-  {
-    Database db(dir / "a.fdb", true);
-    db.executeAlone("CREATE TABLE T (ID INTEGER)");
-  }
+  Database(dir / "a.fdb", true).executeAlone("CREATE TABLE T (ID INTEGER)");
   const std::string denied = "fbcdc compare: " + dir / "a.fdb" + " and " + dir / "a.fdb" +
                              ": no permission for SELECT access to TABLE T\n";
   EXPECT_EQ("equal: 1 tables, 0 rows\n", compare(dir, dir / "a.fdb", {}, {}));

@@ -20,8 +20,6 @@ extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebir
 
 namespace {
 
-Strings cdcError(const std::string& text) { return {"1", "335544382", "2", text}; }
-
 // Each row starts the plugin from a configuration file ("$" stands for a fresh directory); the
 // outcomes are in golden/start.txt: the output directory and its mode, or the status. A directory
 // the plugin makes lets owner and group create files in it (0770 less the umask, which is 0 here);

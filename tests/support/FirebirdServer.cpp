@@ -171,17 +171,13 @@ std::string FirebirdServer::database(const std::string& path) const {
 
 std::string FirebirdServer::errors() const { return readText(directory_ + "firebird.err"); }
 
-FirebirdServer::Result FirebirdServer::isql(const std::string& script, const std::string& user,
-                                            const std::string& password) const {
+FirebirdServer::Result FirebirdServer::isql(const std::string& script) const {
   static int scripts = 0;
   const std::string name = directory_ + "isql-" + std::to_string(++scripts);
   writeFile(name + ".sql", script);
   // The test's own client configuration: isql-fb reaches the server as any client would.
-  const pid_t pid =
-      launch({"/usr/bin/isql-fb", "-q", "-bail", "-i", name + ".sql"},
-             {"ISC_USER=" + user,
-              "ISC_PASSWORD=" + (password.empty() && user == "SYSDBA" ? password_ : password)},
-             name + ".out");
+  const pid_t pid = launch({"/usr/bin/isql-fb", "-q", "-bail", "-i", name + ".sql"},
+                           {"ISC_USER=SYSDBA", "ISC_PASSWORD=" + password_}, name + ".out");
   const int status = waitFor(pid);
   return {status, readText(name + ".out")};
 }

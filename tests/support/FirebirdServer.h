@@ -30,14 +30,13 @@ class FirebirdServer {
   const std::string& password() const { return password_; }
 
   // The output (stdout and stderr together) and exit status of isql-fb running script through
-  // the server, stopping at the first failing statement, as user with password (ISC_USER and
-  // ISC_PASSWORD of isql-fb's environment); the script connects, or creates, the database itself.
+  // the server as SYSDBA, stopping at the first failing statement; the script connects, or
+  // creates, the database itself.
   struct Result {
     int status;
     std::string output;
   };
-  Result isql(const std::string& script, const std::string& user = "SYSDBA",
-              const std::string& password = "") const;
+  Result isql(const std::string& script) const;
   // Creates the database file path on the server as SYSDBA, then runs script in it (CONNECT is
   // done); a failure of either is a test failure.
   void createDatabase(const std::string& path, const std::string& script = "") const;

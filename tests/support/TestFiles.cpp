@@ -103,6 +103,8 @@ Bytes streamOf(const Bytes& file) {
   return stream;
 }
 
+Strings cdcError(const std::string& text) { return {"1", "335544382", "2", text}; }
+
 std::string failureOf(const std::function<void()>& fn) {
   try {
     fn();

@@ -45,6 +45,9 @@ std::uint32_t slowCrc32c(const std::uint8_t* data, std::size_t length);
 // The byte stream of a container: its blocks without their trailers.
 Bytes streamOf(const Bytes& file);
 
+// The error vector of a failure that the plugin reports with text: its generic code and the text.
+Strings cdcError(const std::string& text);
+
 // "<first>: <second>" of the ReplException that fn throws, with "auto " in front when it owns its
 // text (a ReplAutoException); "" when fn throws none.
 std::string failureOf(const std::function<void()>& fn);
