@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <utility>
 
 namespace {
 
@@ -53,6 +54,24 @@ class FileCall {
 std::atomic<void*> realOpen, realWrite, realRead, realLseek64, realFtruncate64, realClose,
     realRename, realRemove, realFsync, realFdatasync;
 
+// Looked up at load too, so that no first call in a forked child or a signal handler has to
+// look its function up there; a call made before this runs looks it up itself.
+struct FoundAtLoad {
+  FoundAtLoad() {
+    const std::pair<std::atomic<void*>*, const char*> calls[] = {{&realOpen, "open"},
+                                                                 {&realWrite, "write"},
+                                                                 {&realRead, "read"},
+                                                                 {&realLseek64, "lseek64"},
+                                                                 {&realFtruncate64, "ftruncate64"},
+                                                                 {&realClose, "close"},
+                                                                 {&realRename, "rename"},
+                                                                 {&realRemove, "remove"},
+                                                                 {&realFsync, "fsync"},
+                                                                 {&realFdatasync, "fdatasync"}};
+    for (const auto& [slot, name] : calls) slot->store(::dlsym(RTLD_NEXT, name));
+  }
+} foundAtLoad;
+
 }  // namespace
 
 // The C library's declarations give the exception specifications these must repeat; the
@@ -63,7 +82,7 @@ extern "C" {
 
 FILE_CALL int open(const char* path, int flags, ...) {
   mode_t mode = 0;
-  if (flags & (O_CREAT | O_TMPFILE)) {
+  if ((flags & O_CREAT) || (flags & O_TMPFILE) == O_TMPFILE) {
     va_list arguments;
     va_start(arguments, flags);
     mode = static_cast<mode_t>(va_arg(arguments, int));

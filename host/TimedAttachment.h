@@ -11,6 +11,9 @@
 class TimedAttachment : public Firebird::IAttachment {
  public:
   explicit TimedAttachment(Firebird::IAttachment* real);
+  // The interface table is a member that the object points at: a copy would point at another's.
+  TimedAttachment(const TimedAttachment&) = delete;
+  TimedAttachment& operator=(const TimedAttachment&) = delete;
 
  private:
   static Firebird::IBlob* openBlob(Firebird::IAttachment* self, Firebird::IStatus* status,

@@ -92,6 +92,19 @@ FBCDC_FOLD_TARGET inline __m512i foldInto(__m512i pieces, __m512i k, const std::
                                    _mm512_loadu_si512(next), 0x96);
 }
 
+FBCDC_FOLD256_TARGET inline __m256i fold(__m256i pieces, __m256i k) {
+  return _mm256_xor_si256(_mm256_clmulepi64_epi128(pieces, k, 0x00),
+                          _mm256_clmulepi64_epi128(pieces, k, 0x11));
+}
+
+FBCDC_FOLD256_TARGET inline __m256i load(const std::uint8_t* p) {
+  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
+}
+
+FBCDC_FOLD256_TARGET inline __m256i foldInto(__m256i pieces, __m256i k, const std::uint8_t* next) {
+  return _mm256_xor_si256(fold(pieces, k), load(next));
+}
+
 }  // namespace
 
 FBCDC_FOLD_TARGET void crc32cUpdateFold(std::uint32_t& running, const std::uint8_t* data,
@@ -126,19 +139,6 @@ FBCDC_FOLD_TARGET void crc32cUpdateFold(std::uint32_t& running, const std::uint8
   v = _mm_xor_si128(v, fold(_mm512_maskz_extracti32x4_epi32(0xF, x3, 1), constants<32>()));
   v = _mm_xor_si128(v, fold(_mm512_maskz_extracti32x4_epi32(0xF, x3, 2), constants<16>()));
   running = finish(v, data, rest);
-}
-
-FBCDC_FOLD256_TARGET inline __m256i fold(__m256i pieces, __m256i k) {
-  return _mm256_xor_si256(_mm256_clmulepi64_epi128(pieces, k, 0x00),
-                          _mm256_clmulepi64_epi128(pieces, k, 0x11));
-}
-
-FBCDC_FOLD256_TARGET inline __m256i load(const std::uint8_t* p) {
-  return _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p));
-}
-
-FBCDC_FOLD256_TARGET inline __m256i foldInto(__m256i pieces, __m256i k, const std::uint8_t* next) {
-  return _mm256_xor_si256(fold(pieces, k), load(next));
 }
 
 FBCDC_FOLD256_TARGET void crc32cUpdateFold256(std::uint32_t& running, const std::uint8_t* data,

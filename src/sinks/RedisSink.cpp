@@ -4,9 +4,6 @@
 
 namespace {
 
-// How often a log is sent again when other clients keep changing its keys.
-constexpr int kAttempts = 10;
-
 std::string textOf(const redisReply* reply) {
   return reply->str ? std::string(reply->str, reply->len) : "";
 }
@@ -115,6 +112,7 @@ std::string RedisSink::loadPosition() {
     const bool error = reply->type == REDIS_REPLY_ERROR;
     freeReplyObject(reply);
     if (error) fail(text);
+    if (key == positionKey(options_.prefix)) stored_ = text;
     return text;
   }
   return "";
@@ -152,13 +150,8 @@ void RedisSink::event(const ChangeEvent& e) {
 void RedisSink::endLog(const ChangeEvent& end) {
   writer_.endLog(end);
   if (!writer_.pending().empty()) add(options_.prefix + ":transaction");
-  for (int attempt = 1;; ++attempt) {
-    watchKeys();
-    if (sendLog()) break;
-    if (attempt == kAttempts)
-      fail("other clients changed the log's keys " + std::to_string(kAttempts) +
-           " times while it was sent; nothing of it was written");
-  }
+  beginTransaction();
+  sendLog();
   file_.clear();
 }
 
@@ -180,20 +173,19 @@ redisReply* RedisSink::nextReply() {
   return static_cast<redisReply*>(reply);
 }
 
-void RedisSink::watchKeys() {
-  argv_.assign(1, "WATCH");
-  lengths_.assign(1, 5);
-  for (const std::string& key : keys_) {
-    argv_.push_back(key.data());
-    lengths_.push_back(key.size());
-  }
-  if (redisAppendCommandArgv(redis_, static_cast<int>(argv_.size()), argv_.data(),
-                             lengths_.data()) != REDIS_OK)
-    fail(redis_->errstr);
+void RedisSink::beginTransaction() {
+  // One round trip: the position watched, every key's type, the position itself, then MULTI.
+  const std::string& position = keys_[0];
+  append({"WATCH", position});
   for (const std::string& key : keys_) append({"TYPE", key});
+  append({"GET", position});
+  append({"MULTI"});
   std::string problem;
+  auto note = [&](const std::string& what) {
+    if (problem.empty()) problem = what;
+  };
   redisReply* reply = nextReply();
-  if (reply->type == REDIS_REPLY_ERROR) problem = textOf(reply);
+  if (reply->type == REDIS_REPLY_ERROR) note(textOf(reply));
   freeReplyObject(reply);
   for (std::size_t i = 0; i < keys_.size(); ++i) {
     reply = nextReply();
@@ -201,21 +193,32 @@ void RedisSink::watchKeys() {
     const bool refused = reply->type == REDIS_REPLY_ERROR;
     freeReplyObject(reply);
     const char* wanted = i == 0 ? "string" : "stream";
-    if (!problem.empty()) continue;
     if (refused)
-      problem = type;
+      note(type);
     else if (type != "none" && type != wanted)
-      problem = "WRONGTYPE " + keys_[i] + " is a " + type + ", not a " + wanted;
+      note("WRONGTYPE " + keys_[i] + " is a " + type + ", not a " + wanted);
   }
+  reply = nextReply();
+  const bool stored = reply->type == REDIS_REPLY_STRING;
+  const std::string text = textOf(reply);
+  freeReplyObject(reply);
+  // Another follower on the same prefix would send every log a second time.
+  if (stored && text != stored_)
+    note(position + " holds a position that this follower did not store: another follower may " +
+         "be writing under the prefix " + options_.prefix);
+  reply = nextReply();
+  const bool multi = reply->type == REDIS_REPLY_STATUS;
+  const std::string refused = textOf(reply);
+  freeReplyObject(reply);
+  if (!multi) note("MULTI refused: " + refused);
   if (problem.empty()) return;
-  redisReply* unwatched = command({"UNWATCH"});
-  freeReplyObject(unwatched);
+  redisReply* ended = command({multi ? "DISCARD" : "UNWATCH"});
+  freeReplyObject(ended);
   fail(problem);
 }
 
-bool RedisSink::sendLog() {
+void RedisSink::sendLog() {
   const std::string cap = std::to_string(options_.maxlen);
-  append({"MULTI"});
   for (std::size_t i = 0; i < entryCount_; ++i) {
     const std::string& key = keys_[entryKeys_[i]];
     if (options_.maxlen > 0)
@@ -225,28 +228,41 @@ bool RedisSink::sendLog() {
   }
   if (!position_.empty()) append({"SET", keys_[0], position_});
   append({"EXEC"});
-  // The replies: OK for MULTI, QUEUED (or the reason it was refused) for each command, then
-  // EXEC's: the results, nothing when a watched key changed, or an error that discarded it all.
+  // QUEUED (or the reason it was refused) for each command, then EXEC's reply: the results,
+  // nothing when the watched position changed, or an error that discarded it all.
   std::string refused;
   const std::size_t queued = entryCount_ + (position_.empty() ? 0 : 1);
-  for (std::size_t i = 0; i <= queued; ++i) {
+  for (std::size_t i = 0; i < queued; ++i) {
     redisReply* reply = nextReply();
     if (reply->type == REDIS_REPLY_ERROR && refused.empty()) refused = textOf(reply);
     freeReplyObject(reply);
   }
   redisReply* reply = nextReply();
   const int type = reply->type;
-  std::string text = textOf(reply);
+  const std::string text = textOf(reply);
   std::string failed;
   if (type == REDIS_REPLY_ARRAY)
     for (std::size_t i = 0; i < reply->elements && failed.empty(); ++i)
       if (reply->element[i]->type == REDIS_REPLY_ERROR) failed = textOf(reply->element[i]);
   freeReplyObject(reply);
-  if (type == REDIS_REPLY_NIL) return false;
+  if (type == REDIS_REPLY_NIL)
+    fail("another client changed " + keys_[0] + " while the log was sent; nothing of it was " +
+         "written (is another follower writing under the prefix " + options_.prefix + "?)");
   if (type == REDIS_REPLY_ERROR) fail(refused.empty() ? text : refused);
   if (type != REDIS_REPLY_ARRAY) fail("EXEC gave no results");
-  // The types were checked under WATCH, so no command should fail inside EXEC; if one does,
-  // the log is not whole in Redis, and the follower stops with the position before it.
-  if (!failed.empty()) fail("a command failed inside the log's transaction: " + failed);
-  return true;
+  if (failed.empty()) {
+    if (!position_.empty()) stored_ = position_;
+    return;
+  }
+  // A command failed inside EXEC (a stream whose last possible ID is taken, a key replaced by
+  // another type after the check): Redis ran the others, the position's SET among them. The
+  // position goes back before the log, so that a restarted follower sends the whole log again
+  // rather than lose what did not arrive.
+  redisReply* restored =
+      stored_.empty() ? command({"DEL", keys_[0]}) : command({"SET", keys_[0], stored_});
+  const bool back = restored->type != REDIS_REPLY_ERROR;
+  freeReplyObject(restored);
+  fail("a command failed inside the log's transaction: " + failed +
+       (back ? "; the position was put back before the log, whose entries will be sent again"
+             : "; the position could not be put back before the log"));
 }

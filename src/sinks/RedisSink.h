@@ -2,13 +2,17 @@
 // <prefix>:<TABLE> * event <json>", statements and transaction markers go to
 // "<prefix>:transaction", and maxlen (when set) caps each stream approximately.
 //
-// A log's entries and the follower's position after the log go in one MULTI/EXEC. Redis does not
-// undo a command that fails inside EXEC, so the keys are first watched and their types checked:
-// every stream must be a stream (or not there yet), the position a string. A key another client
-// changes after the check makes EXEC do nothing, and the log is sent again; a command refused
-// while queued (memory, a denied command) discards the whole transaction; a follower killed
-// before EXEC leaves nothing. So a log is in Redis whole or not at all, and a restarted follower
-// resumes exactly after the last log whose entries all arrived: every event once.
+// A log's entries and the follower's position after the log go in one MULTI/EXEC, the position
+// last. Redis does not undo a command that fails inside EXEC, so the keys' types are checked
+// first (every stream a stream or not there yet, the position a string), with the position
+// watched and compared with the one this follower stored: a position another client changes
+// makes EXEC do nothing, and the follower stops, since a second follower on the prefix would send
+// every log twice. A command refused while queued (memory, a denied command) discards the whole
+// transaction; a follower killed before EXEC leaves nothing. So a log is in Redis whole or not at
+// all, and a restarted follower resumes exactly after the last log whose entries all arrived:
+// every event once. Should a command still fail inside EXEC (a stream whose last possible ID is
+// taken, a key replaced by another type after the check), the position is put back before the
+// log and the follower stops: the log's entries that arrived are sent again, none is lost.
 //
 // The position lies under "<prefix>.checkpoint", which no stream key "<prefix>:<TABLE>" can be.
 //
@@ -72,17 +76,19 @@ class RedisSink : public EventSink {
   void append(std::initializer_list<std::string_view> args);
   // The next reply of the queued commands, which the caller frees.
   redisReply* nextReply();
-  // Watches the log's keys and checks their types; fails, unwatched, on a key of another type.
-  void watchKeys();
-  // Sends the log's entries and the position in one MULTI/EXEC; false when a watched key changed
-  // and nothing was written.
-  bool sendLog();
+  // Watches the position, checks the keys' types and the stored position, and opens MULTI;
+  // fails, with nothing left open, on a key of another type or a position not this follower's.
+  void beginTransaction();
+  // Queues the log's entries and the position and runs EXEC; fails when it did not run whole.
+  void sendLog();
   [[noreturn]] void fail(const std::string& what);
 
   Options options_;
   JsonEventWriter writer_;
   redisContext* redis_ = nullptr;
   std::string position_;
+  // What this follower last stored or loaded under the position key ("" for none).
+  std::string stored_;
   std::string file_;
   // The log's keys (the position first, then its streams), and its entries: each one's key and
   // JSON line. The lines' strings are kept from log to log so that their memory is reused.

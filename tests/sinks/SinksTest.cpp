@@ -23,6 +23,7 @@
 #include "LogDirectory.h"
 #include "PluginFixture.h"
 #include "RedisServer.h"
+#include "RedisSink.h"
 #include "StreamSink.h"
 
 namespace {
@@ -263,16 +264,56 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
   FbcdcOutcome r = runFbcdc(dir, follow);
   ASSERT_EQ(0, r.status) << r.err;
 
-  // A key under the prefix that is not a stream: the log that would write it is refused whole,
-  // its other entries and the position stay out, and once the key is gone it arrives whole.
+  // A log the server cannot take whole stops the follower with the position before it: a key of
+  // another type (nothing of the log written), a stream whose last possible ID is taken, so that
+  // its XADD fails inside EXEC after the others ran (the position put back before the log), and
+  // a position another follower writes while this one runs (nothing written, that one's left).
   const std::string position = server.command({"GET", "fbcdc.checkpoint"});
   ASSERT_NE("", position);
-  server.command({"SET", "fbcdc:LINES", "not-a-stream"});
   publish(number++, 12);
-  r = runFbcdc(dir, follow);
-  EXPECT_EQ(1, r.status);
-  EXPECT_NE(std::string::npos, r.err.find("WRONGTYPE fbcdc:LINES")) << r.err;
-  EXPECT_EQ(position, server.command({"GET", "fbcdc.checkpoint"})) << "the position stays";
+  const std::string orders = server.command({"XLEN", "fbcdc:ORDERS"});
+  const struct {
+    Strings before;
+    const char* says;
+    std::string positionAfter;
+    bool nothingWritten;
+  } refusals[] = {
+      {{"SET", "fbcdc:LINES", "not-a-stream"}, "WRONGTYPE fbcdc:LINES", position, true},
+      {{"XADD", "fbcdc:LINES", "18446744073709551615-18446744073709551615", "f", "v"},
+       "the position was put back",
+       position,
+       false},
+  };
+  for (const auto& c : refusals) {
+    SCOPED_TRACE(c.says);
+    server.command({"DEL", "fbcdc:LINES"});
+    server.command({"SET", "fbcdc.checkpoint", position});
+    server.command(c.before);
+    r = runFbcdc(dir, follow);
+    EXPECT_EQ(1, r.status);
+    EXPECT_NE(std::string::npos, r.err.find(c.says)) << r.err;
+    EXPECT_EQ(c.positionAfter, server.command({"GET", "fbcdc.checkpoint"}));
+    if (c.nothingWritten) {
+      EXPECT_EQ(orders, server.command({"XLEN", "fbcdc:ORDERS"}));
+    }
+  }
+  {
+    RedisSink::Options o;
+    RedisSink::setAddress(o, server.address());
+    RedisSink sink(o, EventFormat());
+    sink.loadPosition();
+    const std::string ordersNow = server.command({"XLEN", "fbcdc:ORDERS"});
+    server.command({"SET", "fbcdc.checkpoint", "another follower's"});
+    sink.setPositionAfterLog("this follower's");
+    try {
+      sink.send(LogDirectory::list(logs).back());
+      ADD_FAILURE() << "a log sent over another follower's position";
+    } catch (const std::runtime_error& e) {
+      EXPECT_NE(std::string::npos, std::string(e.what()).find("another follower")) << e.what();
+    }
+    EXPECT_EQ("another follower's", server.command({"GET", "fbcdc.checkpoint"}));
+    EXPECT_EQ(ordersNow, server.command({"XLEN", "fbcdc:ORDERS"}));
+  }
   // The LINES events of earlier logs went with the key: they are sent again from the start.
   server.command({"DEL", "fbcdc:LINES", "fbcdc.checkpoint", "fbcdc:ORDERS", "fbcdc:transaction"});
   r = runFbcdc(dir, follow);
@@ -327,9 +368,10 @@ TEST_F(RedisAuthTest, PasswordAclUserDatabaseSocketAndTls) {
   ASSERT_TRUE(server.ready()) << "redis-server did not start: " << server.errors();
   ASSERT_EQ("OK", server.command({"AUTH", "server-pw"}));
   // The commands the sink sends; keys under fbcdc only.
-  ASSERT_EQ("OK", server.command({"ACL", "SETUSER", "fbcdc", "on", ">fbcdc-pw", "~fbcdc*",
-                                  "resetchannels", "-@all", "+type", "+get", "+set", "+xadd",
-                                  "+watch", "+unwatch", "+multi", "+exec", "+select", "+auth"}));
+  ASSERT_EQ("OK", server.command({"ACL",     "SETUSER",       "fbcdc",    "on",      ">fbcdc-pw",
+                                  "~fbcdc*", "resetchannels", "-@all",    "+type",   "+get",
+                                  "+set",    "+xadd",         "+del",     "+watch",  "+unwatch",
+                                  "+multi",  "+exec",         "+discard", "+select", "+auth"}));
 
   // A local tunnel: plain TCP on a loopback port, TLS to the server, its certificate checked.
   const int tunnelPort = loopbackPort();
