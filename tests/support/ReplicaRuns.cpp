@@ -1,22 +1,52 @@
 #include "ReplicaRuns.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
-#include <vector>
+#include <cstdlib>
 
 #include "DatabaseComparer.h"
 #include "LogDirectory.h"
+#include "Processes.h"
 #include "Workload.h"
 
-ReplicaApplier::Summary applyDirectory(const std::string& replicaPath, const std::string& directory,
-                                       ReplicaApplier::Conflicts conflicts, std::string* warnings) {
-  Database replica(replicaPath, false);
+CaptureOptions captureInto(const TempDir& dir, std::uint64_t seed, int threads,
+                           std::uint64_t transactions, std::size_t maxBlob) {
+  if (!fileExists(dir / "replica.fdb")) {
+    Database replica(dir / "replica.fdb", true);
+    Workload::createSchema(replica);
+  }
+  writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
+  CaptureOptions o;
+  o.database = dir / "source.fdb";
+  o.configFile = dir / "plugin.conf";
+  o.outputDirectory = dir / "logs";
+  o.seed = seed;
+  o.threads = threads;
+  o.transactions = transactions;
+  o.maxBlob = maxBlob;
+  return o;
+}
+
+CaptureSummary captureRun(const TempDir& dir, const std::string& plugin, std::uint64_t seed,
+                          int threads, std::uint64_t transactions, std::size_t maxBlob,
+                          int hotRows) {
+  CaptureOptions o = captureInto(dir, seed, threads, transactions, maxBlob);
+  o.pluginLibrary = plugin;
+  o.hotRows = hotRows;
+  return CaptureDriver(o).run();
+}
+
+ReplicaApplier::Summary applyLogs(const TempDir& dir, ReplicaApplier::Conflicts conflicts,
+                                  std::string* warnings) {
+  Database replica(dir / "replica.fdb", false);
   ReplicaApplier applier(replica, conflicts);
   applier.onWarning([warnings](const std::string& w) {
     if (warnings) *warnings += w + "\n";
   });
   FollowPosition position = applier.position();
-  std::vector<LogFile> logs = LogDirectory::list(directory);
+  std::vector<LogFile> logs = LogDirectory::list(dir / "logs");
   for (std::size_t i = 0; i < logs.size();)
     i += position.isDone(logs[i]) ? 1 : applier.applyNext(logs, i, position);
   return applier.summary();
@@ -35,20 +65,27 @@ std::string differenceBetween(const std::string& sourcePath, const std::string& 
   }
 }
 
-CaptureOptions captureInto(const TempDir& dir, std::uint64_t seed, int threads,
-                           std::uint64_t transactions, std::size_t maxBlob) {
-  {
-    Database replica(dir / "replica.fdb", true);
-    Workload::createSchema(replica);
+Outcome run(const TempDir& dir, const std::vector<std::string>& args) {
+  const int status = waitFor(spawn(args, dir / "out.txt", dir / "err.txt"));
+  return {status, readText(dir / "out.txt"), readText(dir / "err.txt")};
+}
+
+int runKilled(const std::vector<std::string>& args, const std::string& err, int kills,
+              const std::function<unsigned(int)>& delay) {
+  for (int run = 0, killed = 0;; ++run) {
+    const pid_t pid = spawn(args, "/dev/null", err);
+    if (pid <= 0) return killed;
+    if (run < kills) ::usleep(delay(run));
+    const int status = run < kills ? stop(pid, SIGKILL) : waitFor(pid);
+    if (status != -1) {
+      EXPECT_EQ(0, status) << readText(err);
+      return killed;
+    }
+    ++killed;
   }
-  writeFile(dir / "plugin.conf", "OutputDirectory = " + dir.path() + "logs\n");
-  CaptureOptions o;
-  o.database = dir / "source.fdb";
-  o.configFile = dir / "plugin.conf";
-  o.outputDirectory = dir / "logs";
-  o.seed = seed;
-  o.threads = threads;
-  o.transactions = transactions;
-  o.maxBlob = maxBlob;
-  return o;
+}
+
+void expectGolden(const std::string& path, const std::string& text) {
+  EXPECT_EQ(readText(path), text);
+  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(path, text);
 }
