@@ -18,6 +18,7 @@
 #include <tuple>
 
 #include "Database.h"
+#include "FbcdcRuns.h"
 #include "FirebirdServer.h"
 #include "LiteralRow.h"
 #include "LogDirectory.h"
@@ -31,10 +32,6 @@
 namespace {
 
 using C = ReplicaApplier::Conflicts;
-
-std::string golden(const std::string& name) {
-  return std::string(FBCDC_TEST_SOURCE_DIR) + "/replica/golden/" + name;
-}
 
 // Captured workloads, also with hot rows that every thread updates, apply to an equal replica in
 // whatever order their logs were published, and once. (Each update of a hot row carries the row as
@@ -227,7 +224,7 @@ TEST_F(ApplyCases, LogsOfOneMomentApplyInTheOrderTheirOldValuesAdmit) {
     replica.executeAlone("DELETE FROM FBCDC_APPLIED");
     replica.executeAlone("INSERT INTO FBCDC_APPLIED (ID, LOGS_APPLIED) VALUES (1, 0)");
   }
-  expectGolden(golden("one_moment.txt"), transcript);
+  expectGolden("replica/golden/one_moment.txt", transcript);
 }
 
 // While following, a log that conflicts waits for the window after it, takes the log published just
@@ -278,7 +275,7 @@ TEST_F(ApplyCases, ConflictsStopOrAreResolved) {
       reset(replica);
     }
   }
-  expectGolden(golden("conflicts.txt"), transcript);
+  expectGolden("replica/golden/conflicts.txt", transcript);
 }
 
 // The check compares exactly what the log carries: a text by its bytes (not as a collation or a pad
@@ -331,7 +328,7 @@ TEST_F(ApplyCases, OldValuesAreComparedExactly) {
                   attempt(C::kError, "");
     Database(dir / "replica.fdb", false).executeAlone("UPDATE X SET V = 'Ab'");
   }
-  expectGolden(golden("old_values.txt"), transcript);
+  expectGolden("replica/golden/old_values.txt", transcript);
 }
 
 // compare lists each difference with both values, a row missing on one side once, up to
@@ -355,9 +352,7 @@ TEST_F(ApplyCases, CompareListsTheDifferences) {
     const Outcome o = run(dir, args);
     transcript += "exit " + std::to_string(o.status) + "\n" + o.out + o.err;
   }
-  for (std::size_t at; (at = transcript.find(dir.path())) != std::string::npos;)
-    transcript.replace(at, dir.path().size(), "$/");
-  expectGolden(golden("compare.txt"), transcript);
+  expectGolden("replica/golden/compare.txt", replaceAll(transcript, dir.path(), "$/"));
 }
 
 // The applier's table as an applier killed while it made it can leave it: listed, with columns the
@@ -548,10 +543,9 @@ TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
     apply("replica.fdb");
     ::unlink((logs + listDirectory(logs).back()).c_str());
   }
-  for (std::size_t at; (at = transcript.find(server.database(dir.path()))) != std::string::npos;)
-    transcript.replace(at, server.database(dir.path()).size(), "$/");
-  expectGolden(golden("least_privilege.txt"),
-               std::regex_replace(transcript, std::regex("[0-9a-f]{16}_[0-9a-f]{16}"), "#"));
+  expectGolden("replica/golden/least_privilege.txt",
+               std::regex_replace(replaceAll(transcript, server.database(dir.path()), "$/"),
+                                  std::regex("[0-9a-f]{16}_[0-9a-f]{16}"), "#"));
 }
 
 }  // namespace

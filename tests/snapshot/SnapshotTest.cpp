@@ -20,6 +20,7 @@
 
 #include "Database.h"
 #include "EventDescription.h"
+#include "FbcdcRuns.h"
 #include "FirebirdServer.h"
 #include "LogDecoder.h"
 #include "LogDirectory.h"
@@ -308,7 +309,7 @@ TEST(SnapshotTest, ManifestsNamesAndStatementsAsRead) {
         held += " " + std::to_string(t) + yesNo(stream.containsStatement(sql, t));
       return held;
     });
-  expectGolden(std::string(FBCDC_TEST_SOURCE_DIR) + "/snapshot/golden/reading.txt", transcript);
+  expectGolden("snapshot/golden/reading.txt", transcript);
 }
 
 // A snapshot taken between two captured workloads, followed with the logs by follow --snapshot:

@@ -4,8 +4,6 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdlib>
-
 #include "DatabaseComparer.h"
 #include "LogDirectory.h"
 #include "Processes.h"
@@ -83,9 +81,4 @@ int runKilled(const std::vector<std::string>& args, const std::string& err, int 
     }
     ++killed;
   }
-}
-
-void expectGolden(const std::string& path, const std::string& text) {
-  EXPECT_EQ(readText(path), text);
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(path, text);
 }

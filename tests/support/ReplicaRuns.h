@@ -1,6 +1,6 @@
 // What the replica, snapshot and workload tests share: a workload captured into a test's directory,
 // its logs applied to a replica that is compared with the source, commands run to their end or
-// killed and run again, and golden transcripts.
+// killed and run again (any program; FbcdcRuns has fbcdc's own runs and golden files).
 #pragma once
 
 #include <functional>
@@ -43,7 +43,3 @@ Outcome run(const TempDir& dir, const std::vector<std::string>& args);
 // the run after them goes to its end and must succeed. Returns the number of runs killed.
 int runKilled(const std::vector<std::string>& args, const std::string& err, int kills,
               const std::function<unsigned(int)>& delay);
-
-// Compares text with the golden file path; FBCDC_UPDATE_GOLDEN=1 rewrites the file, to be reviewed
-// line by line before a commit.
-void expectGolden(const std::string& path, const std::string& text);
