@@ -54,10 +54,10 @@ std::map<std::string, std::string> files(const std::string& directory) {
   return found;
 }
 
-// A directory of logs known by short keys: F0..F5 published now, each in a later tick of the
-// clock than the one before; U0..U2 named an hour and more ago but written now, as a copy or a
-// chmod leaves a log: dated by their names; T0, a temporary log begun ten minutes ago, and T1, one
-// begun now. Each file holds a text of its own size.
+// A directory of logs known by short keys: F0..F5 published now, each in a later tick of the clock
+// than the one before; U0..U2 named an hour and more ago but written now, as a copy or a chmod
+// leaves a log: dated by their names; T0, a temporary log begun ten minutes ago, and T1, one begun
+// now. Each file holds a text of its own size.
 struct Layout {
   std::string dir;
   std::map<std::string, LogFile> log;  // the published ones, as listed
@@ -117,60 +117,20 @@ Strings backlogs(const std::string& listing) {
   return found;
 }
 
-// status and prune as users run them, each case on a directory of its own (Layout) with positions
-// stored as checkpoints: all.pos took every log, f0.pos and f1.pos the U logs and F0 (and F1),
-// f2.pos and f4.pos F0 to F2 (F4), tick.pos F4 within F3's tick of the clock but not F3 itself,
-// near.pos U0 half a minute after U1's second (U2 lies a window before it, and U1, changed after
-// publication, may lie on either side), other.pos a log this directory never had a second after
-// F5 (another directory's), bad.pos is damaged and none.pos absent. Each case's lines run in turn;
-// then the files left and archived are listed by key, "(changed)" where their bytes differ. The
-// transcript is golden/status_prune.txt, with the test's directory as $, logs by their keys, and
-// what the clock decides (lags and ages in hundreds of seconds, times, free space) masked;
-// FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed line by line before a commit.
+// status and prune as users run them: each case, a section of golden/status_prune.txt, runs its
+// lines on a directory of its own (Layout, L/ in the lines) with positions stored as checkpoints:
+// all.pos took every log, f0.pos and f1.pos the U logs and F0 (and F1), f2.pos and f4.pos F0 to F2
+// (F4), tick.pos F4 within F3's tick of the clock but not F3 itself, near.pos U0 half a minute
+// after U1's second (U2 lies a window before it, and U1, changed after publication, may lie on
+// either side), other.pos a log this directory never had a second after F5 (another directory's),
+// bad.pos is damaged and none.pos absent. After a case's lines, the files left and archived are
+// listed by key, "(changed)" where their bytes differ. The transcript is golden/status_prune.txt,
+// with the test's directory as $, logs by their keys, and what the clock decides (lags and ages in
+// hundreds of seconds, times, free space) masked; FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed
+// line by line before a commit.
 TEST(StatusPruneTest, AsUsersRunThem) {
-  const struct {
-    const char* what;
-    Strings lines;
-  } cases[] = {
-      {"figures, monitoring checks, refusals, and prunes one after another",
-       {"status L/ --checkpoint $all.pos --checkpoint $f1.pos --checkpoint $none.pos --format json",
-        "status L/ --checkpoint $none.pos --checkpoint $all.pos --max-lag 3600",
-        "status L/ --checkpoint $none.pos --max-lag 4000 --format json",
-        "status L/ --checkpoint $bad.pos --checkpoint $all.pos --format json",
-        "status L/ --redis 127.0.0.1:1 --stream-prefix a --stream-prefix b", "status $none",
-        "prune L/", "prune L/ --consumer file:x", "prune L/ --consumer redis:localhost/erp",
-        "prune L/ --consumer checkpoint:$all.pos --keep-for 7x",
-        "prune L/ --consumer checkpoint:$all.pos --archive $logs",
-        "prune L/ --consumer checkpoint:$all.pos --archive $none",
-        "prune L/ --consumer checkpoint:$all.pos --consumer checkpoint:$bad.pos",
-        "prune L/ --consumer checkpoint:$f1.pos --dry-run",
-        "prune L/ --consumer checkpoint:$f1.pos --consumer checkpoint:$none.pos",
-        "prune L/ --consumer checkpoint:$f1.pos --keep-for 1h",
-        "prune L/ --consumer checkpoint:$f1.pos",
-        "status L/ --checkpoint $f0.pos --checkpoint $f1.pos",
-        "status L/ --consumer checkpoint:$f1.pos --format json"}},
-      {"consumers at F2 and F4, and again",
-       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos",
-        "prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos",
-        "status L/ --checkpoint $f0.pos --checkpoint $none.pos",
-        "follow L/ --once --checkpoint $f0.pos"}},
-      {"one has taken nothing",
-       {"prune L/ --consumer checkpoint:$all.pos --consumer checkpoint:$none.pos"}},
-      {"a log of the position's tick that it does not name",
-       {"prune L/ --consumer checkpoint:$tick.pos", "status L/ --checkpoint $f0.pos"}},
-      {"logs dated by their names near the position", {"prune L/ --consumer checkpoint:$near.pos"}},
-      {"--keep-for half an hour", {"prune L/ --consumer checkpoint:$all.pos --keep-for 30m"}},
-      {"--dry-run",
-       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --dry-run"}},
-      {"archived on the same file system",
-       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --archive $archive"}},
-      {"archived on another file system",
-       {"prune L/ --consumer checkpoint:$f2.pos --consumer checkpoint:$f4.pos --archive @shm"}},
-      {"another directory's consumer",
-       {"prune L/ --consumer checkpoint:$f0.pos --consumer checkpoint:$other.pos"}},
-  };
   std::string transcript;
-  for (const auto& c : cases) {
+  for (const auto& [what, lines] : linesOf("logdir/golden/status_prune.txt")) {
     TempDir root;
     const Layout l(root / "logs/");
     const std::pair<const char*, FollowPosition> positions[] = {
@@ -209,9 +169,9 @@ TEST(StatusPruneTest, AsUsersRunThem) {
                      "[0-9]+|[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}Z|[0-9]{19}(?= [FU])"),
           "$1$2#");
     };
-    transcript += std::string("## ") + c.what + "\n" +
-                  masked(transcriptOf(root, c.lines,
-                                      {{"L/", l.dir}, {"$", root.path()}, {"@shm", elsewhere}}));
+    transcript +=
+        "## " + what + "\n" +
+        masked(transcriptOf(root, lines, {{"L/", l.dir}, {"$", root.path()}, {"@shm", elsewhere}}));
     for (const std::string& where : {l.dir, root / "archive", elsewhere}) {
       transcript += where == l.dir ? "left:" : where == elsewhere ? "in @shm:" : "in $archive:";
       for (const auto& [name, content] : files(where)) {
@@ -252,22 +212,14 @@ class ConsumerPruneTest : public PluginFixture {
     ::usleep(10000);  // the next log falls into a later tick of the file system's clock
   }
 
-  std::string rows() {
+  // The replica's answer to sql (of one column of text), each row followed by a space.
+  std::string rows(const char* sql =
+                       "SELECT CAST(ID AS VARCHAR(12) CHARACTER SET UTF8) FROM T "
+                       "ORDER BY ID") {
     Database replica(dir / "replica.fdb", false);
     std::string out;
-    for (const auto& row : replica.texts("SELECT CAST(ID AS VARCHAR(12) CHARACTER SET UTF8) "
-                                         "FROM T ORDER BY ID"))
-      out += row[0] + " ";
+    for (const auto& row : replica.texts(sql)) out += row[0] + " ";
     return out;
-  }
-
-  bool hasPositionTable() {
-    Database replica(dir / "replica.fdb", false);
-    return !replica
-                .texts(
-                    "SELECT CAST(RDB$RELATION_NAME AS VARCHAR(63) CHARACTER SET UTF8) FROM "
-                    "RDB$RELATIONS WHERE RDB$RELATION_NAME = 'FBCDC_APPLIED'")
-                .empty();
   }
 };
 
@@ -296,7 +248,9 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadReplicaAndRedisPositions) {
   r = runFbcdc(dir, {"prune", logs, "--consumer", consumer});
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_EQ("fbcdc prune: " + consumer + " has taken nothing: every log stays\n", r.err);
-  EXPECT_FALSE(hasPositionTable()) << "reading a replica's position made its table";
+  EXPECT_EQ("", rows("SELECT CAST(RDB$RELATION_NAME AS VARCHAR(63) CHARACTER SET UTF8) FROM "
+                     "RDB$RELATIONS WHERE RDB$RELATION_NAME = 'FBCDC_APPLIED'"))
+      << "reading a replica's position made its table";
   {
     Database db(replica, false);
     ReplicaApplier applier(db, ReplicaApplier::Conflicts::kError);
@@ -322,15 +276,15 @@ TEST_F(ConsumerPruneTest, PruneAndStatusReadReplicaAndRedisPositions) {
 }
 
 // Followers killed at random moments and started again with the same checkpoint, an applier, and
-// prunes for both, while logs are published: every event of every log is emitted (some twice,
-// never none), each log's events in order within a run, the replica gets every row, and no named
-// consumer is ever told by the mark that it missed a log.
+// prunes for both, while logs are published: every event of every log is emitted (some twice, never
+// none), each log's events in order within a run, the replica gets every row, and no named consumer
+// is ever told by the mark that it missed a log.
 TEST_F(ConsumerPruneTest, FollowersKilledAnApplierAndPrunesLoseNothing) {
   const std::string checkpoint = dir / "follow.pos";
   const std::string replica = dir / "replica.fdb";
   // The embedded engine lets one process open the replica: the applier runs here, beside the
-  // pruner's own attachment. Both attach before either starts (an attachment made while the
-  // other applies may wait for it to end).
+  // pruner's own attachment. Both attach before either starts (an attachment made while the other
+  // applies may wait for it to end).
   Database applierDb(replica, false);
   ReplicaApplier applying(applierDb, ReplicaApplier::Conflicts::kError);
   Database prunerDb(replica, false);
@@ -338,8 +292,8 @@ TEST_F(ConsumerPruneTest, FollowersKilledAnApplierAndPrunesLoseNothing) {
   std::atomic<bool> publishing{true};
   std::atomic<bool> applierRuns{true};
   std::atomic<int> removed{0};
-  // The applier looks at the directory again and again, as apply --follow's rescans do, and
-  // applies what its position has not taken.
+  // The applier looks at the directory again and again, as apply --follow's rescans do, and applies
+  // what its position has not taken.
   std::thread applier([&] {
     try {
       FollowPosition position = applying.position();
@@ -402,9 +356,9 @@ TEST_F(ConsumerPruneTest, FollowersKilledAnApplierAndPrunesLoseNothing) {
   publishing = false;
   applier.join();
   pruner.join();
-  // A last follower takes the rest and is stopped as a user would stop it, once its position
-  // names the last log published (a slow, sanitized build may need a while); it takes SIGTERM as
-  // a stop once it has started.
+  // A last follower takes the rest and is stopped as a user would stop it, once its position names
+  // the last log published (a slow, sanitized build may need a while); it takes SIGTERM as a stop
+  // once it has started.
   const pid_t pid = follow();
   char last[32];
   std::snprintf(last, sizeof last, "_%016llx.fbl",

@@ -16,7 +16,6 @@
 #include <cmath>
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <random>
 #include <regex>
 #include <set>
@@ -71,18 +70,6 @@ std::string promtool(const TempDir& dir, const std::string& text) {
   return status == 0 ? "" : "promtool: " + readText(dir / "promtool.txt");
 }
 
-// The samples of a text, by the metric's name and labels as written ("name{a=\"b\"}").
-std::map<std::string, double> samples(const std::string& text) {
-  std::map<std::string, double> all;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    const std::size_t space = line.rfind(' ');
-    all[line.substr(0, space)] = std::stod(line.substr(space + 1));
-  }
-  return all;
-}
-
 // The port of the "metrics of ... at http://127.0.0.1:PORT/metrics" line in the file err, waiting
 // for it up to a minute; 0 when it does not come.
 int announcedPort(const std::string& err) {
@@ -126,16 +113,16 @@ class MetricsTest : public PluginFixture {
     ADD_FAILURE() << "log " << number << " not published";
   }
 
-  // Waits up to a minute until the consumer's fbcdc_logs_total reaches logs and it has stored its
+  // Waits up to a minute until the consumer's fbcdc_logs_total is logs and it has stored its
   // position after the last (fbcdc_logs_waiting 0); label: its labels, "{consumer=...}". The last
   // scrape.
-  std::string scrapeUntil(int port, const std::string& label, double logs) {
+  std::string scrapeUntil(int port, const std::string& label, int logs) {
     std::string text;
     for (int i = 0; i < 600; ++i) {
       text = scrape(port);
-      auto all = samples(text);
-      if (all.count("fbcdc_logs_total" + label) && all["fbcdc_logs_total" + label] >= logs &&
-          all.count("fbcdc_logs_waiting" + label) && all["fbcdc_logs_waiting" + label] == 0)
+      if (text.find("fbcdc_logs_total" + label + " " + std::to_string(logs) + "\n") !=
+              std::string::npos &&
+          text.find("fbcdc_logs_waiting" + label + " 0\n") != std::string::npos)
         break;
       ::usleep(100000);
     }
@@ -328,10 +315,10 @@ TEST_F(MetricsTest, FollowPruneKeepsWhatItStillNeeds) {
   EXPECT_EQ((Strings{"fbcdc-pruned.pos"}), listDirectory(logs));
 }
 
-// Refusals of the consumers' metrics and prune options, and the level of a stderr line in the
-// style of where it goes: the journal's prefix (asked for, or where JOURNAL_STREAM names stderr
-// itself, not another file), a time and a word, or nothing. The transcript is golden/refusals.txt,
-// with the test's directory as $/ and times and ports masked.
+// Refusals of the consumers' metrics and prune options, and the level of a stderr line in the style
+// of where it goes: the journal's prefix (asked for, or where JOURNAL_STREAM names stderr itself,
+// not another file), a time and a word, or nothing. The lines and their transcript are
+// golden/refusals.txt, with the test's directory as $/ and times and ports masked.
 TEST_F(MetricsTest, RefusalsAndLevels) {
   publish(0);
   ::unsetenv("FBCDC_LOG");
@@ -339,18 +326,12 @@ TEST_F(MetricsTest, RefusalsAndLevels) {
   struct stat err {};
   writeFile(dir / "err.txt", "");
   ASSERT_EQ(0, ::stat((dir / "err.txt").c_str(), &err));
-  const std::string transcript = transcriptOf(
-      dir,
-      {"follow L/ --prune", "follow L/ --metrics 127.0.0.1:99999",
-       "apply --database $/replica.fdb --metrics :0 L/",
-       "apply --database $/replica.fdb --prune L/ L/", "FBCDC_LOG=journal follow L/ --prune",
-       "JOURNAL_STREAM=@stderr follow L/ --prune", "JOURNAL_STREAM=1:1 follow L/ --prune",
-       "FBCDC_LOG=time follow L/ --prune", "FBCDC_LOG=journal follow L/ --once --metrics 0",
-       "FBCDC_LOG=plain follow L/ --once --metrics 0"},
-      {{"L/", logs},
-       {"$/", dir.path()},
-       {"@stderr", std::to_string(err.st_dev) + ":" + std::to_string(err.st_ino)}},
-      [](const std::string& text, bool err) { return err ? text : ""; });
+  const std::string transcript =
+      transcriptOf(dir, linesOf("metrics/golden/refusals.txt")[0].second,
+                   {{"L/", logs},
+                    {"$/", dir.path()},
+                    {"@stderr", std::to_string(err.st_dev) + ":" + std::to_string(err.st_ino)}},
+                   [](const std::string& text, bool err) { return err ? text : ""; });
   expectGolden("metrics/golden/refusals.txt",
                std::regex_replace(
                    replaceAll(transcript, dir.path(), "$/"),

@@ -84,6 +84,24 @@ inline std::string transcriptOf(
   return transcript;
 }
 
+// The lines of a golden transcript (its "$ ... fbcdc ..." lines, as transcriptOf writes them), by
+// its "## TITLE" sections in turn (one, untitled, where it has none): a transcript test runs the
+// lines of its golden file, so that a line added there runs, and is written down at the next
+// update, and each line is written once.
+inline std::vector<std::pair<std::string, Strings>> linesOf(const std::string& path) {
+  std::vector<std::pair<std::string, Strings>> sections(1);
+  std::istringstream in(readText(std::string(FBCDC_TEST_SOURCE_DIR) + "/" + path));
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("## ", 0) == 0) sections.push_back({line.substr(3), {}});
+    const std::size_t command = line.find("fbcdc ");
+    if (line.rfind("$ ", 0) == 0 && command != std::string::npos)
+      sections.back().second.push_back(line.substr(2, command - 2) + line.substr(command + 6));
+  }
+  if (sections.size() > 1) sections.erase(sections.begin());
+  EXPECT_FALSE(sections[0].second.empty()) << path << " has no lines to run";
+  return sections;
+}
+
 // A log's name: its second and transaction as 16 hexadecimal digits each, and suffix.
 inline std::string logName(std::int64_t second, std::uint64_t transaction,
                            const char* suffix = ".fbl") {
