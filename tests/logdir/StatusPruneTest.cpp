@@ -77,7 +77,7 @@ struct Layout {
       content[k] = std::string(size += 7, k[1]);
       writeFile(dir + name[k], content[k]);
       key[name[k]] = k;
-      if (k[0] == 'F') ::usleep(10000);  // the next one falls into a later tick of the clock
+      if (k[0] == 'F') awaitLaterFileTime(dir);
     }
     for (const LogFile& f : LogDirectory::list(dir)) log[key.at(f.name)] = f;
     // What the cases rely on.
@@ -209,7 +209,7 @@ class ConsumerPruneTest : public PluginFixture {
     }
     ASSERT_EQ(0, t->commit(status));
     t->dispose();
-    ::usleep(10000);  // the next log falls into a later tick of the file system's clock
+    awaitLaterFileTime(logs);
   }
 
   // The replica's answer to sql (of one column of text), each row followed by a space.

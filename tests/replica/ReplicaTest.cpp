@@ -94,7 +94,7 @@ class Publisher : public PluginFixture {
     body(t);
     ASSERT_EQ(0, t->commit(status));
     t->dispose();
-    ::usleep(20000);
+    awaitLaterFileTime(logs);
   }
   // Publishes the log of transaction number holding the statements.
   void publishSql(std::uint64_t number, const std::vector<std::string>& statements) {

@@ -1,5 +1,8 @@
 #include "TestFiles.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -53,6 +56,22 @@ void writeFile(const std::string& path, const std::string& text) {
 
 void writeFile(const std::string& path, const Bytes& bytes) {
   writeFile(path, std::string(bytes.begin(), bytes.end()));
+}
+
+void awaitLaterFileTime(const std::string& directory) {
+  const std::string probe = directory + "/.clock-probe";
+  const auto changed = [&probe] {
+    writeFile(probe, "x");
+    struct stat st;
+    if (::stat(probe.c_str(), &st) != 0) throw std::runtime_error("cannot examine " + probe);
+    return std::make_pair(st.st_ctim.tv_sec, st.st_ctim.tv_nsec);
+  };
+  const auto before = changed();
+  for (int i = 0; changed() <= before; ++i) {
+    if (i == 5000) throw std::runtime_error("the file system's clock stands still in " + directory);
+    ::usleep(1000);
+  }
+  std::remove(probe.c_str());
 }
 
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }

@@ -33,6 +33,10 @@ Bytes readFile(const std::string& path);
 std::string readText(const std::string& path);
 void writeFile(const std::string& path, const std::string& text);
 void writeFile(const std::string& path, const Bytes& bytes);
+// Returns once a file changed in directory now gets a later change time than every file changed
+// there before the call. A sleep of a fixed length is not enough: some file systems stamp files
+// from a clock that stands still for many milliseconds.
+void awaitLaterFileTime(const std::string& directory);
 Bytes bytesOf(const std::string& text);
 std::string hex(const Bytes& bytes);
 // n bytes of a fixed pseudo-random sequence.
