@@ -132,12 +132,11 @@ TEST_F(TWriteFileTest, ValuesAtEveryOffsetAroundTheBlockEdge) {
 }
 
 // Reading on from anywhere, step by step: each step's outcome (the byte, or the CRC-32C of the
-// bytes, or the failure; the position; the reads and seeks it made) is a line of golden/reader.txt
-// (FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed line by line before a commit). Runs across
-// blocks, skips over whole blocks (each one read and verified) and to the end of a block's data
-// (no block loaded past it), seeks within the loaded block (no file operation) and to other
-// blocks, the end of a log that ends with a full block; without CRC checking every byte, trailers
-// included (a damaged or cut block: TReadFileFuzz, and dump and verify's wording:
+// bytes, or the failure; the position; the reads and seeks it made) is a line of golden/reader.txt.
+// Runs across blocks, skips over whole blocks (each one read and verified) and to the end of a
+// block's data (no block loaded past it), seeks within the loaded block (no file operation) and to
+// other blocks, the end of a log that ends with a full block; without CRC checking every byte,
+// trailers included (a damaged or cut block: TReadFileFuzz, and dump and verify's wording:
 // FbcdcCommandTest); a directory, a missing file, a reader never opened, and a sparse file of
 // 5 GiB: seek takes 64-bit positions.
 TEST_F(TReadFileTest, StepByStep) {
@@ -182,9 +181,7 @@ TEST_F(TReadFileTest, StepByStep) {
             std::to_string(PosixFaults::calls(PosixFaults::kRead)) + " reads, " +
             std::to_string(PosixFaults::calls(PosixFaults::kLseek64)) + " seeks\n";
   }
-  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/blockfile/golden/reader.txt";
-  EXPECT_EQ(readText(golden), text);
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text);
+  expectGolden("blockfile/golden/reader.txt", text);
 }
 
 // An owned text is formatted, and one longer than 2046 characters is cut.

@@ -1,12 +1,11 @@
 // The change log's records and the life of one log. Insert, update and delete records, byte for
 // byte as the format lays them out, and every refusal: types without a recording, names and texts
 // too long for their length, and what a server should never hand over; the bytes and status of
-// each case are in golden/records.txt (FBCDC_UPDATE_GOLDEN=1 rewrites it, to be reviewed line by
-// line before a commit). A log's name, publication at commit, statement records, a savepoint at a
-// block's edge, and a file that could not be created. Blobs read from a real database through the
-// embedded engine, and the server's own errors while one is read (golden/blobs.txt). (Random
-// savepoint sequences and blobs of every size are LogDecoderTest's, the failure of every call
-// FaultSweepTest's, empty transactions CrashStateTest's.)
+// each case are in golden/records.txt. A log's name, publication at commit, statement records, a
+// savepoint at a block's edge, and a file that could not be created. Blobs read from a real
+// database through the embedded engine, and the server's own errors while one is read
+// (golden/blobs.txt). (Random savepoint sequences and blobs of every size are LogDecoderTest's, the
+// failure of every call FaultSweepTest's, empty transactions CrashStateTest's.)
 #include "ReplTransaction.h"
 
 #include <gtest/gtest.h>
@@ -172,14 +171,6 @@ class ChangeRecordsTest : public PluginFixture {
       for (const std::string& item : status.errors()) text += " " + item;
     return text;
   }
-
-  // Compares text with golden/name; FBCDC_UPDATE_GOLDEN=1 rewrites the file, to be reviewed line
-  // by line before a commit.
-  void expectGolden(const std::string& name, const std::string& text) {
-    const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/changelog/golden/" + name;
-    EXPECT_EQ(readText(golden), text);
-    if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text);
-  }
 };
 
 // One record per row, in relation T unless named: an insert carries new values, a delete old ones
@@ -304,7 +295,7 @@ TEST_F(ChangeRecordsTest, RecordBytesAndRefusals) {
   for (const auto& [name, op, row, old] : hostile)
     text += std::string(name) + ": " + record(op, row, old) + "\n";
 
-  expectGolden("records.txt", text);
+  expectGolden("changelog/golden/records.txt", text);
 }
 
 // The server's own errors while a blob is read, in golden/blobs.txt: they stay in the status and
@@ -331,7 +322,7 @@ TEST_F(ChangeRecordsTest, ServerErrorsWhileReadingABlob) {
             std::to_string(attachment.givenUp) + ", released after that " +
             std::to_string(attachment.extraReleases) + "\n";
   }
-  expectGolden("blobs.txt", text);
+  expectGolden("changelog/golden/blobs.txt", text);
 }
 
 const char kStatementLog[] =

@@ -25,7 +25,6 @@ namespace {
 // the plugin makes lets owner and group create files in it (0770 less the umask, which is 0 here);
 // an existing path is taken as it is; a refused version or configuration creates nothing. Then how
 // names are normalized: a separator added where there is none, and the length limit.
-// FBCDC_UPDATE_GOLDEN=1 rewrites the file, to be reviewed line by line before a commit.
 TEST(ReplPluginStart, VersionsAndConfigurations) {
   PosixFaults::Scope faults;
   TempDir dir;
@@ -89,9 +88,7 @@ TEST(ReplPluginStart, VersionsAndConfigurations) {
     const char* error = ReplPlugin::normalizeOutputDirectory(name.c_str(), out);
     text += "\nnormalized \"" + shown(name) + "\": " + shown(error ? error : out);
   }
-  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/plugin/golden/start.txt";
-  EXPECT_EQ(readText(golden), text + "\n");
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text + "\n");
+  expectGolden("plugin/golden/start.txt", text + "\n");
 }
 
 // Running out of memory: the entry function returns null with the status untouched, and a failed

@@ -21,10 +21,6 @@
 
 namespace {
 
-std::string goldenPath(const std::string& name) {
-  return std::string(FBCDC_TEST_SOURCE_DIR) + "/render/golden/" + name;
-}
-
 std::string render(const std::string& path, const std::string& format, const EventFormat& f) {
   std::unique_ptr<EventWriter> writer = EventWriter::create(format, f);
   std::FILE* out = std::fopen((path + ".out").c_str(), "wb");
@@ -131,12 +127,8 @@ TEST_F(EventWriterTest, GoldenOutputOfALogWithEveryKindOfValue) {
       {"every_type_options.jsonl", render(path, "json", other)},
       {"every_type.txt", render(path, "text", plain)},
   };
-  for (const auto& [golden, output] : cases) {
-    SCOPED_TRACE(golden);
-    EXPECT_EQ(readText(goldenPath(golden)), output);
-    // FBCDC_UPDATE_GOLDEN=1 rewrites the files, to be reviewed line by line before a commit.
-    if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(goldenPath(golden), output);
-  }
+  for (const auto& [golden, output] : cases)
+    expectGolden(std::string("render/golden/") + golden, output);
 }
 
 // Edge forms, in golden/value_text.txt; the usual ones (scaled values, the ISO time, a WIN1252 euro
@@ -161,8 +153,7 @@ TEST(ValueTextTest, KnownForms) {
   text += "\n";
   for (const char* s : {"", "f", "fo", "foo", "foob", "fooba", "foobar"})
     ValueText::appendBase64(text += "|", s);
-  EXPECT_EQ(readText(goldenPath("value_text.txt")), text + "\n");
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(goldenPath("value_text.txt"), text + "\n");
+  expectGolden("render/golden/value_text.txt", text + "\n");
 }
 
 // Every character set number and name the engine knows is in the table, and each readable set

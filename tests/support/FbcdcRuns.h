@@ -1,7 +1,7 @@
 // The built fbcdc as the tests run it: started with its output going to files of the test, or run
 // to its end with that output read back; command lines written with short names for the test's
-// paths; log names formed as the plugin forms them; and a test's whole text held against its golden
-// file. Inline, as the paths of the built programs are known to the test programs only.
+// paths; and log names formed as the plugin forms them. Inline, as the paths of the built programs
+// are known to the test programs only.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -109,12 +109,4 @@ inline std::string logName(std::int64_t second, std::uint64_t transaction,
   std::snprintf(name, sizeof name, "%016llx_%016llx%s", static_cast<long long>(second),
                 static_cast<unsigned long long>(transaction), suffix);
   return name;
-}
-
-// Holds text against the golden file at path under tests/; FBCDC_UPDATE_GOLDEN=1 rewrites the file
-// instead, to be reviewed line by line before a commit.
-inline void expectGolden(const std::string& path, const std::string& text) {
-  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/" + path;
-  EXPECT_EQ(readText(golden), text) << path;
-  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text);
 }

@@ -1,5 +1,6 @@
 #include "TestFiles.h"
 
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -72,6 +73,12 @@ void awaitLaterFileTime(const std::string& directory) {
     ::usleep(1000);
   }
   std::remove(probe.c_str());
+}
+
+void expectGolden(const std::string& path, const std::string& text) {
+  const std::string golden = std::string(FBCDC_TEST_SOURCE_DIR) + "/" + path;
+  EXPECT_EQ(readText(golden), text) << path;
+  if (std::getenv("FBCDC_UPDATE_GOLDEN")) writeFile(golden, text);
 }
 
 Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }

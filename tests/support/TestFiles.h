@@ -37,6 +37,9 @@ void writeFile(const std::string& path, const Bytes& bytes);
 // there before the call. A sleep of a fixed length is not enough: some file systems stamp files
 // from a clock that stands still for many milliseconds.
 void awaitLaterFileTime(const std::string& directory);
+// Holds text against the golden file at path under tests/; FBCDC_UPDATE_GOLDEN=1 rewrites the file
+// instead, to be reviewed line by line before a commit.
+void expectGolden(const std::string& path, const std::string& text);
 Bytes bytesOf(const std::string& text);
 std::string hex(const Bytes& bytes);
 // n bytes of a fixed pseudo-random sequence.
