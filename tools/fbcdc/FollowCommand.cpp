@@ -303,7 +303,11 @@ int followCommand(int argc, char** argv) {
   try {
     // Before the sink starts its threads, so that they inherit the blocked signals.
     LogFollower::stopOnSignals();
-    sink = makeSink(sinkArguments, output, writer, !checkpointPath.empty());
+    try {
+      sink = makeSink(sinkArguments, output, writer, !checkpointPath.empty());
+    } catch (const std::invalid_argument& e) {  // a -X setting the Kafka client refused
+      return refuse("follow", e.what());
+    }
     CheckpointFile checkpoint(checkpointPath);
     FollowPosition position;
     // With a snapshot, the stored position also counts the snapshot files taken.
@@ -370,8 +374,6 @@ int followCommand(int argc, char** argv) {
           upkeep.taken(p, follower.waiting());
         },
         once);
-  } catch (const std::invalid_argument& e) {  // a -X setting the Kafka client refused
-    return refuse("follow", e.what());
   } catch (const std::exception& e) {
     complain("follow", e.what());
     return kExitFailed;
