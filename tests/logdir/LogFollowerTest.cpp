@@ -58,15 +58,11 @@ struct Step {
 TEST(LogFollowerTest, EachLogOnceAcrossLooks) {
   // Names an hour back: their files, written now, are dated by their names.
   const std::int64_t old = std::time(nullptr) - 3600;
-  const auto put = [](std::string name) {
-    return [name](const TempDir& dir) { writeFile(dir / name, "x"); };
-  };
-  const auto putAll = [](Strings names) {
+  const auto put = [](Strings names) {
     return [names](const TempDir& dir) {
       for (const std::string& n : names) writeFile(dir / n, "x");
     };
   };
-  const auto nothing = [](const TempDir&) {};
   const auto loop = [](std::int64_t second, std::uint64_t transaction) {
     return [=](const TempDir& dir) {
       const std::string path = dir / logName(second, transaction);
@@ -82,14 +78,14 @@ TEST(LogFollowerTest, EachLogOnceAcrossLooks) {
       // A copied directory: taken in name order once, and then the follower stays quiet, also
       // after a log of now is published behind them.
       {"copied logs",
-       {{putAll(copied), copied},
-        {nothing, {}},
-        {put(logName(old + 3600, 100)), {logName(old + 3600, 100)}},
-        {nothing, {}}}},
+       {{put(copied), copied},
+        {put({}), {}},
+        {put({logName(old + 3600, 100)}), {logName(old + 3600, 100)}},
+        {put({}), {}}}},
       // A log renamed once more under a later second, as the plugin does after a late rename,
       // is the log already taken.
       {"renamed again",
-       {{put(logName(old, 5)), {logName(old, 5)}},
+       {{put({logName(old, 5)}), {logName(old, 5)}},
         {[&](const TempDir& dir) {
            ASSERT_EQ(0, ::rename((dir / logName(old, 5)).c_str(),
                                  (dir / logName(old + 3600, 5)).c_str()));
@@ -100,9 +96,9 @@ TEST(LogFollowerTest, EachLogOnceAcrossLooks) {
       // position, it is not looked at and stops nothing.
       {"cannot be examined",
        {{loop(old + 3600, 1), {"stopped: cannot examine "}},
-        {put(logName(old + 3601, 2)), {"stopped: cannot examine "}}}},
+        {put({logName(old + 3601, 2)}), {"stopped: cannot examine "}}}},
       {"done by name",
-       {{put(logName(old + 3600, 1)), {logName(old + 3600, 1)}}, {loop(old, 2), {}}}},
+       {{put({logName(old + 3600, 1)}), {logName(old + 3600, 1)}}, {loop(old, 2), {}}}},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -170,15 +166,13 @@ TEST_F(LateRename, ALogRenamedLateIsRenamedAgainAndTaken) {
   const std::int64_t now = std::time(nullptr);
   PosixFaults::setTime(now - 70);
   PosixFaults::setTimeAfter(PosixFaults::kRename, now);
-  ReplTransaction* t = begin(7);
-  ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = 1", 1));
-  ASSERT_EQ(0, t->commit(status));
-  t->dispose();
+  recordStream(
+      [&](ReplTransaction* t) { ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = 1", 1)); });
   PosixFaults::setTime(0);
-  EXPECT_EQ(Strings{logName(now, 7)}, listDirectory(logs));
+  EXPECT_EQ(Strings{logName(now, 1)}, listDirectory(logs));
   FollowPosition position;
   position.advance(logAt(now - 5, 99, (now - 5) * kSecond, false));
-  EXPECT_EQ(Strings{logName(now, 7)}, look(logs, position));
+  EXPECT_EQ(Strings{logName(now, 1)}, look(logs, position));
 }
 
 TEST(FollowPositionTest, VerdictsAroundThePosition) {
@@ -254,10 +248,8 @@ TEST_F(FileModesTest, PositionsAreTheirOwnersAlone) {
     struct stat st {};
     return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 07777;
   };
-  ReplTransaction* t = begin(1);
-  ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = 1", 1));
-  ASSERT_EQ(0, t->commit(status));
-  t->dispose();
+  recordStream(
+      [&](ReplTransaction* t) { ASSERT_EQ(0, t->executeSql(status, "UPDATE T SET V = 1", 1)); });
   const std::vector<LogFile> published = LogDirectory::list(logs);
   ASSERT_EQ(1u, published.size());
   // The umask is the test's until the end, also when an assertion ends it early.

@@ -35,8 +35,9 @@ using ::testing::Contains;
 using ::testing::HasSubstr;
 using ::testing::Not;
 
-// The whole reply to GET path at port on the loopback address; "" when nothing answers.
-std::string get(int port, const std::string& path) {
+// The reply to GET path at port on the loopback address, its body only unless whole; "" when
+// nothing answers.
+std::string get(int port, const std::string& path = "/metrics", bool whole = false) {
   const int s = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
   a.sin_family = AF_INET;
@@ -51,14 +52,8 @@ std::string get(int port, const std::string& path) {
     }
   }
   ::close(s);
-  return reply;
-}
-
-// The body of GET /metrics at port; "" when nothing answers.
-std::string scrape(int port) {
-  const std::string reply = get(port, "/metrics");
   const std::size_t body = reply.find("\r\n\r\n");
-  return body == std::string::npos ? "" : reply.substr(body + 4);
+  return whole ? reply : body == std::string::npos ? "" : reply.substr(body + 4);
 }
 
 // promtool's verdict on a text of metrics: "" when it accepts it, else what it says.
@@ -119,7 +114,7 @@ class MetricsTest : public PluginFixture {
   std::string scrapeUntil(int port, const std::string& label, int logs) {
     std::string text;
     for (int i = 0; i < 600; ++i) {
-      text = scrape(port);
+      text = get(port);
       if (text.find("fbcdc_logs_total" + label + " " + std::to_string(logs) + "\n") !=
               std::string::npos &&
           text.find("fbcdc_logs_waiting" + label + " 0\n") != std::string::npos)
@@ -174,39 +169,30 @@ class MetricsTest : public PluginFixture {
   std::vector<Published> fed;
 };
 
+// What --metrics binds for each address a user may give, or why it refuses it:
+// golden/addresses.txt.
 TEST(MetricsAddressTest, LoopbackUnlessAHostIsNamed) {
-  const struct {
-    const char* given;
-    const char* bound;  // "" when refused
-  } cases[] = {
-      {"9187", "127.0.0.1:9187"},
-      {":9187", "127.0.0.1:9187"},
-      {"0.0.0.0:65535", "0.0.0.0:65535"},
-      {"localhost:09187", "localhost:9187"},
-      {"[::1]:9187", "[::1]:9187"},
-      {"", ""},
-      {"host:", ""},
-      {"65536", ""},
-      {"127.0.0.1:-1", ""},
-      {"::1:9187", ""},
-      {"[::1:9187", ""},
-      {"a b:9187", ""},
-  };
-  for (const auto& c : cases) {
-    if (*c.bound) {
-      EXPECT_EQ(c.bound, MetricsServer::bindAddress(c.given)) << c.given;
-    } else {
-      EXPECT_THROW(MetricsServer::bindAddress(c.given), std::invalid_argument) << c.given;
+  std::string text;
+  for (const char* given :
+       {"9187", ":9187", "0.0.0.0:65535", "localhost:09187", "[::1]:9187", "", "host:", "65536",
+        "127.0.0.1:-1", "::1:9187", "[::1:9187", "a b:9187"}) {
+    std::string bound;
+    try {
+      bound = MetricsServer::bindAddress(given);
+    } catch (const std::invalid_argument& e) {
+      bound = std::string("refused: ") + e.what();
     }
+    text += std::string("\"") + given + "\" " + bound + "\n";
   }
+  expectGolden("metrics/golden/addresses.txt", text);
   // A port taken is refused by the second server, with the address named.
   auto metrics = std::make_shared<ConsumerMetrics>("checkpoint:x");
   MetricsServer first(":0", metrics);
   ASSERT_GT(first.port(), 0);
   EXPECT_EQ("http://127.0.0.1:" + std::to_string(first.port()) + "/metrics", first.url());
-  EXPECT_THAT(get(first.port(), "/metrics"), ::testing::StartsWith("HTTP/1.0 200 OK\r\n"));
-  EXPECT_THAT(scrape(first.port()), HasSubstr("fbcdc_logs_total{consumer=\"checkpoint:x\"} 0\n"));
-  EXPECT_THAT(get(first.port(), "/"), ::testing::StartsWith("HTTP/1.0 404 Not Found\r\n"));
+  EXPECT_THAT(get(first.port(), "/metrics", true), ::testing::StartsWith("HTTP/1.0 200 OK\r\n"));
+  EXPECT_THAT(get(first.port()), HasSubstr("fbcdc_logs_total{consumer=\"checkpoint:x\"} 0\n"));
+  EXPECT_THAT(get(first.port(), "/", true), ::testing::StartsWith("HTTP/1.0 404 Not Found\r\n"));
   try {
     MetricsServer second(std::to_string(first.port()), metrics);
     ADD_FAILURE() << "a second server on port " << first.port();
@@ -278,20 +264,11 @@ TEST_F(MetricsTest, FollowPruneKeepsWhatItStillNeeds) {
   // every log's events come out, and in the end only what the last position has not taken is left.
   const std::string checkpoint = dir / "follow.pos";
   std::mt19937 random(11);
-  int runs = 0;
-  const auto follow = [&] {
-    return startFbcdc({"follow", logs, "--checkpoint", checkpoint, "--prune"},
-                      dir / ("run" + std::to_string(runs++) + ".jsonl"), dir / "err.txt");
-  };
-  for (int round = 0; round < 5; ++round) {
-    const pid_t pid = follow();
-    for (int i = 0; i < 6; ++i) {
-      publish(static_cast<int>(random() % 5));
-      ::usleep(random() % 40000);
-    }
-    stop(pid, SIGKILL);
-  }
-  const pid_t pid = follow();
+  const Strings follow = {"follow", logs, "--checkpoint", checkpoint, "--prune"};
+  int runs = runKilledWhilePublishing(dir, follow, 5, 6, random, 40000,
+                                      [&] { publish(static_cast<int>(random() % 5)); });
+  const pid_t pid =
+      startFbcdc(follow, dir / ("run" + std::to_string(runs++) + ".out"), dir / "err.txt");
   for (int i = 0; i < 600 && !(fileExists(checkpoint) &&
                                readText(checkpoint).find(fed.back().name) != std::string::npos);
        ++i)
@@ -303,7 +280,7 @@ TEST_F(MetricsTest, FollowPruneKeepsWhatItStillNeeds) {
   std::set<std::string> published, seen;
   for (const Published& p : fed) published.insert(p.name);
   for (int i = 0; i < runs; ++i) {
-    std::ifstream in(dir / ("run" + std::to_string(i) + ".jsonl"));
+    std::ifstream in(dir / ("run" + std::to_string(i) + ".out"));
     for (std::string line; std::getline(in, line);) {
       const std::size_t f = line.find("\"file\":\"");
       if (f != std::string::npos) seen.insert(line.substr(f + 8, 37));

@@ -5,11 +5,15 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
+#include <random>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <utility>
@@ -30,16 +34,6 @@ inline std::string replaceAll(std::string text, const std::string& from, const s
   return text;
 }
 
-// The words of line once each short name (first) is replaced by what it stands for (second).
-inline Strings argsOf(std::string line,
-                      const std::vector<std::pair<std::string, std::string>>& names) {
-  for (const auto& [name, path] : names) line = replaceAll(line, name, path);
-  Strings args;
-  std::istringstream words(line);
-  for (std::string w; words >> w;) args.push_back(w);
-  return args;
-}
-
 // Starts fbcdc with args, its output going to the files out and err, with the NAME=VALUE settings
 // of environment (and FBCDC_REDIS_PASSWORD only when they set it).
 inline pid_t startFbcdc(const Strings& args, const std::string& out, const std::string& err,
@@ -58,16 +52,53 @@ inline FbcdcOutcome runFbcdc(const TempDir& dir, const Strings& args,
   return {status, readText(dir / "out.txt"), readText(dir / "err.txt")};
 }
 
-// Runs fbcdc for each line in turn, its leading NAME=VALUE words its environment and its short
-// names replaced (argsOf), and writes down "$ LINE", what it wrote to stdout, "stderr: " and what
-// it wrote to stderr (each through shown, with false and true, when given), and "exit N".
+// What status and prune write with what the clock decides masked: lags and ages to the hundred
+// seconds; times, positions' times and free space not at all.
+inline std::string clockMasked(const std::string& text) {
+  const std::regex lags(
+      "(lag_seconds\":|\n  lag +|lags |begun "
+      "|age_seconds\":)([0-9]*?)[0-9]{1,2}(?![0-9])(\\.[0-9]+)?");
+  return std::regex_replace(
+      std::regex_replace(text, lags, "$1$2xx"),
+      std::regex("(free space +)[^\n]*|(free_bytes\":|total_bytes\":|idle_seconds\":|written )"
+                 "[0-9]+|[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}Z|[0-9]{19}(?= [FUP])"),
+      "$1$2#");
+}
+
+// Runs fbcdc with args rounds times while logs are published, each run killed (SIGKILL) after
+// publish has been called each times, with a random pause of up to pause microseconds after each
+// call; run N writes its stdout to dir/runN.out and its stderr to dir/err.txt. Returns the number
+// of runs.
+inline int runKilledWhilePublishing(const TempDir& dir, const Strings& args, int rounds, int each,
+                                    std::mt19937& random, unsigned pause,
+                                    const std::function<void()>& publish) {
+  for (int run = 0; run < rounds; ++run) {
+    const pid_t pid =
+        startFbcdc(args, dir / ("run" + std::to_string(run) + ".out"), dir / "err.txt");
+    for (int i = 0; i < each; ++i) {
+      publish();
+      ::usleep(random() % pause);
+    }
+    stop(pid, SIGKILL);
+  }
+  return rounds;
+}
+
+// Runs fbcdc for each line in turn, its leading NAME=VALUE words its environment, with each short
+// name (first) replaced by what it stands for (second), and writes down "$ LINE", what it wrote to
+// stdout, "stderr: " and what it wrote to stderr (each through shown, with false and true, when
+// given), and "exit N".
 inline std::string transcriptOf(
     const TempDir& dir, const Strings& lines,
     const std::vector<std::pair<std::string, std::string>>& names,
     const std::function<std::string(const std::string&, bool)>& shown = {}) {
   std::string transcript;
   for (const std::string& line : lines) {
-    Strings args = argsOf(line, names), environment;
+    std::string replaced = line;
+    for (const auto& [name, path] : names) replaced = replaceAll(replaced, name, path);
+    Strings args, environment;
+    std::istringstream words(replaced);
+    for (std::string w; words >> w;) args.push_back(w);
     std::size_t command = 0;  // where the command starts in line
     for (; !args.empty() && args[0][0] >= 'A' && args[0][0] <= 'Z' &&
            args[0].find('=') != std::string::npos;

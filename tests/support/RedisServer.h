@@ -18,7 +18,6 @@ class RedisServer {
   RedisServer& operator=(const RedisServer&) = delete;
 
   bool ready() const { return redis_ && !redis_->err; }
-  int port() const { return port_; }
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
   // A connection for the test's own commands.
   redisContext* context() const { return redis_; }
