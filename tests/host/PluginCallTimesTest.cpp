@@ -10,7 +10,6 @@
 #include <optional>
 #include <thread>
 
-#include "CaptureDriver.h"
 #include "PluginCallTimes.h"
 #include "ReplicaRuns.h"
 
@@ -48,9 +47,7 @@ TEST(PluginCallTimesTest, ACaptureSplitsItsPluginTime) {
   for (const std::size_t maxBlob : {std::size_t{64 << 10}, std::size_t{0}}) {
     SCOPED_TRACE(maxBlob);
     TempDir dir;
-    CaptureOptions o = captureInto(dir, 3, 1, 20, maxBlob);
-    o.pluginLibrary = FBCDC_PLUGIN_PATH;
-    const CaptureSummary s = CaptureDriver(o).run();
+    const CaptureSummary s = captureRun(dir, FBCDC_PLUGIN_PATH, 3, 1, 20, maxBlob);
     EXPECT_TRUE(s.filesSeen);
     EXPECT_GT(s.fileSeconds, 0);
     EXPECT_EQ(maxBlob > 0, s.serverSeconds > 0) << "blob reads are the only server calls";

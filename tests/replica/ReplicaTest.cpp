@@ -85,9 +85,15 @@ TEST(ReplicaTest, ApplierKilledHalfwayAndRunAgain) {
   EXPECT_EQ("", differenceBetween(dir / "source.fdb", dir / "replica.fdb"));
 }
 
-// A plugin that publishes one log at a time, each in a later tick of the file system's clock.
-class Publisher : public PluginFixture {
+// A replica with a table keyed by ID and one without a key, and a plugin writing logs for them,
+// one at a time, each in a later tick of the file system's clock.
+class ApplyCases : public PluginFixture {
  protected:
+  void SetUp() override {
+    PluginFixture::SetUp();
+    make(dir / "replica.fdb");
+  }
+
   // Publishes the log of transaction number holding body's changes.
   void publish(std::uint64_t number, const std::function<void(ReplTransaction*)>& body) {
     ReplTransaction* t = begin(number);
@@ -102,17 +108,13 @@ class Publisher : public PluginFixture {
       for (const std::string& sql : statements) ASSERT_EQ(0, t->executeSql(status, sql.c_str(), 1));
     });
   }
-};
 
-// A replica with a table keyed by ID and one without a key, and a plugin writing logs for them.
-class ApplyCases : public Publisher {
- protected:
-  void SetUp() override {
-    Publisher::SetUp();
-    Database replica(dir / "replica.fdb", true);
-    replica.executeAlone("CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER)");
-    replica.executeAlone("CREATE TABLE BAG (V INTEGER, B BLOB SUB_TYPE TEXT)");
-    reset(replica);
+  // Creates the database path with the tables, filled.
+  static void make(const std::string& path) {
+    Database db(path, true);
+    db.executeAlone("CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER)");
+    db.executeAlone("CREATE TABLE BAG (V INTEGER, B BLOB SUB_TYPE TEXT)");
+    reset(db);
   }
 
   // T holds 1=10; BAG, which has no primary key, two identical rows and two that differ in their
@@ -183,12 +185,11 @@ TEST_F(ApplyCases, PublicationOrderWithinOneSecond) {
   std::string insertion;
   for (const std::string& name : listDirectory(logs))
     if (logs + name != deletion) insertion = logs + name;
-  const Outcome o = run(dir, {FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb", insertion,
-                              deletion, logs + "./" + LogName::baseName(deletion)});
+  const FbcdcOutcome o = runFbcdc(dir, {"apply", "--database", dir / "replica.fdb", insertion,
+                                        deletion, logs + "./" + LogName::baseName(deletion)});
   EXPECT_EQ(0, o.status) << o.err;
   EXPECT_EQ("1=11 ", rows());
-  const Outcome again =
-      run(dir, {FBCDC_CLI_PATH, "apply", "--database", dir / "replica.fdb", deletion});
+  const FbcdcOutcome again = runFbcdc(dir, {"apply", "--database", dir / "replica.fdb", deletion});
   EXPECT_EQ(0, again.status);
   EXPECT_THAT(again.err, ::testing::HasSubstr("skipped, at or before"));
   EXPECT_EQ("1=11 ", rows());
@@ -219,10 +220,8 @@ TEST_F(ApplyCases, LogsOfOneMomentApplyInTheOrderTheirOldValuesAdmit) {
     const std::string outcome = attempt(C::kError);
     transcript += std::string("## ") + changes + "\n" + outcome;
     if (outcome.rfind("error", 0) != 0) transcript += "again: " + attempt(C::kError, "");
-    Database replica(dir / "replica.fdb", false);
-    reset(replica);
-    replica.executeAlone("DELETE FROM FBCDC_APPLIED");
-    replica.executeAlone("INSERT INTO FBCDC_APPLIED (ID, LOGS_APPLIED) VALUES (1, 0)");
+    ::unlink((dir / "replica.fdb").c_str());  // a fresh replica for the next case
+    make(dir / "replica.fdb");
   }
   expectGolden("replica/golden/one_moment.txt", transcript);
 }
@@ -332,26 +331,18 @@ TEST_F(ApplyCases, OldValuesAreComparedExactly) {
 }
 
 // compare lists each difference with both values, a row missing on one side once, up to
-// --max-differences, and counts them all.
+// --max-differences, and counts them all; the lines and what they print are golden/compare.txt.
 TEST_F(ApplyCases, CompareListsTheDifferences) {
-  const std::string a = dir / "replica.fdb", b = dir / "other.fdb";
+  make(dir / "other.fdb");
   {
-    Database other(b, true);
-    other.executeAlone("CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER)");
-    other.executeAlone("CREATE TABLE BAG (V INTEGER, B BLOB SUB_TYPE TEXT)");
-    reset(other);
+    Database other(dir / "other.fdb", false);
     other.executeAlone("UPDATE OR INSERT INTO T VALUES (1, 11)");
     other.executeAlone("INSERT INTO T VALUES (3, 30)");
     other.executeAlone("UPDATE BAG SET B = 'z' WHERE CAST(B AS VARCHAR(9)) = 'y'");
-    Database(a, false).executeAlone("INSERT INTO T VALUES (2, 20)");
+    Database(dir / "replica.fdb", false).executeAlone("INSERT INTO T VALUES (2, 20)");
   }
-  std::string transcript;
-  for (const std::vector<std::string>& max : {Strings{}, Strings{"--max-differences", "2"}}) {
-    Strings args = {FBCDC_CLI_PATH, "compare", a, b};
-    args.insert(args.end(), max.begin(), max.end());
-    const Outcome o = run(dir, args);
-    transcript += "exit " + std::to_string(o.status) + "\n" + o.out + o.err;
-  }
+  const std::string transcript =
+      transcriptOf(dir, linesOf("replica/golden/compare.txt")[0].second, {{"$/", dir.path()}});
   expectGolden("replica/golden/compare.txt", replaceAll(transcript, dir.path(), "$/"));
 }
 
@@ -463,8 +454,8 @@ TEST(WorkloadTest, AStatementChangingTwoRowsStopsTheDriver) {
                  ")");
     db.commit();
   }
-  const Outcome o = run(dir, {FBCDC_CLI_PATH, "capture", "--database", source, "--output",
-                              dir / "logs", "--transactions", "100"});
+  const FbcdcOutcome o = runFbcdc(
+      dir, {"capture", "--database", source, "--output", dir / "logs", "--transactions", "100"});
   EXPECT_EQ(1, o.status) << o.out;
   EXPECT_THAT(o.err, ::testing::HasSubstr(" NOTES "));
   EXPECT_THAT(
@@ -496,12 +487,12 @@ const char kReplicaSchema[] =
 // at the log before it. Without FBCDC_APPLIED made by the DBA, the applier makes it, which a user
 // without CREATE TABLE may not: it stops before any log. Each run of the applier is in
 // golden/least_privilege.txt, with the server's name of the test's directory as $/.
-using LeastPrivilegeTest = Publisher;
+using LeastPrivilegeTest = ApplyCases;
 
 TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
   FirebirdServer server(dir / "server");
   ASSERT_TRUE(server.ready()) << server.why();
-  server.createDatabase(dir / "replica.fdb", kReplicaSchema);
+  server.createDatabase(dir / "granted.fdb", kReplicaSchema);
   server.createDatabase(dir / "bare.fdb",
                         "CREATE TABLE T (ID INTEGER NOT NULL PRIMARY KEY, V INTEGER);\n"
                         "GRANT SELECT, INSERT, UPDATE, DELETE ON T TO USER FBCDC_APPLY;\n");
@@ -511,12 +502,11 @@ TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
   // rows of T and its position's count of logs, read as SYSDBA, spaces collapsed.
   std::string transcript;
   const auto apply = [&](const std::string& database) {
-    const Outcome o =
-        run(dir, {"/usr/bin/env", "-u", "ISC_USER", "-u", "ISC_PASSWORD", FBCDC_CLI_PATH, "apply",
-                  "--database", server.database(dir / database), "--user", "FBCDC_APPLY",
-                  "--password-file", dir / "apply.pw", logs});
+    const FbcdcOutcome o =
+        runFbcdc(dir, {"apply", "--database", server.database(dir / database), "--user",
+                       "FBCDC_APPLY", "--password-file", dir / "apply.pw", logs});
     const FirebirdServer::Result r =
-        server.isql("CONNECT '" + server.database(dir / "replica.fdb") +
+        server.isql("CONNECT '" + server.database(dir / "granted.fdb") +
                     "';\nSET HEADING OFF;\nSELECT 'T', ID, V FROM T ORDER BY ID;\n"
                     "SELECT 'APPLIED', LOGS_APPLIED FROM FBCDC_APPLIED;\n");
     EXPECT_EQ(0, r.status) << r.output;
@@ -524,15 +514,11 @@ TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
                   "replica:" + std::regex_replace(r.output, std::regex("\\s+"), " ") + "\n";
   };
   // Within the grants: a row inserted, a statement on the table, the granted procedure.
-  publish(1, [&](ReplTransaction* t) {
-    LiteralRow row("T");
-    row.addLong("ID", 2).addLong("V", 20);
-    ASSERT_EQ(0, t->insertRecord(status, nullptr, nullptr, &row));
-  });
+  publishChange(1, 'I', "T", 2, 20);
   publishSql(2, {"UPDATE T SET V = V + 1 WHERE ID = 2"});
   publishSql(3, {"EXECUTE PROCEDURE BUMP"});
   apply("bare.fdb");
-  apply("replica.fdb");
+  apply("granted.fdb");
   // Outside the grants, after a change within them in the same log: it must not stay either.
   std::uint64_t number = 10;
   for (const char* sql :
@@ -540,7 +526,7 @@ TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
         "GRANT DELETE ON SECRET TO USER FBCDC_APPLY"}) {
     publishSql(number++, {"UPDATE T SET V = 0", sql});
     transcript += std::string("## ") + sql + "\n";
-    apply("replica.fdb");
+    apply("granted.fdb");
     ::unlink((logs + listDirectory(logs).back()).c_str());
   }
   expectGolden("replica/golden/least_privilege.txt",

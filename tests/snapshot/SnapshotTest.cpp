@@ -243,72 +243,65 @@ TEST(SnapshotTest, KilledAndRunAgainEndsWithTheSameContent) {
 
 // The manifest, names and boundaries refuse what their writers cannot have written; a manifest that
 // is read is written back as it was. A statement is judged by the table it changes, one that
-// changes no table by every table read. What each was read as is golden/reading.txt.
+// changes no table by every table read. What each was read as is golden/reading.txt, whose lines
+// give the texts read (before the first ": ", with \n and \t for a line's end and a tab), in a
+// section for each reading.
 TEST(SnapshotTest, ManifestsNamesAndStatementsAsRead) {
-  std::string transcript;
-  const auto read = [&](std::string what, const std::function<std::string()>& fn) {
-    for (std::size_t at; (at = what.find_first_of("\n\t")) != std::string::npos;)
-      what.replace(at, 1, what[at] == '\n' ? "\\n" : "\\t");
-    try {
-      transcript += what + ": " + fn() + "\n";
-    } catch (const std::runtime_error& e) {
-      transcript += what + ": error: " + e.what() + "\n";
-    }
-  };
-  const auto yesNo = [](bool b) { return b ? std::string(" yes") : std::string(" no"); };
-  const std::string good =
-      "fbcdc-snapshot 1\ndatabase\t/d.fdb\nboundary\t90 7,88\t1500\t1200\n"
-      "table\tA B\t90\t2\t10\t999\ntable\tC\t0\t0\t0\t0\n";
-  const std::string manifests[] = {good,
-                                   "fbcdc-snapshot 2\n" + good.substr(17),
-                                   good + "complete\n",
-                                   "fbcdc-snapshot 1\ntable\tA\t5\t1\t1\t1\n",
-                                   "fbcdc-snapshot 1\nboundary\t5 -\t1\n",
-                                   "fbcdc-snapshot 1\nboundary\t5 1,\t1\t1\n",
-                                   "fbcdc-snapshot 1\nboundary\t5 x\t1\t1\n",
-                                   "fbcdc-snapshot 1\ntable\tA\t0\t-1\t0\t0\n",
-                                   "fbcdc-snapshot 1\ncomplete\ndatabase\tx\n"};
-  for (const std::string& text : manifests)
-    read(text, [&] {
-      const SnapshotManifest m = SnapshotManifest::parse(text);
-      return (m.text() == text ? "written back as read;" : "written back as " + m.text()) +
-             " A B holds 89, 88, 90:" + yesNo(m.contains("A B", 89)) +
-             yesNo(m.contains("A B", 88)) + yesNo(m.contains("A B", 90)) +
-             "; C holds 1:" + yesNo(m.contains("C", 1));
-    });
-  const SnapshotName n{0x1234abcdULL, 7, 42};
-  const std::string names[] = {"/x/" + n.text(), "snapshot-000000001234ABCD-0007-000042.fbs",
-                               "snapshot-000000001234abcd-0007-000042.fbl",
-                               "snapshot-000000001234abcd-007-0000042.fbs",
-                               "000000006553f103_00000000000004d2.fbl"};
-  for (const std::string& name : names)
-    read(name, [&] {
-      SnapshotName back;
-      return SnapshotName::parse(name, back)
-                 ? "boundary " + std::to_string(back.boundary) + ", table " +
-                       std::to_string(back.table) + ", chunk " + std::to_string(back.chunk)
-                 : std::string("not a snapshot file's name");
-    });
-  for (const char* sql :
-       {"UPDATE COUNTERS SET N = N + 1 WHERE ID = 0", "update or insert into t (a) values (1)",
-        "DELETE FROM \"a\"\"b\" WHERE 1 = 1", "  insert\ninto items values (1)",
-        "MERGE INTO Lines L USING", "CREATE TABLE X (I INTEGER)", "SELECT 1 FROM RDB$DATABASE",
-        "DELETE X"})
-    read(sql, [&] { return "changes table '" + SnapshotStream::targetOf(sql) + "'"; });
   // A read by a first run (boundary 100), B by a second after a kill (boundary 200).
   TempDir dir;
   writeFile(dir / "manifest",
             "fbcdc-snapshot 1\ndatabase\tdb\nboundary\t100 90\t1\t1\nboundary\t200 -\t1\t1\n"
             "table\tA\t100\t0\t0\t0\ntable\tB\t200\t0\t0\t0\ncomplete\n");
   const SnapshotStream stream(dir.path());
-  for (const char* sql : {"UPDATE A SET V = V + 1", "UPDATE B SET V = V + 1",
-                          "UPDATE C SET V = V + 1", "CREATE TABLE D (I INTEGER)"})
-    read(sql, [&] {
-      std::string held = "held by the snapshot in transaction";
-      for (std::uint64_t t : {50, 90, 150})
-        held += " " + std::to_string(t) + yesNo(stream.containsStatement(sql, t));
-      return held;
-    });
+  const auto yesNo = [](bool b) { return b ? std::string(" yes") : std::string(" no"); };
+  const std::map<std::string, std::function<std::string(const std::string&)>> readings = {
+      {"manifest",
+       [&](const std::string& text) {
+         const SnapshotManifest m = SnapshotManifest::parse(text);
+         return (m.text() == text ? "written back as read;" : "written back as " + m.text()) +
+                " A B holds 89, 88, 90:" + yesNo(m.contains("A B", 89)) +
+                yesNo(m.contains("A B", 88)) + yesNo(m.contains("A B", 90)) +
+                "; C holds 1:" + yesNo(m.contains("C", 1));
+       }},
+      {"name",
+       [](const std::string& name) {
+         SnapshotName back;
+         return SnapshotName::parse(name, back)
+                    ? "boundary " + std::to_string(back.boundary) + ", table " +
+                          std::to_string(back.table) + ", chunk " + std::to_string(back.chunk)
+                    : std::string("not a snapshot file's name");
+       }},
+      {"statement",
+       [](const std::string& sql) {
+         return "changes table '" + SnapshotStream::targetOf(sql) + "'";
+       }},
+      {"held", [&](const std::string& sql) {
+         std::string held = "held by the snapshot in transaction";
+         for (std::uint64_t t : {50, 90, 150})
+           held += " " + std::to_string(t) + yesNo(stream.containsStatement(sql, t));
+         return held;
+       }}};
+  std::string transcript, section;
+  std::size_t sections = 0;
+  std::istringstream golden(readText(FBCDC_TEST_SOURCE_DIR "/snapshot/golden/reading.txt"));
+  for (std::string line; std::getline(golden, line);) {
+    const std::string what = line.substr(0, line.find(": "));
+    if (line.rfind("## ", 0) == 0) {
+      section = line.substr(3);
+      ++sections;
+      transcript += line + "\n";
+      continue;
+    }
+    try {
+      const std::string text = replaceAll(replaceAll(what, "\\n", "\n"), "\\t", "\t");
+      transcript += what + ": " + readings.at(section)(text) + "\n";
+    } catch (const std::runtime_error& e) {
+      transcript += what + ": error: " + e.what() + "\n";
+    }
+  }
+  EXPECT_EQ("snapshot-000000001234abcd-0007-000042.fbs",
+            (SnapshotName{0x1234abcdULL, 7, 42}.text()));
+  EXPECT_EQ(readings.size(), sections) << "a section is missing";
   expectGolden("snapshot/golden/reading.txt", transcript);
 }
 
@@ -320,24 +313,14 @@ TEST(SnapshotBetweenWorkloads, FollowSendsEveryRowThenExactlyTheChangesNotContai
   // A source with rows and logs before the snapshot and logs after it.
   TempDir dir;
   captureRun(dir, FBCDC_PLUGIN_PATH, 21, 2, 60, 64 << 10, 4);
-  {
-    Database db(dir / "source.fdb", false);
-    SnapshotOptions o;
-    o.output = dir / "snap";
-    o.chunkRows = 25;
-    SnapshotWriter(db, o).run();
-  }
+  snapshot(dir / "source.fdb", dir / "snap", 25);
   captureRun(dir, FBCDC_PLUGIN_PATH, 22, 2, 50, 64 << 10, 4);
   const auto manifest = SnapshotManifest::load(dir / "snap");
   ASSERT_TRUE(manifest && manifest->complete);
-  const Outcome o =
-      run(dir, {FBCDC_CLI_PATH, "follow", dir / "logs", "--snapshot", dir / "snap", "--once"});
+  const FbcdcOutcome o =
+      runFbcdc(dir, {"follow", dir / "logs", "--snapshot", dir / "snap", "--once"});
   ASSERT_EQ(0, o.status) << o.err;
-  std::vector<std::string> out;
-  std::istringstream in(o.out);
-  for (std::string line; std::getline(in, line);) out.push_back(line);
   const std::uint64_t rows = manifest->rows();
-  ASSERT_GE(out.size(), rows);
   // Each event by "file#index", without its time of sending.
   std::size_t duplicates = 0;
   const auto keep = [&](std::map<std::string, std::string>& into, const std::string& json) {
@@ -353,8 +336,10 @@ TEST(SnapshotBetweenWorkloads, FollowSendsEveryRowThenExactlyTheChangesNotContai
   };
   std::set<std::uint64_t> sent;
   std::map<std::string, std::string> events;
-  for (std::size_t i = 0; i < out.size(); ++i) {
-    const rapidjson::Document d = keep(events, out[i]);
+  std::istringstream lines(o.out);
+  std::size_t i = 0;
+  for (std::string line; std::getline(lines, line); ++i) {
+    const rapidjson::Document d = keep(events, line);
     const std::string op = d["op"].GetString();
     if (i < rows) {
       EXPECT_EQ("r", op) << i;
@@ -365,6 +350,7 @@ TEST(SnapshotBetweenWorkloads, FollowSendsEveryRowThenExactlyTheChangesNotContai
       sent.insert(std::stoull(d["source"]["transaction"].GetString()));
     }
   }
+  EXPECT_GE(i, rows);
   EXPECT_EQ(0u, duplicates);
   // Every log the snapshot does not contain sent, none that it does.
   std::set<std::uint64_t> expected;
@@ -428,19 +414,20 @@ TEST(SnapshotServerTest, ReplicaFromASnapshotTakenUnderLoadEqualsTheSource) {
     ::setenv("ISC_PASSWORD", server.password().c_str(), 1);
     const std::string source = server.database(dir / "source.fdb");
     const std::string replica = server.database(dir / "replica.fdb");
-    const Strings capture = {FBCDC_CLI_PATH, "capture",    "--database", source,
-                             "--output",     dir / "logs", "--max-blob", "32768"};
+    const Strings capture = {"capture",    "--database", source, "--output",
+                             dir / "logs", "--max-blob", "32768"};
     const auto killedAtRandom = [&](int) { return 50000 + random() % 600000; };
 
     // A source with rows (and the logs of their transactions) made through the server.
-    Outcome o = run(dir, with(capture, {"--seed", std::to_string(seed), "--transactions", "120",
-                                        "--threads", "2"}));
+    FbcdcOutcome o = runFbcdc(dir, with(capture, {"--seed", std::to_string(seed), "--transactions",
+                                                  "120", "--threads", "2"}));
     ASSERT_EQ(0, o.status) << o.err;
     // Writers on hot rows, statements that add to counters, rows deleted and inserted again, while
     // the snapshot is taken.
-    const pid_t load = spawn(with(capture, {"--seed", std::to_string(seed) + "00", "--transactions",
-                                            "500", "--threads", "4", "--hot-rows", "4"}),
-                             dir / "load.out", dir / "load.err");
+    const pid_t load =
+        startFbcdc(with(capture, {"--seed", std::to_string(seed) + "00", "--transactions", "500",
+                                  "--threads", "4", "--hot-rows", "4"}),
+                   dir / "load.out", dir / "load.err");
     ASSERT_GT(load, 0);
     ::usleep(200000 + random() % 800000);
     runKilled({FBCDC_CLI_PATH, "snapshot", "--database", source, "--output", dir / "snap",
@@ -457,15 +444,13 @@ TEST(SnapshotServerTest, ReplicaFromASnapshotTakenUnderLoadEqualsTheSource) {
 
     // The replica's empty schema from the source's metadata, as the docs show.
     const Strings gbak = {"gbak", "-user", "SYSDBA", "-password", server.password()};
-    o = run(dir, with(gbak, {"-b", "-m", source, dir / "schema.fbk"}));
-    ASSERT_EQ(0, o.status) << o.err;
-    o = run(dir, with(gbak, {"-c", dir / "schema.fbk", replica}));
-    ASSERT_EQ(0, o.status) << o.err;
+    runKilled(with(gbak, {"-b", "-m", source, dir / "schema.fbk"}), dir / "gbak.err", 0, {});
+    runKilled(with(gbak, {"-c", dir / "schema.fbk", replica}), dir / "gbak.err", 0, {});
 
     const Strings apply = {FBCDC_CLI_PATH, "apply", "--database"};
     runKilled(with(apply, {replica, "--snapshot", dir / "snap", dir / "logs"}), dir / "apply.err",
               killApplier ? 3 : 0, killedAtRandom);
-    o = run(dir, {FBCDC_CLI_PATH, "compare", source, replica});
+    o = runFbcdc(dir, {"compare", source, replica});
     EXPECT_EQ(0, o.status) << o.out << o.err;
     EXPECT_THAT(o.out, ::testing::StartsWith("equal:"));
     // A second run has nothing to do; without --snapshot the applier does not take the replica for
@@ -482,7 +467,7 @@ TEST(SnapshotServerTest, ReplicaFromASnapshotTakenUnderLoadEqualsTheSource) {
     };
     for (const auto& a : afterwards) {
       SCOPED_TRACE(a.out + a.err);
-      o = run(dir, with(apply, a.args));
+      o = runFbcdc(dir, with({"apply", "--database"}, a.args));
       EXPECT_EQ(a.status, o.status);
       EXPECT_THAT(o.out, ::testing::HasSubstr(a.out));
       EXPECT_THAT(o.err, ::testing::HasSubstr(a.err));

@@ -74,7 +74,30 @@ FirebirdServer::FirebirdServer(const std::string& directory, const std::string& 
     why_ = std::string(kBinary) + " is not installed (Debian package firebird3.0-server)";
     return;
   }
-  if (!prepareRoot(root)) return;
+  // Firebird reads its configuration files, messages and character sets from its root directory
+  // (the FIREBIRD variable): a root of links to the installed one, with a configuration of its own.
+  Firebird::IConfigManager* config = Firebird::fb_get_master_interface()->getConfigManager();
+  const fs::path installed = config->getRootDirectory();
+  std::error_code error;
+  fs::create_directories(root + "lock", error);
+  fs::create_directories(root + "tmp", error);
+  for (const fs::directory_entry& e : fs::directory_iterator(installed, error)) {
+    const std::string name = e.path().filename();
+    if (name == "firebird.conf" || name == "databases.conf") continue;
+    // The character sets' module is loaded only from inside the root, its real path included: a
+    // link out of it leaves every character set but the built-in ones "not installed".
+    if (name == "intl")
+      fs::copy(e.path(), root + name, fs::copy_options::recursive, error);
+    else
+      fs::create_symlink(e.path(), root + name, error);
+    if (error) break;
+  }
+  if (error) {
+    why_ = "cannot make the root directory " + root + " from " + installed.string() + ": " +
+           error.message();
+    return;
+  }
+  writeFile(root + "databases.conf", "security.db = " + root + "security3.fdb\n");
   port_ = loopbackPort();
   if (port_ == 0) {
     why_ = "no free loopback port";
@@ -104,46 +127,16 @@ FirebirdServer::FirebirdServer(const std::string& directory, const std::string& 
     if (::waitpid(pid_, &status, WNOHANG) == pid_) {
       pid_ = -1;
       why_ = std::string(kBinary) + " ended at start (status " + std::to_string(status) +
-             "): " + errors();
+             "): " + readText(directory_ + "firebird.err");
       return;
     }
     ::usleep(50000);
   }
   why_ = std::string(kBinary) + " did not listen on 127.0.0.1:" + std::to_string(port_) +
-         " within 20 seconds: " + errors();
+         " within 20 seconds: " + readText(directory_ + "firebird.err");
 }
 
-bool FirebirdServer::prepareRoot(const std::string& root) {
-  // Firebird reads its configuration files, messages and character sets from its root directory
-  // (the FIREBIRD variable): a root of links to the installed one, with a configuration of its own.
-  Firebird::IConfigManager* config = Firebird::fb_get_master_interface()->getConfigManager();
-  const fs::path installed = config->getRootDirectory();
-  std::error_code error;
-  fs::create_directories(root + "lock", error);
-  fs::create_directories(root + "tmp", error);
-  for (const fs::directory_entry& e : fs::directory_iterator(installed, error)) {
-    const std::string name = e.path().filename();
-    if (name == "firebird.conf" || name == "databases.conf") continue;
-    // The character sets' module is loaded only from inside the root, its real path included: a
-    // link out of it leaves every character set but the built-in ones "not installed".
-    if (name == "intl")
-      fs::copy(e.path(), root + name, fs::copy_options::recursive, error);
-    else
-      fs::create_symlink(e.path(), root + name, error);
-    if (error) break;
-  }
-  if (error) {
-    why_ = "cannot make the root directory " + root + " from " + installed.string() + ": " +
-           error.message();
-    return false;
-  }
-  writeFile(root + "databases.conf", "security.db = " + root + "security3.fdb\n");
-  return true;
-}
-
-FirebirdServer::~FirebirdServer() { stop(); }
-
-void FirebirdServer::stop() {
+FirebirdServer::~FirebirdServer() {
   if (pid_ <= 0) return;
   // The server notes SIGTERM at once but acts on it only when its listener wakes (a connection,
   // or a minute's timeout): a connection wakes it. Now and then its shutdown still waits on
@@ -151,25 +144,18 @@ void FirebirdServer::stop() {
   // databases write through).
   ::kill(pid_, SIGTERM);
   for (int waited = 0; waited < 50; ++waited) {
-    int status = 0;
-    const pid_t ended = ::waitpid(pid_, &status, WNOHANG);
-    if (ended == pid_ || ended < 0) {
-      pid_ = -1;
-      return;
-    }
+    const pid_t ended = ::waitpid(pid_, nullptr, WNOHANG);
+    if (ended == pid_ || ended < 0) return;
     loopbackAccepts(port_);
     ::usleep(100000);
   }
   ::kill(pid_, SIGKILL);
   waitFor(pid_);
-  pid_ = -1;
 }
 
 std::string FirebirdServer::database(const std::string& path) const {
   return "127.0.0.1/" + std::to_string(port_) + ":" + path;
 }
-
-std::string FirebirdServer::errors() const { return readText(directory_ + "firebird.err"); }
 
 FirebirdServer::Result FirebirdServer::isql(const std::string& script) const {
   static int scripts = 0;

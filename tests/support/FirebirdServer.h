@@ -41,15 +41,7 @@ class FirebirdServer {
   // done); a failure of either is a test failure.
   void createDatabase(const std::string& path, const std::string& script = "") const;
 
-  // Stops the server now.
-  void stop();
-  // What the server wrote to stderr, for a failure's message.
-  std::string errors() const;
-
  private:
-  // Sets why_ and returns false when the root directory cannot be made.
-  bool prepareRoot(const std::string& root);
-
   std::string directory_;
   std::string password_;
   std::string why_;

@@ -9,8 +9,9 @@
 #include "Processes.h"
 #include "Workload.h"
 
-CaptureOptions captureInto(const TempDir& dir, std::uint64_t seed, int threads,
-                           std::uint64_t transactions, std::size_t maxBlob) {
+CaptureSummary captureRun(const TempDir& dir, const std::string& plugin, std::uint64_t seed,
+                          int threads, std::uint64_t transactions, std::size_t maxBlob,
+                          int hotRows) {
   if (!fileExists(dir / "replica.fdb")) {
     Database replica(dir / "replica.fdb", true);
     Workload::createSchema(replica);
@@ -20,18 +21,11 @@ CaptureOptions captureInto(const TempDir& dir, std::uint64_t seed, int threads,
   o.database = dir / "source.fdb";
   o.configFile = dir / "plugin.conf";
   o.outputDirectory = dir / "logs";
+  o.pluginLibrary = plugin;
   o.seed = seed;
   o.threads = threads;
   o.transactions = transactions;
   o.maxBlob = maxBlob;
-  return o;
-}
-
-CaptureSummary captureRun(const TempDir& dir, const std::string& plugin, std::uint64_t seed,
-                          int threads, std::uint64_t transactions, std::size_t maxBlob,
-                          int hotRows) {
-  CaptureOptions o = captureInto(dir, seed, threads, transactions, maxBlob);
-  o.pluginLibrary = plugin;
   o.hotRows = hotRows;
   return CaptureDriver(o).run();
 }
@@ -61,11 +55,6 @@ std::string differenceBetween(const std::string& sourcePath, const std::string& 
   } catch (const Firebird::FbException& e) {
     return "comparing failed: " + Database::describe(e);
   }
-}
-
-Outcome run(const TempDir& dir, const std::vector<std::string>& args) {
-  const int status = waitFor(spawn(args, dir / "out.txt", dir / "err.txt"));
-  return {status, readText(dir / "out.txt"), readText(dir / "err.txt")};
 }
 
 int runKilled(const std::vector<std::string>& args, const std::string& err, int kills,
