@@ -25,7 +25,7 @@
 #include "Database.h"
 #include "FbcdcRuns.h"
 #include "LiteralRow.h"
-#include "LogFile.h"
+#include "LogDirectory.h"
 #include "MetricsServer.h"
 #include "PluginFixture.h"
 
@@ -80,11 +80,6 @@ int announcedPort(const std::string& err) {
 
 class MetricsTest : public PluginFixture {
  protected:
-  struct Published {
-    std::string name;
-    std::int64_t publishedAt = 0;
-  };
-
   // Publishes the next log, of transaction 10, 11, ...: k + 1 inserts into A and k into B (keys
   // from 100 k on) and one statement.
   void publish(int k) {
@@ -98,13 +93,8 @@ class MetricsTest : public PluginFixture {
     EXPECT_EQ(0, t->executeSql(status, "UPDATE A SET ID = ID WHERE ID < 0", 1));
     EXPECT_EQ(0, t->commit(status));
     t->dispose();
-    for (const std::string& name : listDirectory(logs)) {
-      LogName parsed;
-      LogFile file;
-      if (LogName::parse(name, parsed) && parsed.published && parsed.transaction == number &&
-          LogFile::examine(logs + name, file))
-        return fed.push_back({name, file.publishedAt});
-    }
+    for (const LogFile& file : LogDirectory::list(logs))
+      if (file.parsed.transaction == number) return fed.push_back(file);
     ADD_FAILURE() << "log " << number << " not published";
   }
 
@@ -166,7 +156,7 @@ class MetricsTest : public PluginFixture {
     return out;
   }
 
-  std::vector<Published> fed;
+  std::vector<LogFile> fed;
 };
 
 // What --metrics binds for each address a user may give, or why it refuses it:
@@ -193,12 +183,9 @@ TEST(MetricsAddressTest, LoopbackUnlessAHostIsNamed) {
   EXPECT_THAT(get(first.port(), "/metrics", true), ::testing::StartsWith("HTTP/1.0 200 OK\r\n"));
   EXPECT_THAT(get(first.port()), HasSubstr("fbcdc_logs_total{consumer=\"checkpoint:x\"} 0\n"));
   EXPECT_THAT(get(first.port(), "/", true), ::testing::StartsWith("HTTP/1.0 404 Not Found\r\n"));
-  try {
-    MetricsServer second(std::to_string(first.port()), metrics);
-    ADD_FAILURE() << "a second server on port " << first.port();
-  } catch (const std::runtime_error& e) {
-    EXPECT_THAT(e.what(), HasSubstr("127.0.0.1:" + std::to_string(first.port())));
-  }
+  EXPECT_THAT([&] { MetricsServer second(std::to_string(first.port()), metrics); },
+              ::testing::ThrowsMessage<std::runtime_error>(
+                  HasSubstr("127.0.0.1:" + std::to_string(first.port()))));
 }
 
 // What a follower serves after five logs and after two more published while it runs, what an
@@ -278,7 +265,7 @@ TEST_F(MetricsTest, FollowPruneKeepsWhatItStillNeeds) {
   EXPECT_EQ("", readText(dir / "err.txt"));
 
   std::set<std::string> published, seen;
-  for (const Published& p : fed) published.insert(p.name);
+  for (const LogFile& p : fed) published.insert(p.name);
   for (int i = 0; i < runs; ++i) {
     std::ifstream in(dir / ("run" + std::to_string(i) + ".out"));
     for (std::string line; std::getline(in, line);) {

@@ -39,7 +39,7 @@ TEST_F(EventWriterTest, GoldenOutputOfALogWithEveryKindOfValue) {
       .addInt64("HUGE", std::numeric_limits<std::int64_t>::min(), -18)
       .addInt64("BIG", 267232655130119182)
       .addVarchar("NAME", "Ada \xC3\xA9\xF0\x9F\x98\x80 \"q\"", 4)
-      .addChar("LEGACY", "caf\xE9\x80  ", 53)
+      .addChar("LEGACY", "caf\xE9\x80\x81  ", 53)
       .addVarchar("ASCII", "a\xC3z", 2)
       .addChar("RAW", std::string("\0\1\2\0\0", 5), 1)
       .addVarchar("KANJI", "\x82\xA0", 5)
@@ -122,8 +122,9 @@ TEST_F(EventWriterTest, GoldenOutputOfALogWithEveryKindOfValue) {
 }
 
 // Edge forms, in golden/value_text.txt; the usual ones (scaled values, the ISO time, a WIN1252 euro
-// sign, sets shown as base64) are pinned by the goldens above. Times as --since and --until read
-// them: UTC, a day or a second since the epoch, and what they refuse. RFC 4648's base64 vectors.
+// sign and a byte it leaves undefined, sets shown as base64) are pinned by the goldens above. Times
+// as --since and --until read them: UTC, a day or a second since the epoch, and what they refuse.
+// RFC 4648's base64 vectors.
 TEST(ValueTextTest, KnownForms) {
   std::string text;
   for (const auto& [value, scale] :
@@ -172,9 +173,6 @@ TEST(CharacterSetsTest, AgreeWithTheServersTable) {
     CharacterSets::appendValidUtf8(out, valid);
     EXPECT_EQ(valid, out) << "set " << cs << " gives invalid UTF-8";
   }
-  std::string win;
-  ASSERT_TRUE(CharacterSets::appendUtf8(53, "\x80\x81", win));
-  EXPECT_EQ("\xE2\x82\xAC\xEF\xBF\xBD", win);  // WIN1252: 80 is the euro sign, 81 undefined
 }
 
 }  // namespace

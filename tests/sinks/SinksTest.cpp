@@ -2,8 +2,8 @@
 // redis-server on a free loopback port): every event of every log arrives, and broker failures and
 // kills in the middle lose nothing; librdkafka's settings from a file; and the logins Redis may
 // want.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <hiredis/hiredis.h>
 #include <librdkafka/rdkafka.h>
 #include <librdkafka/rdkafka_mock.h>
 #include <signal.h>
@@ -28,6 +28,9 @@
 #include "StreamSink.h"
 
 namespace {
+
+using ::testing::HasSubstr;
+using ::testing::ThrowsMessage;
 
 // The Kafka protocol's API key of Produce requests.
 constexpr std::int16_t kProduceRequest = 0;
@@ -118,8 +121,8 @@ TEST_F(SinksTest, StreamOutputIsSyncedBeforeTheCheckpointMoves) {
   ::close(pipeFds[0]);
 }
 
-// Reads every message of the topics back; returns them by topic.
-std::map<std::string, std::vector<std::pair<std::string, std::string>>> consume(
+// Reads every message of the topics back: its topic, key and value ("null" for none).
+std::vector<std::tuple<std::string, std::string, std::string>> consume(
     const std::string& brokers, const std::vector<std::string>& topics) {
   char error[512];
   rd_kafka_conf_t* conf = rd_kafka_conf_new();
@@ -134,14 +137,14 @@ std::map<std::string, std::vector<std::pair<std::string, std::string>>> consume(
       rd_kafka_topic_partition_list_add(list, t.c_str(), p)->offset = RD_KAFKA_OFFSET_BEGINNING;
   rd_kafka_assign(consumer, list);
   rd_kafka_topic_partition_list_destroy(list);
-  std::map<std::string, std::vector<std::pair<std::string, std::string>>> messages;
+  std::vector<std::tuple<std::string, std::string, std::string>> messages;
   for (int idle = 0; idle < 30;) {
     rd_kafka_message_t* m = rd_kafka_consumer_poll(consumer, 100);
     idle = m && !m->err ? 0 : idle + 1;
     if (m && !m->err) {
       EXPECT_NE(nullptr, m->key);
-      messages[rd_kafka_topic_name(m->rkt)].emplace_back(
-          std::string(static_cast<const char*>(m->key), m->key_len),
+      messages.emplace_back(
+          rd_kafka_topic_name(m->rkt), std::string(static_cast<const char*>(m->key), m->key_len),
           m->payload ? std::string(static_cast<const char*>(m->payload), m->len) : "null");
     }
     if (m) rd_kafka_message_destroy(m);
@@ -198,24 +201,22 @@ TEST_F(SinksTest, KafkaReceivesEveryEventAndABrokerFailureLeavesTheCheckpoint) {
   r = follow();
   ASSERT_EQ(0, r.status) << r.err;
 
-  const auto topics = consume(brokers, {"fbcdc.ORDERS", "fbcdc.LINES", "fbcdc.transaction"});
   Events arrived;
   std::size_t tombstones = 0, markers = 0;
   const std::regex id("\"ID\":([0-9]+)");
-  for (const auto& [topic, messages] : topics) {
-    for (const auto& [key, value] : messages) {
-      EXPECT_TRUE(topic != "fbcdc.LINES" || key == "\"LINES\"") << key;
-      std::smatch m;
-      if (topic == "fbcdc.ORDERS" && std::regex_search(value, m, id)) {
-        EXPECT_EQ("{\"ID\":" + m[1].str() + "}", key) << value;
-      }
-      if (value == "null" || value.find("\"status\":") != std::string::npos) {
-        ++(value == "null" ? tombstones : markers);
-        EXPECT_TRUE(value != "null" || topic == "fbcdc.ORDERS") << "a tombstone on " << topic;
-        continue;
-      }
-      arrived[identity(value)] = masked(value);
+  for (const auto& [topic, key, value] :
+       consume(brokers, {"fbcdc.ORDERS", "fbcdc.LINES", "fbcdc.transaction"})) {
+    EXPECT_TRUE(topic != "fbcdc.LINES" || key == "\"LINES\"") << key;
+    std::smatch m;
+    if (topic == "fbcdc.ORDERS" && std::regex_search(value, m, id)) {
+      EXPECT_EQ("{\"ID\":" + m[1].str() + "}", key) << value;
     }
+    if (value == "null" || value.find("\"status\":") != std::string::npos) {
+      ++(value == "null" ? tombstones : markers);
+      EXPECT_TRUE(value != "null" || topic == "fbcdc.ORDERS") << "a tombstone on " << topic;
+      continue;
+    }
+    arrived[identity(value)] = masked(value);
   }
   EXPECT_EQ("", compare(expected(), arrived));
   EXPECT_GE(tombstones, 8u);  // the ORDERS rows among the deletes of 20, 10 and 30 rows
@@ -287,12 +288,8 @@ TEST_F(SinksTest, RedisHoldsEveryEventExactlyOnceAfterKills) {
     const std::string ordersNow = server.command({"XLEN", "fbcdc:ORDERS"});
     server.command({"SET", "fbcdc.checkpoint", "another follower's"});
     sink.setPositionAfterLog("this follower's");
-    try {
-      sink.send(LogDirectory::list(logs).back());
-      ADD_FAILURE() << "a log sent over another follower's position";
-    } catch (const std::runtime_error& e) {
-      EXPECT_NE(std::string::npos, std::string(e.what()).find("another follower")) << e.what();
-    }
+    EXPECT_THAT([&] { sink.send(LogDirectory::list(logs).back()); },
+                ThrowsMessage<std::runtime_error>(HasSubstr("another follower")));
     EXPECT_EQ("another follower's", server.command({"GET", "fbcdc.checkpoint"}));
     EXPECT_EQ(ordersNow, server.command({"XLEN", "fbcdc:ORDERS"}));
   }
