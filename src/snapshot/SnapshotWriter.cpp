@@ -67,8 +67,37 @@ std::vector<std::uint64_t> numbers(Database& db, Firebird::ITransaction* tr,
 }
 
 constexpr const char* kOwnNumber = "SELECT CAST(CURRENT_TRANSACTION AS BIGINT) FROM RDB$DATABASE";
-// Every transaction listed there is open, whether or not it runs a statement right now.
-constexpr const char* kActive = "SELECT CAST(MON$TRANSACTION_ID AS BIGINT) FROM MON$TRANSACTIONS";
+
+// The transactions that the transaction inventory holds as active, as a transaction that the
+// engine starts for the question sees them (and then commits). The inventory is what decides what
+// a reading transaction sees; the attachments' lists (MON$TRANSACTIONS) keep a transaction for a
+// moment after its commit reached the inventory, and a boundary read from them could count a
+// transaction as open whose changes the rows already hold.
+std::vector<std::uint64_t> activeTransactions(Database& db) {
+  const unsigned char item[] = {isc_info_active_transactions};
+  std::vector<unsigned char> reply(16 * 1024);
+  for (;;) {
+    db.attachment()->getInfo(db.status(), sizeof item, item, static_cast<unsigned>(reply.size()),
+                             reply.data());
+    std::vector<std::uint64_t> out;
+    std::size_t at = 0;
+    // Each entry: the item, a 2-byte length, the number in that many bytes, least significant
+    // first.
+    while (at + 3 <= reply.size() && reply[at] == isc_info_active_transactions) {
+      const std::size_t length = reply[at + 1] | reply[at + 2] << 8;
+      if (length > 8 || at + 3 + length > reply.size()) break;
+      std::uint64_t number = 0;
+      for (std::size_t i = 0; i < length; ++i)
+        number |= static_cast<std::uint64_t>(reply[at + 3 + i]) << (8 * i);
+      out.push_back(number);
+      at += 3 + length;
+    }
+    if (at < reply.size() && reply[at] == isc_info_end) return out;
+    if (at >= reply.size() || reply[at] != isc_info_truncated || reply.size() >= (64u << 20))
+      throw std::runtime_error("the server's list of active transactions could not be read");
+    reply.resize(reply.size() * 4);
+  }
+}
 
 // The text of the error in a status the plugin's operations filled.
 std::string statusText(Firebird::IStatus* status) {
@@ -180,19 +209,6 @@ SnapshotSummary SnapshotWriter::run(const ProgressFn& progress) {
   } closer{dirFd_};
   dirSlash_ = options_.output + "/";
 
-  // The boundary lists the open transactions, and MON$TRANSACTIONS shows other users' only to
-  // an administrator or the database's owner: another login would miss a writer's transaction
-  // and count its changes as read when they are not.
-  const auto who = db_.texts(
-      "SELECT CAST(TRIM(CURRENT_USER) AS VARCHAR(63) CHARACTER SET UTF8), "
-      "CAST(TRIM(COALESCE(CURRENT_ROLE, '')) AS VARCHAR(63) CHARACTER SET UTF8), "
-      "CAST(TRIM(MON$OWNER) AS VARCHAR(63) CHARACTER SET UTF8) FROM MON$DATABASE");
-  db_.commit();
-  if (who.empty() || (who[0][0] != "SYSDBA" && who[0][1] != "RDB$ADMIN" && who[0][0] != who[0][2]))
-    throw std::runtime_error(
-        "the snapshot's boundary needs every open transaction, which only SYSDBA, the database's "
-        "owner or the role RDB$ADMIN can see; " +
-        (who.empty() ? std::string("the login") : who[0][0]) + " is none of them");
   SnapshotSummary summary;
   SnapshotManifest manifest = plan();
   db_.commit();  // what plan read; no transaction of this attachment stays open across the pause
@@ -376,27 +392,30 @@ Firebird::ITransaction* SnapshotWriter::startUnpaused(std::uint64_t& own,
                                 isc_tpb_read, isc_tpb_nowait};
   Firebird::ITransaction* before = att->startTransaction(db_.status(), sizeof look, look);
   std::uint64_t lookNumber = 0;
-  std::vector<std::uint64_t> activeBefore;
   try {
     lookNumber = numbers(db_, before, kOwnNumber).at(0);
-    activeBefore = numbers(db_, before, kActive);
     before->commit(db_.status());
   } catch (...) {
     Database::rollbackQuietly(before);
     throw;
   }
+  // What is active after that look and just before the reading transaction starts.
+  const std::vector<std::uint64_t> activeBefore = activeTransactions(db_);
   const unsigned char tpb[] = {isc_tpb_version3, isc_tpb_concurrency, isc_tpb_read, isc_tpb_wait};
   Firebird::ITransaction* reader = att->startTransaction(db_.status(), sizeof tpb, tpb);
   try {
     own = numbers(db_, reader, kOwnNumber).at(0);
-    active = numbers(db_, reader, kActive);
+    active = activeTransactions(db_);
   } catch (...) {
     Database::rollbackQuietly(reader);
     throw;
   }
-  // A transaction active before that is no longer active now, or one that began in between and
-  // has already ended, may have committed before the reading transaction began or after: which,
-  // nothing tells. Only when there is none is the list exact, and the reading transaction used.
+  // A transaction still active after the reading transaction began was active when it began. One
+  // active before that is no longer active now, or one that began in between and has already
+  // ended, may have committed before the reading transaction began or after: which, nothing
+  // tells. Only when there is none is the list exact, and the reading transaction used. Between
+  // the look and the reading transaction, exactly one transaction always ended: the one the
+  // engine started for the first list.
   std::sort(active.begin(), active.end());
   auto activeNow = [&active](std::uint64_t t) {
     return std::binary_search(active.begin(), active.end(), t);
@@ -404,8 +423,10 @@ Firebird::ITransaction* SnapshotWriter::startUnpaused(std::uint64_t& own,
   bool exact = true;
   for (const std::uint64_t t : activeBefore)
     if (t != lookNumber && !activeNow(t)) exact = false;
+  int ended = 0;
   for (std::uint64_t t = lookNumber + 1; exact && t < own; ++t)
-    if (!activeNow(t)) exact = false;
+    if (!activeNow(t)) ++ended;
+  exact = exact && ended <= 1;
   if (exact) return reader;
   Database::rollbackQuietly(reader);
   return nullptr;
@@ -453,7 +474,9 @@ Firebird::ITransaction* SnapshotWriter::startPaused(const std::string& reserving
     const unsigned char tpb[] = {isc_tpb_version3, isc_tpb_concurrency, isc_tpb_read, isc_tpb_wait};
     reader = att->startTransaction(db_.status(), sizeof tpb, tpb);
     own = numbers(db_, reader, kOwnNumber).at(0);
-    active = numbers(db_, reader, kActive);
+    // While the tables are held, no transaction that wrote to them is active, nor can one write
+    // to them: a transaction that ends before this list only changed other tables.
+    active = activeTransactions(db_);
     hold->commit(db_.status());
   } catch (...) {
     Database::rollbackQuietly(hold);

@@ -482,11 +482,12 @@ const char kReplicaSchema[] =
 
 // The applier as a dedicated user of a real Firebird server, holding only the grants that
 // docs/security.md lists: the replicated table's rows, the position table that the DBA made, and
-// EXECUTE on the one procedure that statement records run. Logs within those grants apply; a
-// statement record outside them stops the applier with the server's reason, and the replica stays
-// at the log before it. Without FBCDC_APPLIED made by the DBA, the applier makes it, which a user
-// without CREATE TABLE may not: it stops before any log. Each run of the applier is in
-// golden/least_privilege.txt, with the server's name of the test's directory as $/.
+// EXECUTE on the one procedure that statement records run; a snapshot of the table it may read
+// needs nothing more. Logs within those grants apply; a statement record outside them stops the
+// applier with the server's reason, and the replica stays at the log before it. Without
+// FBCDC_APPLIED made by the DBA, the applier makes it, which a user without CREATE TABLE may not:
+// it stops before any log. Each run of the applier is in golden/least_privilege.txt, with the
+// server's name of the test's directory as $/.
 using LeastPrivilegeTest = ApplyCases;
 
 TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
@@ -513,6 +514,15 @@ TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
     transcript += "apply to " + database + ": exit " + std::to_string(o.status) + "\n" + o.err +
                   "replica:" + std::regex_replace(r.output, std::regex("\\s+"), " ") + "\n";
   };
+  // A snapshot of the table it may read, as the same user: no administrator needed.
+  const FbcdcOutcome snap =
+      runFbcdc(dir, {"snapshot", "--database", server.database(dir / "granted.fdb"), "--tables",
+                     "T", "--output", dir / "snap", "--user", "FBCDC_APPLY", "--password-file",
+                     dir / "apply.pw"});
+  std::smatch read;
+  std::regex_search(snap.err, read, std::regex("[0-9]+ tables read.*, [0-9]+ rows"));
+  transcript += "snapshot of T: exit " + std::to_string(snap.status) + ", " +
+                (read.empty() ? snap.err : read.str()) + "\n";
   // Within the grants: a row inserted, a statement on the table, the granted procedure.
   publishChange(1, 'I', "T", 2, 20);
   publishSql(2, {"UPDATE T SET V = V + 1 WHERE ID = 2"});
