@@ -75,28 +75,29 @@ constexpr const char* kOwnNumber = "SELECT CAST(CURRENT_TRANSACTION AS BIGINT) F
 // transaction as open whose changes the rows already hold.
 std::vector<std::uint64_t> activeTransactions(Database& db) {
   const unsigned char item[] = {isc_info_active_transactions};
-  std::vector<unsigned char> reply(16 * 1024);
-  for (;;) {
-    db.attachment()->getInfo(db.status(), sizeof item, item, static_cast<unsigned>(reply.size()),
-                             reply.data());
-    std::vector<std::uint64_t> out;
-    std::size_t at = 0;
-    // Each entry: the item, a 2-byte length, the number in that many bytes, least significant
-    // first.
-    while (at + 3 <= reply.size() && reply[at] == isc_info_active_transactions) {
-      const std::size_t length = reply[at + 1] | reply[at + 2] << 8;
-      if (length > 8 || at + 3 + length > reply.size()) break;
-      std::uint64_t number = 0;
-      for (std::size_t i = 0; i < length; ++i)
-        number |= static_cast<std::uint64_t>(reply[at + 3 + i]) << (8 * i);
-      out.push_back(number);
-      at += 3 + length;
-    }
-    if (at < reply.size() && reply[at] == isc_info_end) return out;
-    if (at >= reply.size() || reply[at] != isc_info_truncated || reply.size() >= (64u << 20))
-      throw std::runtime_error("the server's list of active transactions could not be read");
-    reply.resize(reply.size() * 4);
+  // One answer, and no larger than the network protocol of older servers carries (a 16-bit
+  // length): each question starts a transaction of its own, which the boundary's check counts.
+  std::vector<unsigned char> reply(32767);
+  db.attachment()->getInfo(db.status(), sizeof item, item, static_cast<unsigned>(reply.size()),
+                           reply.data());
+  std::vector<std::uint64_t> out;
+  std::size_t at = 0;
+  // Each entry: the item, a 2-byte length, the number in that many bytes, least significant first.
+  while (at + 3 <= reply.size() && reply[at] == isc_info_active_transactions) {
+    const std::size_t length = reply[at + 1] | reply[at + 2] << 8;
+    if (length > 8 || at + 3 + length > reply.size()) break;
+    std::uint64_t number = 0;
+    for (std::size_t i = 0; i < length; ++i)
+      number |= static_cast<std::uint64_t>(reply[at + 3 + i]) << (8 * i);
+    out.push_back(number);
+    at += 3 + length;
   }
+  if (at < reply.size() && reply[at] == isc_info_end) return out;
+  if (at < reply.size() && reply[at] == isc_info_truncated)
+    throw std::runtime_error("more transactions are active than the server lists in one answer (" +
+                             std::to_string(out.size()) +
+                             " and more): take the snapshot when fewer are open");
+  throw std::runtime_error("the server's list of active transactions could not be read");
 }
 
 // The text of the error in a status the plugin's operations filled.
@@ -414,19 +415,20 @@ Firebird::ITransaction* SnapshotWriter::startUnpaused(std::uint64_t& own,
   // active before that is no longer active now, or one that began in between and has already
   // ended, may have committed before the reading transaction began or after: which, nothing
   // tells. Only when there is none is the list exact, and the reading transaction used. Between
-  // the look and the reading transaction, exactly one transaction always ended: the one the
-  // engine started for the first list.
+  // the look and the reading transaction exactly one transaction must have ended: the one the
+  // engine started to answer the first list. Any other count means a writer ended in between, or
+  // a server that answers without that transaction, whose gap could hide a writer's.
   std::sort(active.begin(), active.end());
   auto activeNow = [&active](std::uint64_t t) {
     return std::binary_search(active.begin(), active.end(), t);
   };
   bool exact = true;
   for (const std::uint64_t t : activeBefore)
-    if (t != lookNumber && !activeNow(t)) exact = false;
+    if (!activeNow(t)) exact = false;
   int ended = 0;
-  for (std::uint64_t t = lookNumber + 1; exact && t < own; ++t)
+  for (std::uint64_t t = lookNumber + 1; exact && ended < 2 && t < own; ++t)
     if (!activeNow(t)) ++ended;
-  exact = exact && ended <= 1;
+  exact = exact && ended == 1;
   if (exact) return reader;
   Database::rollbackQuietly(reader);
   return nullptr;
