@@ -1,8 +1,9 @@
 // The plugin's entry: interface versions, configurations read by Firebird's own parser, the output
-// directory, running out of memory, and the texts it reports.
+// directory, running out of memory, and the texts it reports and raises, cut to their buffers.
 #include "ReplPlugin.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -14,6 +15,7 @@
 
 #include "AllocationFaults.h"
 #include "PluginFixture.h"
+#include "ReplAutoException.h"
 #include "ReplStatus.h"
 
 extern "C" Firebird::IReplPlugin* getReplPlugin(Firebird::IStatus*, int, Firebird::IConfig*);
@@ -91,40 +93,39 @@ TEST(ReplPluginStart, VersionsAndConfigurations) {
   expectGolden("plugin/golden/start.txt", text + "\n");
 }
 
-// Running out of memory: the entry function returns null with the status untouched, and a failed
-// transaction start reports its fixed text and leaves the plugin usable.
-TEST(ReplPluginStart, AllocationFailures) {
-  PosixFaults::Scope faults;
-  TempDir dir;
-  FbStatus status;
-  writeFile(dir / "a.conf", "OutputDirectory = " + dir.path() + "logs\n");
-  Firebird::IConfig* config = loadConfig(dir / "a.conf");
-  AllocationFaults::failNextOfAtLeast(sizeof(ReplPlugin));
-  EXPECT_EQ(nullptr, getReplPlugin(status, 30, config));
-  EXPECT_EQ(0u, status.get()->getState());
-  EXPECT_FALSE(fileExists(dir / "logs"));
-  AllocationFaults::reset();
+using ReplPluginAllocation = PluginFixture;
 
-  Firebird::IReplPlugin* plugin = getReplPlugin(status, 30, config);
-  config->release();
-  ASSERT_NE(nullptr, plugin);
+// Running out of memory: a failed transaction start reports its fixed text and leaves the plugin
+// usable, and the entry function returns null with the status untouched and makes no directory.
+TEST_F(ReplPluginAllocation, FailuresLeaveNothingBehind) {
   AllocationFaults::failNextOfAtLeast(sizeof(ReplTransaction));
   EXPECT_EQ(nullptr, plugin->startTransaction(status, 1));
   EXPECT_EQ(cdcError("CDC error: Transaction initialization failed"), status.errors());
-  Firebird::IReplTransaction* t = plugin->startTransaction(status, 2);
-  ASSERT_NE(nullptr, t);
-  EXPECT_EQ(0, t->executeSql(status, "after", 1));
-  EXPECT_EQ(0, t->commit(status));
-  t->dispose();
-  EXPECT_EQ(1u, listDirectory(dir / "logs").size());
-  plugin->dispose();
+  Bytes after;
+  appendStatement(after, "after", 1);
+  EXPECT_EQ(after, recordStream([&](ReplTransaction* t) { t->executeSql(status, "after", 1); }));
+
+  clearLogs();
+  ::rmdir(logs.c_str());
+  status.get()->init();
+  Firebird::IConfig* config = loadConfig(dir / "plugin.conf");
+  AllocationFaults::failNextOfAtLeast(sizeof(ReplPlugin));
+  EXPECT_EQ(nullptr, getReplPlugin(status, 30, config));
   AllocationFaults::reset();
+  config->release();
+  EXPECT_EQ(0u, status.get()->getState());
+  EXPECT_FALSE(fileExists(logs));
 }
 
-// A text longer than the message buffer is cut, never written past its end. (That the buffer is the
-// calling thread's own, ThreadsTest shows: every thread's failure text is its own.)
-TEST(ReplStatusMessages, LongTextIsCut) {
+// Texts are cut, never written past their buffer's end: an exception's own text after 2046
+// characters, a status message at its buffer's size. (That the buffer is the calling thread's
+// own, ThreadsTest shows: every thread's failure text is its own.)
+TEST(OwnedTexts, AreFormattedAndCut) {
   const std::string longText(20000, 'x');
+  EXPECT_EQ("auto TAG: value 42",
+            failureOf([] { ReplAutoException::raise("TAG", "%s %d", "value", 42); }));
+  EXPECT_EQ("auto TAG: " + std::string(2046, 'x'),
+            failureOf([&] { ReplAutoException::raise("TAG", "%s", longText.c_str()); }));
   EXPECT_EQ(std::string(ReplStatus::kMessageBufferSize - 1, 'x'),
             ReplStatus::format("%s", longText.c_str()));
 }

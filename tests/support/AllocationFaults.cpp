@@ -7,18 +7,12 @@
 namespace AllocationFaults {
 namespace {
 std::atomic<std::size_t> failSize{0};
-std::atomic<long> allocations{0};
 }  // namespace
 
 void failNextOfAtLeast(std::size_t minimumSize) { failSize = minimumSize; }
-long count() { return allocations; }
-void reset() {
-  failSize = 0;
-  allocations = 0;
-}
+void reset() { failSize = 0; }
 
 void* allocate(std::size_t size) {
-  ++allocations;
   std::size_t armed = failSize;
   if (armed != 0 && size >= armed && failSize.compare_exchange_strong(armed, 0))
     throw std::bad_alloc();

@@ -59,35 +59,23 @@ std::string TransactionScript::addField(LiteralRow& row, bool old, bool& skipped
   float f;
   std::memcpy(&f, &raw, 4);
   const std::string scaled = " scale " + std::to_string(scale) + " ";
-  switch (type) {
-    case 1:  // the pad of its character set is dropped
-      while (!value.empty() && value.back() == (charSet == 1 ? '\0' : ' ')) value.pop_back();
-      [[fallthrough]];
-    case 2:
-    case 3:
-      return "text" + std::to_string(type) + " cs" + std::to_string(charSet) + " " + hexOf(value);
-    case 8:
-      return "short" + scaled + std::to_string(static_cast<std::int16_t>(raw));
-    case 9:
-      return "long" + scaled + std::to_string(static_cast<std::int32_t>(raw));
-    case 19:
-      return "int64" + scaled + std::to_string(static_cast<std::int64_t>(raw));
-    case 11:
-      return "float " + bitsOf(static_cast<double>(f));
-    case 12:
-      return "double " + std::to_string(raw);
-    case 14:
-      return "date " + std::to_string(static_cast<std::int32_t>(raw));
-    case 15:
-      return "time " + std::to_string(static_cast<std::uint32_t>(raw));
-    case 16:
-      return "timestamp " + std::to_string(static_cast<std::int32_t>(raw)) + " " +
-             std::to_string(raw >> 32);
-    case 21:
-      return "boolean " + std::to_string(raw);
-    default:
-      return "refused";  // blobs without attachment, and types no log can hold
-  }
+  // A CHAR drops the pad of its character set.
+  while (type == 1 && !value.empty() && value.back() == (charSet == 1 ? '\0' : ' '))
+    value.pop_back();
+  if (type <= 3)
+    return "text" + std::to_string(type) + " cs" + std::to_string(charSet) + " " + hexOf(value);
+  if (type == 8) return "short" + scaled + std::to_string(static_cast<std::int16_t>(raw));
+  if (type == 9) return "long" + scaled + std::to_string(static_cast<std::int32_t>(raw));
+  if (type == 19) return "int64" + scaled + std::to_string(static_cast<std::int64_t>(raw));
+  if (type == 11) return "float " + bitsOf(static_cast<double>(f));
+  if (type == 12) return "double " + std::to_string(raw);
+  if (type == 14) return "date " + std::to_string(static_cast<std::int32_t>(raw));
+  if (type == 15) return "time " + std::to_string(static_cast<std::uint32_t>(raw));
+  if (type == 16)
+    return "timestamp " + std::to_string(static_cast<std::int32_t>(raw)) + " " +
+           std::to_string(raw >> 32);
+  if (type == 21) return "boolean " + std::to_string(raw);
+  return "refused";  // blobs without attachment, and types no log can hold
 }
 
 std::string TransactionScript::play(Firebird::IReplPlugin* plugin, std::uint64_t number,
