@@ -12,7 +12,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <functional>
 #include <memory>
 #include <tuple>
@@ -42,13 +41,10 @@ class EndlessCursor : public Firebird::IReplField {
   std::int32_t value_ = 1;
 };
 
-// A row image whose cursor is the given one (null included).
-class Image : public Firebird::IReplRecord {
+// A row image of relation T whose cursor is the given one (null included).
+class Image : public LiteralRow {
  public:
-  explicit Image(Firebird::IReplField* cursor) : cursor_(cursor) {}
-  std::uint32_t unusedSlot0() override { return 0; }
-  const char* getName() override { return "T"; }
-  std::uint32_t unusedSlot2() override { return 0; }
+  explicit Image(Firebird::IReplField* cursor) : LiteralRow("T"), cursor_(cursor) {}
   Firebird::IReplField* getFields() override { return cursor_; }
 
  private:

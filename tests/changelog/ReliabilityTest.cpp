@@ -15,13 +15,10 @@
 // only with the earlier writes to its file (a journalling file system). No state holds a ".fbl"
 // that is not whole; with DurableLogs = true every transaction whose dispose returned has its
 // ".fbl" whole. A transaction that records nothing touches no file.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <cerrno>
 #include <functional>
-#include <map>
-#include <random>
 
 #include "CrashStates.h"
 #include "EmbeddedDatabase.h"
@@ -59,7 +56,6 @@ struct Scenario {
 };
 
 using CrashStates::Op;
-using PosixFaults::Recorded;
 
 struct Recording {
   std::vector<Op> ops;

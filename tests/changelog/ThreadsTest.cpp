@@ -19,9 +19,8 @@ using ThreadsTest = PluginFixture;
 
 TEST_F(ThreadsTest, ThirtyTwoThreadsKeepTheirLogsAndTexts) {
   static const int kErrors[] = {EIO, ENOSPC, EACCES, EINTR, EROFS, EDQUOT, EFBIG, EPERM};
-  const int transactions = std::getenv("FBCDC_THREAD_TRANSACTIONS")
-                               ? std::atoi(std::getenv("FBCDC_THREAD_TRANSACTIONS"))
-                               : 200;
+  const char* count = std::getenv("FBCDC_THREAD_TRANSACTIONS");
+  const int transactions = count ? std::atoi(count) : 200;
   std::vector<std::thread> workers;
   std::vector<std::string> problems(32);
   for (int w = 0; w < 32; ++w) {

@@ -92,12 +92,9 @@ Bytes randomBytes(std::size_t n, unsigned seed) {
 
 std::string hex(const Bytes& bytes) {
   std::string out;
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i) out += ' ';
-    out += "0123456789ABCDEF"[bytes[i] >> 4];
-    out += "0123456789ABCDEF"[bytes[i] & 15];
-  }
-  return out;
+  for (const std::uint8_t b : bytes)
+    out += {' ', "0123456789ABCDEF"[b >> 4], "0123456789ABCDEF"[b & 15]};
+  return out.empty() ? out : out.substr(1);
 }
 
 std::uint32_t slowCrc32c(const std::uint8_t* data, std::size_t length) {

@@ -174,9 +174,8 @@ std::string TransactionScript::play(Firebird::IReplPlugin* plugin, std::uint64_t
     return refused.empty() ? std::string("the log does not decode: ") + e.what() : "";
   }
   if (!refused.empty() || got == expected) return "";
-  std::size_t i = 0;
-  while (i < got.size() && i < expected.size() && got[i] == expected[i]) ++i;
-  return "event " + std::to_string(i) + " of " + std::to_string(expected.size()) + ": " +
-         (i < got.size() ? got[i] : "none") + ", expected " +
-         (i < expected.size() ? expected[i] : "none");
+  const auto [g, e] = std::mismatch(got.begin(), got.end(), expected.begin(), expected.end());
+  return "event " + std::to_string(e - expected.begin()) + " of " +
+         std::to_string(expected.size()) + ": " + (g == got.end() ? "none" : *g) + ", expected " +
+         (e == expected.end() ? "none" : *e);
 }
