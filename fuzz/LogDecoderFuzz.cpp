@@ -31,15 +31,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       decoder.streamBlobs(mode & 32, [](std::string_view, const std::uint8_t*, std::size_t) {});
     decoder.open(fuzzPath());
     writer->beginLog(LogInfo{"fuzz.fbl", 1, 1700000000});
-    for (;;) {
-      const ChangeEvent& e = decoder.next();
-      if (e.kind == ChangeEvent::Kind::kEnd) {
-        writer->endLog(e);
-        break;
-      }
-      writer->event(e);
+    const ChangeEvent* e = &decoder.next();
+    for (; e->kind != ChangeEvent::Kind::kEnd; e = &decoder.next()) {
+      writer->event(*e);
       if (writer->pending().size() > (1 << 20)) writer->clear();
     }
+    writer->endLog(*e);
     decoded = true;
   } catch (const LogFormatError&) {
   }

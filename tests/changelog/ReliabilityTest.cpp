@@ -19,6 +19,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <tuple>
 
 #include "CrashStates.h"
 #include "EmbeddedDatabase.h"
@@ -148,14 +149,11 @@ using CrashStateTest = Workload;
 
 TEST_F(FaultSweepTest, EveryCallFailsInTurn) {
   using namespace PosixFaults;
-  // Each fault: a call, its errno, or (errno 0) the most bytes it transfers: a short write that is
-  // continued, a write that makes no progress, and a block read back short or not at all.
-  struct Fault {
-    Call call;
-    int error;
-    long limit;
-  };
-  std::vector<Fault> kinds = {{kWrite, 0, 100}, {kWrite, 0, 0}, {kRead, 0, 32767}, {kRead, 0, 0}};
+  // Each fault: a call, its errno, or (errno 0) the most bytes it transfers: none at first (the
+  // run without a fault), a short write that is continued, a write that makes no progress, and a
+  // block read back short or not at all.
+  std::vector<std::tuple<Call, int, long>> kinds = {
+      {kOpen, 0, -1}, {kWrite, 0, 100}, {kWrite, 0, 0}, {kRead, 0, 32767}, {kRead, 0, 0}};
   for (int k = 0; k < kCalls; ++k)
     for (const int error : {EIO, ENOSPC, EEXIST, EACCES, EINTR})
       kinds.push_back({static_cast<Call>(k), error, 0});
@@ -165,17 +163,16 @@ TEST_F(FaultSweepTest, EveryCallFailsInTurn) {
     const std::string config =
         std::string("OutputDirectory = ") + logs + "\n" + (s.durable ? "DurableLogs = true\n" : "");
     Bytes clean;  // the log that the run without a fault publishes
-    for (std::size_t f = 0; f <= kinds.size(); ++f) {
-      const Fault fault = f == 0 ? Fault{kOpen, 0, -1} : kinds[f - 1];
-      const Call kind = fault.call;
+    for (std::size_t f = 0; f < kinds.size(); ++f) {
+      const auto [kind, error, limit] = kinds[f];
       for (int nth = f == 0 ? 0 : 1;; ++nth) {
         SCOPED_TRACE(std::string(s.name) + ": " + nameOf(kind) + " " + std::to_string(nth) +
-                     " fails with " + std::to_string(fault.error) + " or transfers " +
-                     std::to_string(fault.limit));
+                     " fails with " + std::to_string(error) + " or transfers " +
+                     std::to_string(limit));
         const std::size_t before = listDirectory("/proc/self/fd").size();
         reset();
-        if (nth > 0 && fault.error) failAt(kind, nth, fault.error);
-        if (nth > 0 && !fault.error) limitAt(kind, nth, fault.limit);
+        if (nth > 0 && error) failAt(kind, nth, error);
+        if (nth > 0 && !error) limitAt(kind, nth, limit);
         FbStatus status, st;
         Firebird::IReplPlugin* plugin = startPlugin(status, dir / "plugin.conf", config);
         Firebird::IReplTransaction* t = plugin ? plugin->startTransaction(status, 7) : nullptr;
@@ -193,8 +190,7 @@ TEST_F(FaultSweepTest, EveryCallFailsInTurn) {
         // (A failed cut, for one, leaves a committed log; its stale tail is checked below.)
         const bool ignored = kind == kFtruncate64 || kind == kClose || kind == kRename ||
                              kind == kRemove || (kind == kFsync && s.durable) ||
-                             (kind == kWrite && fault.limit > 0) ||
-                             (kind == kMkdir && fault.error == EEXIST);
+                             (kind == kWrite && limit > 0) || (kind == kMkdir && error == EEXIST);
         EXPECT_EQ(fired && !ignored, !ran || (s.commits && !committed))
             << "reported the wrong failures";
 
