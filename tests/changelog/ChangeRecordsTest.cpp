@@ -63,6 +63,10 @@ class ForwardingAttachment : public Firebird::IAttachment {
     table_.version = VERSION;
     table_.openBlob = openBlob;
     cloopVTable = &table_;
+    blobTable_.version = Firebird::IBlob::VERSION;
+    blobTable_.getSegment = getSegment;
+    blobTable_.close = close;
+    blobTable_.release = release;
   }
 
   int opened = 0, givenUp = 0, extraReleases = 0;
@@ -71,15 +75,7 @@ class ForwardingAttachment : public Firebird::IAttachment {
   struct Blob : Firebird::IBlob {
     Blob(ForwardingAttachment& owner, Firebird::IBlob* real)
         : IBlob(Firebird::DoNotInherit()), owner(owner), real(real) {
-      static Firebird::IBlob::VTable table = [] {
-        Firebird::IBlob::VTable t{};
-        t.version = VERSION;
-        t.getSegment = ForwardingAttachment::getSegment;
-        t.close = ForwardingAttachment::close;
-        t.release = ForwardingAttachment::release;
-        return t;
-      }();
-      cloopVTable = &table;
+      cloopVTable = &owner.blobTable_;
     }
     // Counts a read; before the one numbered closeAt the engine's blob is closed, kept alive.
     Blob& read() {
@@ -136,6 +132,7 @@ class ForwardingAttachment : public Firebird::IAttachment {
   Firebird::IAttachment* real_;
   const int closeAt_;
   Firebird::IAttachment::VTable table_{};
+  Firebird::IBlob::VTable blobTable_{};
   std::vector<std::unique_ptr<Blob>> blobs_;
 };
 

@@ -12,20 +12,13 @@ std::atomic<std::size_t> failSize{0};
 void failNextOfAtLeast(std::size_t minimumSize) { failSize = minimumSize; }
 void reset() { failSize = 0; }
 
-void* allocate(std::size_t size) {
+// A failure throws std::bad_alloc, or with orNull (the nothrow forms) returns null.
+void* allocate(std::size_t size, bool orNull = false) {
   std::size_t armed = failSize;
-  if (armed != 0 && size >= armed && failSize.compare_exchange_strong(armed, 0))
-    throw std::bad_alloc();
-  if (void* p = std::malloc(size ? size : 1)) return p;
+  const bool fail = armed != 0 && size >= armed && failSize.compare_exchange_strong(armed, 0);
+  if (void* p = fail ? nullptr : std::malloc(size ? size : 1)) return p;
+  if (orNull) return nullptr;
   throw std::bad_alloc();
-}
-
-void* allocateOrNull(std::size_t size) noexcept {
-  try {
-    return allocate(size);
-  } catch (...) {
-    return nullptr;
-  }
 }
 
 }  // namespace AllocationFaults
@@ -34,10 +27,10 @@ void* allocateOrNull(std::size_t size) noexcept {
 void* operator new(std::size_t size) { return AllocationFaults::allocate(size); }
 void* operator new[](std::size_t size) { return AllocationFaults::allocate(size); }
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return AllocationFaults::allocateOrNull(size);
+  return AllocationFaults::allocate(size, true);
 }
 void* operator new[](std::size_t size, const std::nothrow_t&) noexcept {
-  return AllocationFaults::allocateOrNull(size);
+  return AllocationFaults::allocate(size, true);
 }
 void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
