@@ -7,13 +7,19 @@
 namespace AllocationFaults {
 namespace {
 std::atomic<std::size_t> failSize{0};
+std::atomic<long> allocations{0};
 }  // namespace
 
 void failNextOfAtLeast(std::size_t minimumSize) { failSize = minimumSize; }
-void reset() { failSize = 0; }
+long count() { return allocations; }
+void reset() {
+  failSize = 0;
+  allocations = 0;
+}
 
 // A failure throws std::bad_alloc, or with orNull (the nothrow forms) returns null.
 void* allocate(std::size_t size, bool orNull = false) {
+  ++allocations;
   std::size_t armed = failSize;
   const bool fail = armed != 0 && size >= armed && failSize.compare_exchange_strong(armed, 0);
   if (void* p = fail ? nullptr : std::malloc(size ? size : 1)) return p;

@@ -22,6 +22,7 @@ struct Rule {
 Rule rules[kCalls];
 std::atomic<int> counts[kCalls];
 std::atomic<int> firedCount{0};
+std::atomic<long> readBytes{0};
 std::atomic<std::time_t> fixedTime{0};
 std::atomic<int> timeAfterCall{-1};
 std::atomic<std::time_t> timeAfter{0};
@@ -76,6 +77,7 @@ void failInThisThread(Call call, int nth, int error) {
 }
 int calls(Call call) { return counts[call]; }
 int fired() { return firedCount; }
+long bytesRead() { return readBytes; }
 void setTime(std::time_t t) { fixedTime = t; }
 void setTimeAfter(Call call, std::time_t t) {
   timeAfter = t;
@@ -109,6 +111,7 @@ std::size_t takeRecordingSize() {
 void reset() {
   for (int i = 0; i < kCalls; ++i) rules[i] = Rule{}, counts[i] = 0;
   firedCount = 0;
+  readBytes = 0;
   fixedTime = 0;
   timeAfterCall = -1;
 }
@@ -162,7 +165,9 @@ ssize_t __wrap_read(int fd, void* data, size_t size) {
   long limit = -1;
   if (inject(kRead, &limit)) return -1;
   if (limit >= 0 && static_cast<size_t>(limit) < size) size = static_cast<size_t>(limit);
-  return size == 0 ? 0 : __real_read(fd, data, size);
+  const ssize_t got = size == 0 ? 0 : __real_read(fd, data, size);
+  if (got > 0) readBytes += got;
+  return got;
 }
 
 int __wrap_close(int fd) {

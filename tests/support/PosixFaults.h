@@ -36,6 +36,8 @@ void limitAt(Call call, int nth, long bytes);
 void failInThisThread(Call call, int nth, int error);
 // How many calls of this kind were made since the last reset.
 int calls(Call call);
+// Bytes that read calls returned since the last reset.
+long bytesRead();
 // How many calls were failed or limited since the last reset.
 int fired();
 // Makes time() return t until reset; 0 restores the clock.
