@@ -95,7 +95,7 @@ std::unique_ptr<::RedisServer> startRedis(benchmark::State& state) {
 
 RedisSink::Options redisOptions(const ::RedisServer& server) {
   RedisSink::Options o;
-  o.port = server.port();
+  RedisSink::setAddress(o, server.address());
   o.maxlen = 100000;
   return o;
 }
