@@ -519,10 +519,7 @@ TEST_F(LeastPrivilegeTest, StatementOutsideTheGrantsStopsTheApplier) {
       runFbcdc(dir, {"snapshot", "--database", server.database(dir / "granted.fdb"), "--tables",
                      "T", "--output", dir / "snap", "--user", "FBCDC_APPLY", "--password-file",
                      dir / "apply.pw"});
-  std::smatch read;
-  std::regex_search(snap.err, read, std::regex("[0-9]+ tables read.*, [0-9]+ rows"));
-  transcript += "snapshot of T: exit " + std::to_string(snap.status) + ", " +
-                (read.empty() ? snap.err : read.str()) + "\n";
+  transcript += "snapshot of T: exit " + std::to_string(snap.status) + "\n";
   // Within the grants: a row inserted, a statement on the table, the granted procedure.
   publishChange(1, 'I', "T", 2, 20);
   publishSql(2, {"UPDATE T SET V = V + 1 WHERE ID = 2"});
