@@ -10,7 +10,6 @@
 
 namespace {
 
-constexpr std::int64_t kKeyRange = Workload::kKeyRange;
 // The sequence that key ranges are taken from. It starts below the first range, leaving the keys
 // under it to the hot rows.
 const char kKeySequence[] = "WORKLOAD_KEYS";
