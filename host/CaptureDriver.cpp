@@ -40,11 +40,9 @@ std::uint64_t transactionNumber(Database& db, Firebird::ITransaction* transactio
   unsigned char buffer[32] = {0};
   transaction->getInfo(db.status(), sizeof items, items, sizeof buffer, buffer);
   if (buffer[0] != isc_info_tra_id) throw std::runtime_error("no transaction number");
-  const int length = buffer[1] | buffer[2] << 8;
-  std::uint64_t number = 0;
-  for (int i = 0; i < length && i < 8; ++i)
-    number |= static_cast<std::uint64_t>(buffer[3 + i]) << (8 * i);
-  return number;
+  const auto length = static_cast<std::uint16_t>(isc_portable_integer(buffer + 1, 2));
+  return static_cast<std::uint64_t>(
+      isc_portable_integer(buffer + 3, static_cast<short>(std::min<std::uint16_t>(length, 8))));
 }
 
 // Hands a transaction's changes to the plugin, timing every call into it; the plugin reads blobs

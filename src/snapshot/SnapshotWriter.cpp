@@ -82,14 +82,12 @@ std::vector<std::uint64_t> activeTransactions(Database& db) {
                            reply.data());
   std::vector<std::uint64_t> out;
   std::size_t at = 0;
-  // Each entry: the item, a 2-byte length, the number in that many bytes, least significant first.
+  // Each entry: the item, a 2-byte length, the number in that many bytes.
   while (at + 3 <= reply.size() && reply[at] == isc_info_active_transactions) {
-    const std::size_t length = reply[at + 1] | reply[at + 2] << 8;
+    const auto length = static_cast<std::uint16_t>(isc_portable_integer(&reply[at + 1], 2));
     if (length > 8 || at + 3 + length > reply.size()) break;
-    std::uint64_t number = 0;
-    for (std::size_t i = 0; i < length; ++i)
-      number |= static_cast<std::uint64_t>(reply[at + 3 + i]) << (8 * i);
-    out.push_back(number);
+    out.push_back(static_cast<std::uint64_t>(
+        isc_portable_integer(&reply[at + 3], static_cast<short>(length))));
     at += 3 + length;
   }
   if (at < reply.size() && reply[at] == isc_info_end) return out;
